@@ -46,12 +46,16 @@ inline const Api kMethods = {
     [](auto& control) { TheBridge().UnregisterPublisher(control); },
     [](auto& control, auto& callback) { TheBridge().RegisterSubscriber(control, callback); },
     [](auto& control, auto handle) { TheBridge().UnregisterSubscriber(control, handle); },
-    [](auto& control, auto&& message) { return TheBridge().Publish(control, std::move(message)); },
+    [](auto& control, std::any&& message) {
+      return TheBridge().Publish(control, std::move(message));
+    },
     [](auto& control) { TheBridge().RegisterClient(control); },
     [](auto& control) { TheBridge().UnregisterClient(control); },
     [](auto& control, auto& callback) { TheBridge().RegisterServer(control, callback); },
     [](auto& control) { TheBridge().UnregisterServer(control, 42); },
-    [](auto& control, auto&& request) { return TheBridge().Call(control, std::move(request)); },
+    [](auto& control, bridge::RequestCallback&& request) {
+      return TheBridge().Call(control, std::move(request));
+    },
     [] { return TheBridge().RunOneceStep(); },
     [] { TheBridge().SpinOnce(); },
     [](auto workers) { TheBridge().Spin(workers); },

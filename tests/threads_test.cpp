@@ -275,6 +275,7 @@ TEST_P(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
     left = true;
   });
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int number = 0; number < kThreads; ++number) threads.emplace_back(use, number);
   for (auto& thread : threads) thread.join();
   done = true;

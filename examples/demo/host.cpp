@@ -35,7 +35,7 @@ Module Load(const std::string& path) {
 // Returns a request that stores the server's answer and then `done`s.
 template <typename Answer>
 bridge::RequestCallback Store(
-    Answer& answer, std::function<void()> done = [] {}) {
+    Answer& answer, const std::function<void()>& done = [] {}) {
   return [&answer, done](const demo::Server& serve) {
     std::any response;
     serve(std::any(), response);

@@ -1,0 +1,7 @@
+# Hands over to the NDK's own toolchain file.
+set(ndk_toolchain "$ENV{ANDROID_NDK_HOME}/build/cmake/android.toolchain.cmake")
+if(NOT EXISTS "${ndk_toolchain}")
+  message(FATAL_ERROR "Set ANDROID_NDK_HOME to the folder of an Android NDK, the one in which "
+                      "build/cmake/android.toolchain.cmake is.")
+endif()
+include("${ndk_toolchain}")

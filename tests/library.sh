@@ -1,0 +1,26 @@
+#!/bin/sh
+# library.sh NM READELF LIBRARY [android]: checks what the built library shows to the linker.
+set -eu
+nm=$1 readelf=$2 library=$3
+here=$(dirname "$0")
+
+# Prints the values of a tag of the dynamic section.
+dynamic() { "$readelf" -dW "$library" | sed -n "s/.*($1).*\[\(.*\)\]/\1/p"; }
+expect() { # WHAT ACTUAL EXPECTED
+  [ "$2" = "$3" ] || { printf '%s: %s\nexpected: %s\n' "$1" "$2" "$3"; exit 1; }
+}
+
+"$nm" -D --defined-only --demangle "$library" |
+  sed -E 's/^[0-9a-f]+ . //; s/\(.*//' | LC_ALL=C sort | diff "$here/exports.txt" -
+expect "undefined log function" \
+  "$("$nm" -D --undefined-only "$library" | grep -o '__android_log_print')" __android_log_print
+expect SONAME "$(dynamic SONAME)" libcom.quenmar.zorvix.so
+
+if [ "${4:-}" = android ]; then
+  expect NEEDED "$(dynamic NEEDED | grep -v -x -e 'lib[cm].so' -e libdl.so | sort | xargs)" \
+    "libc++_shared.so liblog.so"
+  expect "alignment of LOAD segments" \
+    "$("$readelf" -lW "$library" | awk '$1 == "LOAD" {print $NF}' | sort -u)" 0x4000
+  "$readelf" -nW "$library" | grep -q 'Build ID: [0-9a-f]'
+fi
+echo "$library is as it should be"
