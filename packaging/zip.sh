@@ -1,0 +1,6 @@
+#!/bin/sh
+# zip.sh FOLDER FILE: packs a folder so that equal contents give equal bytes.
+set -eu
+cd "$1"
+find . -type f -exec touch -d '1980-01-01 00:00:00 UTC' {} + -exec chmod 644 {} +
+find . -type f | sed 's|^\./||' | LC_ALL=C sort | TZ=UTC zip -q -X -D -@ "$2"

@@ -1,0 +1,63 @@
+# Unpacks the AAR, validates every field, builds a user's project from nothing but its contents and
+# runs it; two packings must give the same bytes.
+function(expect what actual expected)
+  if(NOT actual STREQUAL expected)
+    message(FATAL_ERROR "${what} is ${actual}, expected ${expected}")
+  endif()
+endfunction()
+function(run)
+  execute_process(COMMAND ${ARGV} COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+
+string(REPLACE "android-" "" API ${PLATFORM})
+file(READ ${NDK_FOLDER}/source.properties NDK)
+string(REGEX REPLACE ".*Pkg.Revision *= *([0-9]+).*" "\\1" NDK "${NDK}")
+
+set(AAR ${BUILD}/zorvix-${VERSION}.aar)
+run(${CMAKE_COMMAND} --build ${BUILD} --target aar)
+file(SHA256 ${AAR} first)
+run(${CMAKE_COMMAND} --build ${BUILD} --target aar)
+file(SHA256 ${AAR} second)
+expect("second packing" ${second} ${first})
+
+file(REMOVE_RECURSE ${WORK})
+file(ARCHIVE_EXTRACT INPUT ${AAR} DESTINATION ${WORK}/aar)
+file(GLOB_RECURSE files RELATIVE ${WORK}/aar ${WORK}/aar/*)
+set(module prefab/modules/zorvix)
+set(libs ${module}/libs/android.arm64-v8a)
+expect("list of files" "${files}" "AndroidManifest.xml;${module}/include/zorvix/zorvix.h;${module}/include/zorvix/zorvix_flat.h;${libs}/abi.json;${libs}/libcom.quenmar.zorvix.so;${module}/module.json;prefab/prefab.json")
+
+foreach(field
+    "prefab/prefab.json|name|zorvix" "prefab/prefab.json|schema_version|2"
+    "prefab/prefab.json|version|${VERSION}" "prefab/prefab.json|dependencies|[]"
+    "${module}/module.json|library_name|libcom.quenmar.zorvix"
+    "${module}/module.json|export_libraries|[ \"-llog\" ]"
+    "${libs}/abi.json|abi|arm64-v8a" "${libs}/abi.json|api|${API}" "${libs}/abi.json|ndk|${NDK}"
+    "${libs}/abi.json|stl|c++_shared" "${libs}/abi.json|static|OFF")
+  string(REPLACE "|" ";" field "${field}")
+  list(GET field 0 path)
+  list(GET field 1 name)
+  list(GET field 2 expected)
+  file(READ ${WORK}/aar/${path} json)
+  string(JSON value GET "${json}" ${name})
+  expect("${path}: ${name}" "${value}" "${expected}")
+endforeach()
+file(READ ${WORK}/aar/AndroidManifest.xml manifest)
+if(NOT manifest MATCHES "package=\"com.quenmar.zorvix\".*minSdkVersion=\"${API}\"")
+  message(FATAL_ERROR "unexpected manifest: ${manifest}")
+endif()
+
+file(SIZE ${WORK}/aar/${libs}/libcom.quenmar.zorvix.so stripped)
+file(SIZE ${UNSTRIPPED} unstripped)
+if(NOT stripped LESS unstripped)
+  message(FATAL_ERROR "the packed library is not stripped")
+endif()
+
+run(${CMAKE_COMMAND} -S ${CONSUMER} -B ${WORK}/consumer -G Ninja -DWAY=aar -DZORVIX_AAR=${WORK}/aar
+    -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DANDROID_ABI=arm64-v8a -DANDROID_PLATFORM=android-${API}
+    -DANDROID_STL=c++_shared)
+run(${CMAKE_COMMAND} --build ${WORK}/consumer)
+if(EMULATOR)
+  file(COPY ${WORK}/aar/${libs}/libcom.quenmar.zorvix.so DESTINATION ${WORK}/consumer)
+  run(${EMULATOR} ${WORK}/consumer/consumer)
+endif()
