@@ -211,7 +211,11 @@ TEST_P(Bridge, LastParticipantOutRemovesTheName) {
     first = make();
     kind.join(first);
     EXPECT_EQ(TakeLog(), Lines{"W: register control is expired!"});
+    second = make();
+    kind.join(second);
+    EXPECT_EQ(second, first) << "the name now stands for the new object";
     first.reset();
+    second.reset();
     Endpoint stranger = make();
     kind.leave(stranger);
     EXPECT_EQ(stranger, nullptr);

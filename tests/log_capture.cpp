@@ -4,6 +4,7 @@
 #include <zorvix/zorvix.h>  // declares the same function as liblog's header does
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -19,6 +20,7 @@ struct Captured {
   std::condition_variable changed;
   Lines lines;
   std::string position;
+  std::atomic<std::size_t> count{0};
 };
 
 Captured& Log() {
@@ -47,14 +49,18 @@ extern "C" __attribute__((visibility("default"))) int __android_log_print(int pr
   const std::lock_guard lock(Log().mutex);
   Log().lines.push_back(line);
   Log().position = position;
+  ++Log().count;
   Log().changed.notify_all();
   return 1;
 }
 
 Lines TakeLog() {
   const std::lock_guard lock(Log().mutex);
+  Log().count = 0;
   return std::exchange(Log().lines, {});
 }
+
+std::size_t LogCount() { return Log().count; }
 
 std::string LastPosition() {
   const std::lock_guard lock(Log().mutex);

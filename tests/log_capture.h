@@ -17,6 +17,9 @@ Lines TakeLog();
 // Returns the path and line, "path:line", of the last line that was logged.
 std::string LastPosition();
 
+// Returns how many lines have been logged since the last TakeLog, fit for polling.
+std::size_t LogCount();
+
 // Blocks until `count` lines that contain `text` have been logged since the last TakeLog.
 void WaitForLog(const std::string& text, std::size_t count = 1);
 

@@ -35,6 +35,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -235,35 +236,34 @@ class Zorvix {
 };
 
 inline std::string Zorvix::GetRealName(const std::shared_ptr<const Control>& control) {
-  constexpr std::size_t kLongestSuffix = sizeof("/Service/SignleAsync") - 1;
-  std::string real_name;
-  real_name.reserve(control->name.size() + kLongestSuffix);
-  real_name += control->name;
+  std::string_view module = "/Unknown/";
   switch (control->bridge_module) {
     case BridgeModule::Topic:
-      real_name += "/Topic/";
+      module = "/Topic/";
       break;
     case BridgeModule::Service:
-      real_name += "/Service/";
+      module = "/Service/";
       break;
     default:
       BRIDGE_LOG(kLogError, "Unknown BridgeModule!");
-      real_name += "/Unknown/";
   }
+  std::string_view type = "Unknown";
   switch (control->bridge_type) {
     case BridgeType::Sync:
-      real_name += "Sync";
+      type = "Sync";
       break;
     case BridgeType::Async:
-      real_name += "Async";
+      type = "Async";
       break;
     case BridgeType::SignleAsync:
-      real_name += "SignleAsync";
+      type = "SignleAsync";
       break;
     default:
       BRIDGE_LOG(kLogError, "Unknown BridgeType!");
-      real_name += "Unknown";
   }
+  std::string real_name;
+  real_name.reserve(control->name.size() + module.size() + type.size());
+  real_name.append(control->name).append(module).append(type);
   return real_name;
 }
 
