@@ -1,4 +1,6 @@
 // The cases, in the order of the table.
+#include <zorvix/zorvix.h>
+
 #include <algorithm>
 #include <any>
 #include <array>
@@ -17,7 +19,6 @@
 
 #include "floor.h"
 #include "harness.h"
-#include "zorvix/zorvix.h"
 
 namespace {
 
@@ -31,8 +32,8 @@ using Signal = boost::signals2::signal<void(const std::any&)>;
 using Context = boost::asio::io_context;
 
 Zorvix& zorvix = Zorvix::GetInstance();
-Floor
-    bare;  // one for the process like the bridge, so that the tables of both have the same history
+// One for the process like the bridge, so that the tables of both have the same history.
+Floor bare;
 
 constexpr int kRounds = 150;
 constexpr std::size_t kBatch = 64;

@@ -91,8 +91,10 @@ void Floor::Post(const std::shared_ptr<const Control>& control, bridge::Message&
   subscribers_lock.unlock();
   controls_lock.unlock();
   for (const auto& callback : *callbacks) {
-    bridge::Task task = [name = std::move(name), callback = callback,
-                         message = std::move(message)] { Guarded(*callback, message, name); };
+    bridge::Task task = [name = std::exchange(name, {}), callback = callback,
+                         message = std::exchange(message, {})] {
+      Guarded(*callback, message, name);
+    };
     const std::lock_guard lock(events_mutex_);
     events_.push_back(std::move(task));
   }

@@ -7,6 +7,8 @@
 #ifndef ZORVIX_BENCH_FLOOR_H_
 #define ZORVIX_BENCH_FLOOR_H_
 
+#include <zorvix/zorvix.h>
+
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -15,8 +17,6 @@
 #include <string>
 #include <unordered_map>
 #include <vector>
-
-#include "zorvix/zorvix.h"
 
 class ZORVIX_EXPORT Floor {
  public:

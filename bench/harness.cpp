@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>
+#include <zorvix/zorvix.h>
 
 #include <algorithm>
 #include <array>
@@ -19,8 +20,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "zorvix/zorvix.h"
 
 namespace {
 

@@ -23,6 +23,7 @@
 #ifndef ZORVIX_ZORVIX_H_
 #define ZORVIX_ZORVIX_H_
 
+#include <algorithm>
 #include <any>
 #include <atomic>
 #include <condition_variable>
@@ -119,7 +120,9 @@ class Zorvix {
 
   // Returns name/module/type, such as "camera/Topic/Async". `control` must not be empty.
   // Logs ERROR for a module or type out of range, which gives the text "Unknown".
-  static std::string GetRealName(const std::shared_ptr<const Control>& control);
+  // Hidden, so that each module has its own copy and can be unloaded.
+  __attribute__((visibility("hidden"))) static std::string GetRealName(
+      const std::shared_ptr<const Control>& control);
 
   // Joins a topic as publisher.
   // Logs WARN when all earlier owners of the name dropped it without unregistering.
@@ -236,34 +239,20 @@ class Zorvix {
 };
 
 inline std::string Zorvix::GetRealName(const std::shared_ptr<const Control>& control) {
-  std::string_view module = "/Unknown/";
-  switch (control->bridge_module) {
-    case BridgeModule::Topic:
-      module = "/Topic/";
-      break;
-    case BridgeModule::Service:
-      module = "/Service/";
-      break;
-    default:
-      BRIDGE_LOG(kLogError, "Unknown BridgeModule!");
-  }
-  std::string_view type = "Unknown";
-  switch (control->bridge_type) {
-    case BridgeType::Sync:
-      type = "Sync";
-      break;
-    case BridgeType::Async:
-      type = "Async";
-      break;
-    case BridgeType::SignleAsync:
-      type = "SignleAsync";
-      break;
-    default:
-      BRIDGE_LOG(kLogError, "Unknown BridgeType!");
-  }
+  static constexpr std::string_view kSuffixes[3][4] = {
+      {"/Topic/Sync", "/Topic/Async", "/Topic/SignleAsync", "/Topic/Unknown"},
+      {"/Service/Sync", "/Service/Async", "/Service/SignleAsync", "/Service/Unknown"},
+      {"/Unknown/Sync", "/Unknown/Async", "/Unknown/SignleAsync", "/Unknown/Unknown"}};
+  // As unsigned numbers, so that negative values are out of range like those that are too large.
+  const auto module = std::min(static_cast<std::uint32_t>(control->bridge_module), 2u);
+  const auto type = std::min(static_cast<std::uint32_t>(control->bridge_type), 3u);
+  if (module == 2) BRIDGE_LOG(kLogError, "Unknown BridgeModule!");
+  if (type == 3) BRIDGE_LOG(kLogError, "Unknown BridgeType!");
+  const auto suffix = kSuffixes[module][type];
   std::string real_name;
-  real_name.reserve(control->name.size() + module.size() + type.size());
-  real_name.append(control->name).append(module).append(type);
+  real_name.reserve(control->name.size() + suffix.size());
+  real_name += control->name;
+  real_name += suffix;
   return real_name;
 }
 
