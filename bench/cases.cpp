@@ -129,7 +129,7 @@ void PublishNamed(benchmark::State& state, const char* name, const char* referen
 void PublishAmongMany(benchmark::State& state) {
   Topic topic("odometry");
   const auto& callback = topic.callbacks.front();
-  const auto among_others = [](Measure measure, auto subscribe, auto unsubscribe) {
+  const auto among_others = [](const Measure& measure, auto subscribe, auto unsubscribe) {
     return [=] {
       std::vector<std::shared_ptr<const Control>> others;
       for (int i = 0; i < 20'000; ++i) {
