@@ -46,27 +46,25 @@ void RunRows(const std::vector<Row>& rows) {
 
 TEST(RealName, JoinsNameModuleAndType) {
   const struct {
-    bridge::Control control;
-    std::string real_name;
-    Lines log;
-  } rows[] = {
-      {{"camera", BridgeModule::Topic, BridgeType::Async}, "camera/Topic/Async", {}},
-      {{"a/b", BridgeModule::Topic, BridgeType::Sync}, "a/b/Topic/Sync", {}},
-      {{"", BridgeModule::Service, BridgeType::SignleAsync}, "/Service/SignleAsync", {}},
-      {{"a", Enumerator<BridgeModule>(5), BridgeType::Sync},
-       "a/Unknown/Sync",
-       {"E(zorvix.h): Unknown BridgeModule!"}},
-      {{"a", Enumerator<BridgeModule>(-1), Enumerator<BridgeType>(-1)},
-       "a/Unknown/Unknown",
-       {"E(zorvix.h): Unknown BridgeModule!", "E(zorvix.h): Unknown BridgeType!"}},
-      {{"a", BridgeModule::Topic, Enumerator<BridgeType>(3)},
-       "a/Topic/Unknown",
-       {"E(zorvix.h): Unknown BridgeType!"}},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.real_name);
-    EXPECT_EQ(Zorvix::GetRealName(std::make_shared<bridge::Control>(row.control)), row.real_name);
-    EXPECT_EQ(TakeLog(), row.log);
+    int value;
+    std::string text;
+  } modules[] = {{0, "Topic"}, {1, "Service"}, {2, "Unknown"}, {-1, "Unknown"}},
+    types[] = {{0, "Sync"}, {1, "Async"}, {2, "SignleAsync"}, {3, "Unknown"}, {-1, "Unknown"}};
+  for (const auto& module : modules) {
+    for (const auto& type : types) {
+      for (const std::string name : {"camera", "", "a/b"}) {
+        const auto expected = name + "/" + module.text + "/" + type.text;
+        SCOPED_TRACE(expected);
+        EXPECT_EQ(
+            Zorvix::GetRealName(std::make_shared<bridge::Control>(bridge::Control{
+                name, Enumerator<BridgeModule>(module.value), Enumerator<BridgeType>(type.value)})),
+            expected);
+        Lines log;
+        if (module.text == "Unknown") log.push_back("E(zorvix.h): Unknown BridgeModule!");
+        if (type.text == "Unknown") log.push_back("E(zorvix.h): Unknown BridgeType!");
+        EXPECT_EQ(TakeLog(), log);
+      }
+    }
   }
 }
 
