@@ -8,6 +8,7 @@ installed="$work/installed here"
 rm -rf "$work"
 mkdir -p "$work"
 log="$work/log"
+export CMAKE_GENERATOR=Ninja
 trap 'status=$?; [ $status = 0 ] || cat "$log"' EXIT
 
 cmake -S "$source" -B "$work/build" -DZORVIX_BUILD_EXAMPLES=OFF "$@" >"$log"
