@@ -27,21 +27,17 @@ set(module prefab/modules/zorvix)
 set(libs ${module}/libs/android.arm64-v8a)
 expect("list of files" "${files}" "AndroidManifest.xml;${module}/include/zorvix/zorvix.h;${module}/include/zorvix/zorvix_flat.h;${libs}/abi.json;${libs}/libcom.quenmar.zorvix.so;${module}/module.json;prefab/prefab.json")
 
-foreach(field
-    "prefab/prefab.json|name|zorvix" "prefab/prefab.json|schema_version|2"
-    "prefab/prefab.json|version|${VERSION}" "prefab/prefab.json|dependencies|[]"
-    "${module}/module.json|library_name|libcom.quenmar.zorvix"
-    "${module}/module.json|export_libraries|[ \"-llog\" ]"
-    "${libs}/abi.json|abi|arm64-v8a" "${libs}/abi.json|api|${API}" "${libs}/abi.json|ndk|${NDK}"
-    "${libs}/abi.json|stl|c++_shared" "${libs}/abi.json|static|OFF")
-  string(REPLACE "|" ";" field "${field}")
-  list(GET field 0 path)
-  list(GET field 1 name)
-  list(GET field 2 expected)
+function(expect_json path expected)
   file(READ ${WORK}/aar/${path} json)
-  string(JSON value GET "${json}" ${name})
-  expect("${path}: ${name}" "${value}" "${expected}")
-endforeach()
+  string(JSON equal EQUAL "${json}" "${expected}")
+  expect("${path} being ${expected}" ${equal} ON)
+endfunction()
+expect_json(prefab/prefab.json
+  "{\"schema_version\": 2, \"name\": \"zorvix\", \"version\": \"${VERSION}\", \"dependencies\": []}")
+expect_json(${module}/module.json
+  [[{"export_libraries": ["-llog"], "library_name": "libcom.quenmar.zorvix"}]])
+expect_json(${libs}/abi.json
+  "{\"abi\": \"arm64-v8a\", \"api\": ${API}, \"ndk\": ${NDK}, \"stl\": \"c++_shared\", \"static\": false}")
 file(READ ${WORK}/aar/AndroidManifest.xml manifest)
 if(NOT manifest MATCHES "package=\"com.quenmar.zorvix\".*minSdkVersion=\"${API}\"")
   message(FATAL_ERROR "unexpected manifest: ${manifest}")

@@ -61,21 +61,12 @@ inline const Api kMethods = {
     [](auto workers) { TheBridge().Spin(workers); },
     [] { TheBridge().StopSpin(); }};
 
-inline const Api kFlat = {"flat",
-                          ZorvixRegisterPublisher,
-                          ZorvixUnregisterPublisher,
-                          ZorvixRegisterSubscriber,
-                          ZorvixUnregisterSubscriber,
-                          ZorvixPublish,
-                          ZorvixRegisterClient,
-                          ZorvixUnregisterClient,
-                          ZorvixRegisterServer,
-                          ZorvixUnregisterServer,
-                          ZorvixCall,
-                          ZorvixRunOneceStep,
-                          ZorvixSpinOnce,
-                          ZorvixSpin,
-                          ZorvixStopSpin};
+// clang-format off
+inline const Api kFlat = {"flat", ZorvixRegisterPublisher, ZorvixUnregisterPublisher,
+    ZorvixRegisterSubscriber, ZorvixUnregisterSubscriber, ZorvixPublish, ZorvixRegisterClient,
+    ZorvixUnregisterClient, ZorvixRegisterServer, ZorvixUnregisterServer, ZorvixCall,
+    ZorvixRunOneceStep, ZorvixSpinOnce, ZorvixSpin, ZorvixStopSpin};
+// clang-format on
 
 template <typename Function>
 bridge::SubscriberCallback Subscriber(Function function) {

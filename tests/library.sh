@@ -2,7 +2,7 @@
 # library.sh NM READELF LIBRARY [android]: checks what the built library shows to the linker.
 set -eu
 nm=$1 readelf=$2 library=$3
-here=$(dirname "$0")
+map=$(dirname "$0")/../cmake/exports.map
 
 # Prints the values of a tag of the dynamic section.
 dynamic() { "$readelf" -dW "$library" | sed -n "s/.*($1).*\[\(.*\)\]/\1/p"; }
@@ -10,8 +10,11 @@ expect() { # WHAT ACTUAL EXPECTED
   [ "$2" = "$3" ] || { printf '%s: %s\nexpected: %s\n' "$1" "$2" "$3"; exit 1; }
 }
 
-"$nm" -D --defined-only --demangle "$library" |
-  sed -E 's/^[0-9a-f]+ . //; s/\(.*//' | LC_ALL=C sort | diff "$here/exports.txt" -
+# The export list is the committed list of what must be there; the names of methods are shortened.
+exports=$(sed -nE 's/^ +_ZN6bridge6Zorvix[0-9]+(.*)E\*;/bridge::Zorvix::\1/p; s/^ +(Zorvix.*);/\1/p' "$map")
+expect "number of exports" "$(echo "$exports" | wc -l)" 31
+expect exports "$("$nm" -D --defined-only --demangle "$library" |
+  sed -E 's/^[0-9a-f]+ . //; s/\(.*//' | LC_ALL=C sort)" "$(echo "$exports" | LC_ALL=C sort)"
 expect "undefined log function" \
   "$("$nm" -D --undefined-only "$library" | grep -o '__android_log_print')" __android_log_print
 expect SONAME "$(dynamic SONAME)" libcom.quenmar.zorvix.so

@@ -4,7 +4,8 @@
 #include <gtest/gtest.h>
 #include <zorvix/zorvix_flat.h>
 
-#include <typeinfo>
+#include <algorithm>
+#include <regex>
 
 #include "log_capture.h"
 #include "modules/payload.h"
@@ -15,31 +16,22 @@ namespace {
 
 std::string folder;
 
-class Module {
- public:
-  explicit Module(const std::string& name) : path_(folder + "lib" + name + ".so") {
-    handle_ = dlopen(path_.c_str(), RTLD_LOCAL | RTLD_NOW);
-    if (handle_ == nullptr) throw std::runtime_error(dlerror());
+struct Module {
+  explicit Module(const std::string& name)
+      : path(folder + "lib" + name + ".so"), library(dlopen(path.c_str(), RTLD_LOCAL | RTLD_NOW)) {
+    if (library == nullptr) throw std::runtime_error(dlerror());
   }
-  ~Module() { Unload(); }
-  Module(const Module&) = delete;
-  Module& operator=(const Module&) = delete;
-
   template <typename Function>
-  Function* Get(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(handle_, name));
+  Function* Get(const char* name) const {
+    return reinterpret_cast<Function*>(dlsym(library, name));
   }
   // Returns whether the code is gone.
-  bool Unload() {
-    if (handle_ != nullptr) dlclose(handle_);
-    handle_ = nullptr;
-    return dlopen(path_.c_str(), RTLD_NOLOAD | RTLD_NOW) == nullptr;
+  bool Unload() const {
+    dlclose(library);
+    return dlopen(path.c_str(), RTLD_NOLOAD | RTLD_NOW) == nullptr;
   }
-  void* handle() { return handle_; }
-
- private:
-  std::string path_;
-  void* handle_;
+  std::string path;
+  void* library;
 };
 
 class Modules : public testing::TestWithParam<BridgeType> {
@@ -52,17 +44,17 @@ class Modules : public testing::TestWithParam<BridgeType> {
     TakeLog();
   }
   // Returns how many of the sender's publications and calls were accepted, after they have run.
-  int SendFrom(Module& sender) {
-    const int accepted = sender.Get<decltype(Send)>("Send")(GetParam(), bridge.handle());
+  int SendFrom(const Module& sender) {
+    const int accepted = sender.Get<decltype(Send)>("Send")(GetParam(), bridge.library);
     bridge.Get<decltype(ZorvixSpinOnce)>("ZorvixSpinOnce")();
     return accepted;
   }
-  Lines Errors() {
-    Lines errors;
-    for (const auto& line : TakeLog()) {
-      if (line[0] != 'I') errors.push_back(line);
-    }
-    return errors;
+  static Lines Errors() {
+    auto lines = TakeLog();
+    lines.erase(
+        std::remove_if(lines.begin(), lines.end(), [](auto& line) { return line[0] == 'I'; }),
+        lines.end());
+    return lines;
   }
 };
 
@@ -74,7 +66,7 @@ INSTANTIATE_TEST_SUITE_P(Type, Modules, testing::Values(BridgeType::Sync, Bridge
 TEST_P(Modules, ExchangePayloadsOfAllKindsAndUnloadOneByOne) {
   Module linked("sender"), by_dlsym("sender_dlsym");
   int sends = 0;
-  for (auto* sender : {&linked, &by_dlsym}) {
+  for (const auto* sender : {&linked, &by_dlsym}) {
     EXPECT_EQ(SendFrom(*sender), 2 * kPayloads);
     EXPECT_EQ(sender->Get<decltype(Answered)>("Answered")(), kPayloads);
     EXPECT_EQ(receiver.Get<decltype(Received)>("Received")(), kPayloads * ++sends);
@@ -95,12 +87,13 @@ TEST_P(Modules, BuiltWithoutTheDefinitionAreToldSo) {
 #ifdef _LIBCPP_VERSION
   EXPECT_EQ(receiver.Get<decltype(Received)>("Received")(), 1) << "only int has one identity";
   ASSERT_EQ(errors.size(), 2u * (kPayloads - 1));
-  const std::string start = std::string("E: error: ") + std::bad_any_cast().what() +
-                            ", _LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION: 2, real_name: payload2/";
-  const std::string end =
-      ". make sure that the compiler macro _LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION=2";
-  EXPECT_EQ(errors[0].substr(0, start.size()), start);
-  EXPECT_EQ(errors[0].substr(errors[0].size() - end.size()), end);
+  const auto real_name =
+      std::string("payload2/Topic/") + (GetParam() == BridgeType::Sync ? "Sync" : "Async");
+  const std::regex line(std::string("E: error: ") + std::bad_any_cast().what() +
+                        ", _LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION: 2, real_name: " + real_name +
+                        ", callback_handle: 0x[0-9a-f]+. make sure that the compiler macro "
+                        "_LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION=2");
+  EXPECT_TRUE(std::regex_match(errors[0], line)) << errors[0];
 #else
   EXPECT_EQ(receiver.Get<decltype(Received)>("Received")(), kPayloads);
   EXPECT_EQ(errors, Lines{});
