@@ -1,0 +1,8 @@
+execute_process(COMMAND ${COMMAND} RESULT_VARIABLE code OUTPUT_VARIABLE out ERROR_VARIABLE err)
+message("${out}${err}")
+if(NOT code EQUAL CODE)
+  message(FATAL_ERROR "exit code ${code}, expected ${CODE}")
+endif()
+if(NOT "${out}${err}" MATCHES "${TEXT}")
+  message(FATAL_ERROR "no match for: ${TEXT}")
+endif()
