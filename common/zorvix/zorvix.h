@@ -150,7 +150,8 @@ class Zorvix {
   // task for each and return. The first of these tasks takes the message, the others get an empty
   // one, and the caller's is empty afterwards. SignleAsync drops the subscribers it has queued for.
   // Returns false when nothing could be delivered: no subscriber, no value in `message`, or a type
-  // out of range; that is logged. Sync blocks for as long as the callbacks do.
+  // out of range; that is logged. Sync blocks for as long as the callbacks do; a full queue does
+  // not block but loses its oldest task, of whatever endpoint, with a WARN.
   ZORVIX_EXPORT bool Publish(const std::shared_ptr<const Control>& control, Message&& message);
 
   // Removes a receiver of a SignleAsync endpoint: the topic's `callback` or the service's server.
@@ -181,10 +182,12 @@ class Zorvix {
   // uses. SignleAsync removes the server it has queued for. Failures of the server pass through
   // `request` and are logged with the address of the server's function object.
   // Returns false when there is no server or the type is out of range; that is logged.
-  // Sync blocks for as long as `request` does. Servers are entered by several threads at once.
+  // Sync blocks for as long as `request` does; a full queue as in Publish. Servers are entered by
+  // several threads at once.
   ZORVIX_EXPORT bool Call(const std::shared_ptr<const Control>& control, RequestCallback&& request);
 
-  // Runs the oldest queued task on this thread. Returns false when the queue was empty.
+  // Runs the oldest queued task on this thread, and lets through what it throws.
+  // Returns false, without taking a lock, when the queue was empty.
   // Logs INFO the number of tasks left.
   ZORVIX_EXPORT bool RunOneceStep();
 
@@ -193,6 +196,7 @@ class Zorvix {
 
   // Runs `workers` threads that drain the queue. Blocks until StopSpin has been called and they
   // have left. May run on several threads at once: the workers share one queue and one stop.
+  // Logs INFO when it is done, and twice each time a worker wakes.
   // Throws what std::thread does; a failure after the first thread has started ends the process.
   ZORVIX_EXPORT void Spin(unsigned long workers);
 
