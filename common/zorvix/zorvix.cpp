@@ -24,7 +24,7 @@ constexpr std::chrono::nanoseconds kStopSpinPollInterval{1'000'000};
 
 // Runs user code. Whatever is not a std::exception passes through, so no lock may be held and
 // nothing may be left undone by it. Inline, since the loop over subscribers is hot and compilers
-// hesitate because of the handlers, which are out of its way.
+// hesitate because of the handlers, which cost nothing unless something is thrown.
 template <typename Function, typename Argument>
 inline void GuardedInvoke(const Function& function, const Argument& argument,
                           const std::string& real_name, const void* callback_handle) {
@@ -185,8 +185,13 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
   }
   const auto callbacks = topic->second;
   if (control->bridge_type == BridgeType::SignleAsync) {
-    const std::lock_guard servers_lock(servers_mutex_);  // a service's server is removed, too
-    for (const auto& callback : *callbacks) SignleAsyncAutoRemove(control, callback);
+    if (control->bridge_module == BridgeModule::Topic) {
+      subscribers_.erase(topic);  // all at once, since one by one would copy the rest each time
+    } else {
+      std::unique_lock servers_lock(servers_mutex_, std::defer_lock);
+      if (control->bridge_module == BridgeModule::Service) servers_lock.lock();
+      for (const auto& callback : *callbacks) SignleAsyncAutoRemove(control, callback);
+    }
   }
   subscribers_lock.unlock();  // before user code runs, and before the queue is locked
   controls_lock.unlock();
@@ -197,7 +202,11 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
       }
       return true;
     case BridgeType::Async:
-    case BridgeType::SignleAsync:
+    case BridgeType::SignleAsync: {
+      // Notifies on every way out: when a later task cannot be built, the first ones wait already.
+      const auto notify_all = [](std::condition_variable* cv) { cv->notify_all(); };
+      const std::unique_ptr<std::condition_variable, decltype(notify_all)> notifier(&events_cv_,
+                                                                                    notify_all);
       // The first task takes the name and the message; std::exchange leaves empty ones for the
       // others, which a moved-from object need not be.
       for (const auto& callback : *callbacks) {
@@ -206,8 +215,8 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
           GuardedInvoke(*callback, message, name, callback.get());
         });
       }
-      events_cv_.notify_all();
       return true;
+    }
   }
   BRIDGE_LOG(kLogError, "Call failed, bridge_type is invalid!");
   return false;
@@ -393,17 +402,18 @@ void Zorvix::Spin(unsigned long workers) {
 
 void Zorvix::SpinWorker() {
   ++spin_count_;
-  for (bool stop = spin_stop_; !stop;) {
-    BRIDGE_LOG(kLogInfo, "Spin loop once lock.");
-    {
-      std::unique_lock lock(events_mutex_);
-      events_cv_.wait(lock, [this] { return !events_.empty() || spin_stop_; });
-      BRIDGE_LOG(kLogInfo, "Spin loop once.");
-    }
-    SpinOnce();
-    stop = spin_stop_;
+  if (!spin_stop_) {
+    do {
+      BRIDGE_LOG(kLogInfo, "Spin loop once lock.");
+      {
+        std::unique_lock lock(events_mutex_);
+        events_cv_.wait(lock, [this] { return !events_.empty() || spin_stop_; });
+        BRIDGE_LOG(kLogInfo, "Spin loop once.");
+      }
+      SpinOnce();
+    } while (!spin_stop_);
     // A task posted after the queue looked empty but before the stop was waiting at the stop.
-    if (stop) SpinOnce();
+    SpinOnce();
   }
   --spin_count_;
 }

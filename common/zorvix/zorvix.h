@@ -66,9 +66,9 @@ constexpr int kLogError = 6;
 constexpr std::size_t kLogBufferSize = 1024;
 
 // Writes one line to the Android log; called through BRIDGE_LOG.
-inline __attribute__((__format__(__printf__, 4, 5))) void WriteLog(int priority, const char* path,
-                                                                   int line, const char* format,
-                                                                   ...) {
+// Hidden, so that each module has its own copy and can be unloaded.
+inline __attribute__((visibility("hidden"), __format__(__printf__, 4, 5))) void WriteLog(
+    int priority, const char* path, int line, const char* format, ...) {
   char message[kLogBufferSize] = {};
   std::va_list arguments;
   va_start(arguments, format);
