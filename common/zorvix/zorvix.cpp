@@ -21,13 +21,28 @@ namespace {
 constexpr std::int32_t kEventQueueBaseLimit = 100;
 constexpr std::chrono::duration<double> kStopSpinTimeout{0.2};
 constexpr std::chrono::nanoseconds kStopSpinPollInterval{1'000'000};
+constexpr std::size_t kShortRealName = 128;  // with its zero
+
+// Returns the real name, composed in `buffer` or, where it does not fit, in `overflow`. What is
+// delivered at once needs it only if a callback fails, so it must not cost a heap block.
+const char* ComposeRealName(const Control& control, char (&buffer)[kShortRealName],
+                            std::string& overflow) {
+  const auto suffix = RealNameSuffix(control);
+  if (control.name.size() + suffix.size() >= kShortRealName) {
+    overflow.append(control.name).append(suffix);
+    return overflow.c_str();
+  }
+  char* const end = std::copy(control.name.begin(), control.name.end(), buffer);
+  *std::copy(suffix.begin(), suffix.end(), end) = '\0';
+  return buffer;
+}
 
 // Runs user code. Whatever is not a std::exception passes through, so no lock may be held and
 // nothing may be left undone by it. Inline, since the loop over subscribers is hot and compilers
 // hesitate because of the handlers, which cost nothing unless something is thrown.
 template <typename Function, typename Argument>
-inline void GuardedInvoke(const Function& function, const Argument& argument,
-                          const std::string& real_name, const void* callback_handle) {
+inline void GuardedInvoke(const Function& function, const Argument& argument, const char* real_name,
+                          const void* callback_handle) {
   try {
     function(argument);
   } catch (const std::bad_cast& error) {
@@ -35,10 +50,10 @@ inline void GuardedInvoke(const Function& function, const Argument& argument,
                "error: %s, _LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION: %d, real_name: %s, "
                "callback_handle: %p. make sure that the compiler macro "
                "_LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION=2",
-               error.what(), 2, real_name.c_str(), callback_handle);
+               error.what(), 2, real_name, callback_handle);
   } catch (const std::exception& error) {
     BRIDGE_LOG(kLogError, "callback failed! error: %s, real_name: %s, callback_handle: %p",
-               error.what(), real_name.c_str(), callback_handle);
+               error.what(), real_name, callback_handle);
   }
 }
 
@@ -177,7 +192,9 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
   }
   std::unique_lock controls_lock(controls_mutex_);
   std::unique_lock subscribers_lock(subscribers_mutex_);
-  std::string real_name = GetRealName(control);
+  char buffer[kShortRealName];
+  std::string overflow;
+  const char* const real_name = ComposeRealName(*control, buffer, overflow);
   const auto topic = subscribers_.find(control.get());
   if (topic == subscribers_.end()) {
     BRIDGE_LOG(kLogWarn, "Publish failed, no subscriber, name: %s", control->name.c_str());
@@ -209,10 +226,11 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
                                                                                     notify_all);
       // The first task takes the name and the message; std::exchange leaves empty ones for the
       // others, which a moved-from object need not be.
+      std::string name = real_name;
       for (const auto& callback : *callbacks) {
-        PostEvent([name = std::exchange(real_name, {}), callback = callback,
+        PostEvent([name = std::exchange(name, {}), callback = callback,
                    message = std::exchange(message, {})] {
-          GuardedInvoke(*callback, message, name, callback.get());
+          GuardedInvoke(*callback, message, name.c_str(), callback.get());
         });
       }
       return true;
@@ -329,10 +347,12 @@ bool Zorvix::Call(const std::shared_ptr<const Control>& control, RequestCallback
   }
   std::unique_lock controls_lock(controls_mutex_);
   std::unique_lock servers_lock(servers_mutex_);
-  std::string real_name = GetRealName(control);
+  char buffer[kShortRealName];
+  std::string overflow;
+  const char* const real_name = ComposeRealName(*control, buffer, overflow);
   const auto entry = servers_.find(control.get());
   if (entry == servers_.end()) {
-    BRIDGE_LOG(kLogWarn, "Call failed, no server, server_name: %s", real_name.c_str());
+    BRIDGE_LOG(kLogWarn, "Call failed, no server, server_name: %s", real_name);
     return false;
   }
   ServerCallback server = entry->second;
@@ -345,8 +365,8 @@ bool Zorvix::Call(const std::shared_ptr<const Control>& control, RequestCallback
       return true;
     case BridgeType::Async:
     case BridgeType::SignleAsync:
-      PostEvent([request = std::move(request), name = std::move(real_name), server] {
-        GuardedInvoke(request, *server, name, server.get());
+      PostEvent([request = std::move(request), name = std::string(real_name), server] {
+        GuardedInvoke(request, *server, name.c_str(), server.get());
       });
       events_cv_.notify_all();
       return true;

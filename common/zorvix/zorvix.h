@@ -96,6 +96,22 @@ struct Control {
   BridgeType bridge_type = BridgeType::Sync;
 };
 
+// Returns what follows the name in a real name, such as "/Topic/Async".
+// Logs ERROR for a module or type out of range, which gives the text "Unknown".
+inline __attribute__((visibility("hidden"))) std::string_view RealNameSuffix(
+    const Control& control) {
+  static constexpr std::string_view kSuffixes[3][4] = {
+      {"/Topic/Sync", "/Topic/Async", "/Topic/SignleAsync", "/Topic/Unknown"},
+      {"/Service/Sync", "/Service/Async", "/Service/SignleAsync", "/Service/Unknown"},
+      {"/Unknown/Sync", "/Unknown/Async", "/Unknown/SignleAsync", "/Unknown/Unknown"}};
+  // As unsigned numbers, so that negative values are out of range like those that are too large.
+  const auto module = std::min(static_cast<std::uint32_t>(control.bridge_module), 2u);
+  const auto type = std::min(static_cast<std::uint32_t>(control.bridge_type), 3u);
+  if (module == 2) BRIDGE_LOG(kLogError, "Unknown BridgeModule!");
+  if (type == 3) BRIDGE_LOG(kLogError, "Unknown BridgeType!");
+  return kSuffixes[module][type];
+}
+
 using Message = std::any;
 using SubscriberCallback = std::shared_ptr<std::function<void(const Message&)>>;
 using ServerCallback = std::shared_ptr<std::function<void(const std::any&, std::any&)>>;
@@ -119,8 +135,7 @@ class Zorvix {
   Zorvix& operator=(const Zorvix&) = delete;
 
   // Returns name/module/type, such as "camera/Topic/Async". `control` must not be empty.
-  // Logs ERROR for a module or type out of range, which gives the text "Unknown".
-  // Hidden, so that each module has its own copy and can be unloaded.
+  // Logs as RealNameSuffix. Hidden, so that each module has its own copy and can be unloaded.
   __attribute__((visibility("hidden"))) static std::string GetRealName(
       const std::shared_ptr<const Control>& control);
 
@@ -243,16 +258,7 @@ class Zorvix {
 };
 
 inline std::string Zorvix::GetRealName(const std::shared_ptr<const Control>& control) {
-  static constexpr std::string_view kSuffixes[3][4] = {
-      {"/Topic/Sync", "/Topic/Async", "/Topic/SignleAsync", "/Topic/Unknown"},
-      {"/Service/Sync", "/Service/Async", "/Service/SignleAsync", "/Service/Unknown"},
-      {"/Unknown/Sync", "/Unknown/Async", "/Unknown/SignleAsync", "/Unknown/Unknown"}};
-  // As unsigned numbers, so that negative values are out of range like those that are too large.
-  const auto module = std::min(static_cast<std::uint32_t>(control->bridge_module), 2u);
-  const auto type = std::min(static_cast<std::uint32_t>(control->bridge_type), 3u);
-  if (module == 2) BRIDGE_LOG(kLogError, "Unknown BridgeModule!");
-  if (type == 3) BRIDGE_LOG(kLogError, "Unknown BridgeType!");
-  const auto suffix = kSuffixes[module][type];
+  const auto suffix = RealNameSuffix(*control);
   std::string real_name;
   real_name.reserve(control->name.size() + suffix.size());
   real_name += control->name;
