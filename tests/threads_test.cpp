@@ -7,218 +7,182 @@
 
 namespace {
 
-std::size_t Count(const Lines& log, const std::string& text) {
-  return static_cast<std::size_t>(std::count_if(log.begin(), log.end(), [&](const auto& line) {
-    return line.find(text) != std::string::npos;
-  }));
-}
-
-// A subscriber that holds the worker that runs it until it is let go.
-struct Holder {
-  Latch entered, release;
-  bridge::SubscriberCallback callback = Subscriber([this](auto&) {
-    entered.CountDown();
-    release.Wait();
-  });
-  explicit Holder(int workers = 1) : entered(workers) {}
-};
-
-TEST(Instance, IsBuiltOnceByThreadsThatMeetAtTheFirstUse) {
-  Latch start(4);
-  Zorvix* seen[4] = {};
-  std::vector<std::thread> threads;
-  for (auto& instance : seen) {
-    threads.emplace_back([&] {
-      start.CountDown();
-      start.Wait();
-      EXPECT_FALSE(ZorvixIsSpin());
-      instance = &TheBridge();
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(std::count(std::begin(seen), std::end(seen), &TheBridge()), 4);
-}
-
-// Registered before the bridge is built, so it runs after the bridge has been destroyed.
-bool report_log_at_exit = false;
-const int registered = std::atexit([] {
-  if (report_log_at_exit) std::fprintf(stderr, " %zu lines", TakeLog().size());
-});
-
-Endpoint QueueOne(std::any message, const bridge::SubscriberCallback& callback) {
-  Endpoint endpoint =
-      std::make_shared<bridge::Control>(bridge::Control{"t", {}, BridgeType::Async});
-  ZorvixRegisterSubscriber(endpoint, callback);
-  ZorvixPublish(endpoint, std::move(message));
-  return endpoint;
-}
-
-TEST(ProcessDeathTest, ExitDestroysQueuedTasksUnrunAndInSilence) {
-  struct Noisy {
-    ~Noisy() { std::fputs(" destroyed", stderr); }
-  };
-  const auto end = [] {
-    const auto endpoint =
-        QueueOne(std::make_shared<Noisy>(), Subscriber([](auto&) { std::fputs(" ran", stderr); }));
-    report_log_at_exit = true;
-    std::fputs("exit", stderr);
+TEST_F(Bridge, ExitDestroysQueuedTasksUnrun) {
+  const auto end = [this] {
+    auto& topic = Topic("t", BridgeType::Async);
+    ZorvixRegisterSubscriber(topic, Subscriber([](auto&) { std::fputs("ran", stderr); }));
+    const auto say = [](void*) { std::fputs("destroyed", stderr); };
+    ZorvixPublish(topic, std::shared_ptr<void>(nullptr, say));
     std::exit(0);
   };
-  ASSERT_EQ(registered, 0);
-  EXPECT_EXIT(end(), testing::ExitedWithCode(0), testing::Eq("exit destroyed 0 lines"));
+  EXPECT_EXIT(end(), testing::ExitedWithCode(0), testing::Eq("destroyed"));
 }
 
-TEST(ProcessDeathTest, EndsByWhatIsNoStandardExceptionOnAWorker) {
-  const auto end = [] {
-    const auto endpoint = QueueOne(1, Subscriber([](auto&) { throw 1; }));
-    ZorvixSpin(1);
+TEST_F(Bridge, WorkerRunsWhatIsPostedAndLogsEachTurn) {
+  auto& topic = Topic("t", BridgeType::Async);
+  auto& service = Service("s", BridgeType::Async);
+  std::vector<std::thread::id> workers;
+  const auto run = [&] {
+    workers.push_back(std::this_thread::get_id());
+    EXPECT_TRUE(ZorvixIsSpin());
   };
-  EXPECT_DEATH(end(), "");
-}
-
-TEST_P(Bridge, WorkerRunsWhatIsPostedAndLogsEachTurn) {
-  auto& endpoint = Topic("t", BridgeType::Async);
-  Latch ran(1);
-  std::thread::id worker;
-  api.register_subscriber(endpoint, Subscriber([&](auto&) {
-                            worker = std::this_thread::get_id();
-                            EXPECT_TRUE(ZorvixIsSpin());
-                            ran.CountDown();
-                          }));
-  api.stop_spin();  // finds no worker, and does not keep the next one from running
-  std::thread spin([&] { api.spin(1); });
-  const auto spinning = spin.get_id();
+  ZorvixRegisterSubscriber(topic, Subscriber([&](auto&) { run(); }));
+  ZorvixRegisterServer(service, Server([&](auto&, auto&) { run(); }));
+  ZorvixStopSpin();  // finds no worker, and does not keep the next one from running
+  Spinning spinning([] { ZorvixSpin(1); });
+  const auto caller = spinning.Id();
   WaitForLog("Spin loop once lock.");
-  EXPECT_TRUE(api.publish(endpoint, 1));
-  ran.Wait();
+  EXPECT_TRUE(ZorvixPublish(topic, 1));
   WaitForLog("Spin loop once lock.", 2);
-  api.stop_spin();
-  spin.join();
-  EXPECT_NE(worker, std::this_thread::get_id());
-  EXPECT_NE(worker, spinning);
+  EXPECT_TRUE(ZorvixCall(service, [](auto& serve) {
+    std::any response;
+    serve(1, response);
+  }));
+  WaitForLog("Spin loop once lock.", 3);
+  spinning.Stop();
+  for (const auto& worker : workers) {
+    EXPECT_NE(worker, std::this_thread::get_id());
+    EXPECT_NE(worker, caller);
+  }
   EXPECT_FALSE(ZorvixIsSpin());
   auto log = TakeLog();  // less the polls, if the worker did not leave before the first
   log.erase(std::remove_if(log.begin(), log.end(),
                            [](auto& line) { return line.rfind("I: elapsed: ", 0) == 0; }),
             log.end());
-  EXPECT_EQ(log, (Lines{"I: Spin loop once lock.", "I: Spin loop once.", "I: event queue size: 0",
-                        "I: Spin loop once lock.", "I: Spin loop once.", "I: Spin exit."}));
+  const Lines turn = {"I: Spin loop once lock.", "I: Spin loop once.", "I: event queue size: 0"};
+  Lines expected = turn;
+  expected.insert(expected.end(), turn.begin(), turn.end());
+  expected.insert(expected.end(), {turn[0], turn[1], "I: Spin exit."});
+  EXPECT_EQ(log, expected);
 }
 
-TEST_P(Bridge, SpinWithoutWorkersOnlyLogs) {
-  api.spin(0);
-  api.stop_spin();
+// Each of the two tasks waits for the other to run.
+TEST_F(Bridge, PublicationWakesAllWorkers) {
+  auto& topic = Topic("t", BridgeType::Async);
+  Latch both(2);
+  for (int i = 0; i < 2; ++i) {
+    ZorvixRegisterSubscriber(topic, Subscriber([&](auto&) { both.Meet(); }));
+  }
+  Spinning spinning([] { ZorvixSpin(2); });
+  WaitForLog("Spin loop once lock.", 2);
+  ZorvixPublish(topic, 1);
+  both.Wait();
+}
+
+TEST_F(Bridge, SpinWithoutWorkersOnlyLogs) {
+  ZorvixSpin(0);
+  ZorvixStopSpin();
   EXPECT_EQ(TakeLog(), Lines{"I: Spin exit."});
-  EXPECT_THROW(api.spin(~0ul), std::length_error);
+  EXPECT_THROW(ZorvixSpin(~0ul), std::length_error);
   EXPECT_EQ(TakeLog(), Lines{});
 }
 
-TEST_P(Bridge, BoundGrowsWithTheWorkers) {
-  const struct {
-    unsigned long workers;
-    int bound;
-  } rows[] = {{1, 100}, {3, 300}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.workers);
-    Holder holder(static_cast<int>(row.workers));
-    auto& holding = Topic("hold" + std::to_string(row.bound), BridgeType::Async);
-    auto& endpoint = Topic("t" + std::to_string(row.bound), BridgeType::Async);
-    std::atomic<int> runs{0};
-    api.register_subscriber(holding, holder.callback);
-    api.register_subscriber(endpoint, Subscriber([&](auto&) { ++runs; }));
-    std::thread spin([&] { api.spin(row.workers); });
-    for (unsigned long i = 0; i < row.workers; ++i) api.publish(holding, 1);
-    holder.entered.Wait();
+TEST_F(Bridge, BoundGrowsWithTheWorkers) {
+  for (const unsigned workers : {1u, 3u}) {
+    SCOPED_TRACE(workers);
+    const unsigned bound = 100 * workers;
+    auto& holding = Topic("hold" + std::to_string(workers), BridgeType::Async);
+    auto& endpoint = Topic("t" + std::to_string(workers), BridgeType::Async);
+    Latch entered(workers), release;
+    std::atomic<unsigned> runs{0};
+    ZorvixRegisterSubscriber(holding, Subscriber([&](auto&) {
+                               entered.CountDown();
+                               release.Wait();
+                             }));
+    ZorvixRegisterSubscriber(endpoint, Subscriber([&](auto&) { ++runs; }));
+    Spinning spinning([=] { ZorvixSpin(workers); });
+    for (unsigned i = 0; i < workers; ++i) ZorvixPublish(holding, 1);
+    entered.Wait();
     TakeLog();
-    for (int i = 0; i < row.bound; ++i) api.publish(endpoint, i);
+    for (unsigned i = 0; i < bound; ++i) ZorvixPublish(endpoint, 1);
     EXPECT_EQ(TakeLog(), Lines{});
-    api.publish(endpoint, 0);
-    EXPECT_EQ(TakeLog(), Lines{"W: event queue overflow, size: " + std::to_string(row.bound)});
-    holder.release.CountDown();
-    api.stop_spin();
-    spin.join();
-    EXPECT_EQ(runs, row.bound) << "what waits at a stop is run";
+    ZorvixPublish(endpoint, 1);
+    EXPECT_EQ(TakeLog(), Lines{"W: event queue overflow, size: " + std::to_string(bound)});
+    release.CountDown();
+    spinning.Stop();
+    EXPECT_EQ(runs, bound) << "what waits at a stop is run";
   }
 }
 
-TEST_P(Bridge, StopGivesUpOnABusyWorkerAfter200Milliseconds) {
+// The stop is called by a task, which is on a worker that it waits for. A Spin waits for the stop.
+TEST_F(Bridge, StopGivesUpAfter200MillisecondsAndUntilThenNoSpinBegins) {
   auto& endpoint = Topic("t", BridgeType::Async);
-  Holder holder;
-  api.register_subscriber(endpoint, holder.callback);
-  std::atomic<bool> left{false};
-  std::thread spin([&] {
-    api.spin(2);
-    left = true;
-  });
-  api.publish(endpoint, 1);
-  holder.entered.Wait();
+  ZorvixRegisterSubscriber(endpoint, Subscriber([](auto&) { ZorvixStopSpin(); }));
+  Spinning spinning([] { ZorvixSpin(2); });
   WaitForLog("Spin loop once lock.", 2);
-  TakeLog();
-  api.stop_spin();
-  EXPECT_FALSE(left);
-  EXPECT_TRUE(ZorvixIsSpin());
-  const auto log = TakeLog();
-  EXPECT_EQ(log.back(), "W: StopSpin timeout.");
-  double elapsed = -1, before = -1;
-  for (const auto& line : log) {
-    before = elapsed > 200 ? before : elapsed;
-    std::sscanf(line.c_str(), "I: elapsed: %lfms", &elapsed);
+  ZorvixPublish(endpoint, 1);
+  WaitForLog("elapsed");
+  ZorvixSpin(0);
+  double before = 0, elapsed = 0, value = 0;
+  std::size_t polls = 0;
+  bool timeout = false;
+  for (const auto& line : TakeLog()) {
+    if (std::sscanf(line.c_str(), "I: elapsed: %lfms", &value) == 1) {
+      ++polls;
+      before = std::exchange(elapsed, value);
+    }
+    timeout |= line == "W: StopSpin timeout.";
+    EXPECT_TRUE(timeout || line != "I: Spin exit.");
   }
-  EXPECT_GE(elapsed, 200);
+  EXPECT_GT(elapsed, 200);
   EXPECT_LE(before, 200);
-  EXPECT_GT(Count(log, "elapsed"), 5u);
-  holder.release.CountDown();
-  spin.join();
-  EXPECT_EQ(TakeLog(), Lines{"I: Spin exit."});
+  EXPECT_GT(polls, 5u);
+  EXPECT_LE(polls, 202u) << "looks a millisecond apart";
 }
 
-TEST_P(Bridge, StopFromAWorkersTaskTimesOutAndStops) {
-  auto& endpoint = Topic("t", BridgeType::Async);
-  api.register_subscriber(endpoint, Subscriber([&](auto&) { api.stop_spin(); }));
-  std::thread spin([&] { api.spin(2); });
-  WaitForLog("Spin loop once lock.");
-  api.publish(endpoint, 1);
-  spin.join();
-  EXPECT_EQ(Count(TakeLog(), "StopSpin timeout."), 1u);
-}
-
-TEST_P(Bridge, OneStopEndsAllSpins) {
-  std::thread first([&] { api.spin(1); }), second([&] { api.spin(2); });
+TEST_F(Bridge, OneStopEndsAllSpins) {
+  Spinning first([] { ZorvixSpin(1); }), second([] { ZorvixSpin(2); });
   WaitForLog("Spin loop once lock.", 3);
-  api.stop_spin();
-  first.join();
-  second.join();
-  EXPECT_EQ(Count(TakeLog(), "Spin exit."), 2u);
+  ZorvixStopSpin();
+  WaitForLog("Spin exit.", 2);
 }
 
 // A stop meets workers at any point of their loop: none may miss it, and whatever was posted before
 // it must have run when Spin returns. Polling brings the stop close behind a worker's first line.
-TEST_P(Bridge, StopAtAnyMomentLosesNeitherWorkersNorTasks) {
+TEST_F(Bridge, StopAtAnyMomentLosesNeitherWorkersNorTasks) {
   auto& endpoint = Topic("t", BridgeType::Async);
   std::atomic<int> runs{0};
-  api.register_subscriber(endpoint, Subscriber([&](auto&) { ++runs; }));
+  ZorvixRegisterSubscriber(endpoint, Subscriber([&](auto&) { ++runs; }));
   for (int round = 0; round < 500; ++round) {
     runs = 0;
+    TakeLog();
     const int posts = round % 4;
-    std::thread spin([&] { api.spin(1); });
+    Spinning spinning([] { ZorvixSpin(1); });
     while (LogCount() == 0) {
     }
-    for (int i = 0; i < posts; ++i) api.publish(endpoint, 1);
-    api.stop_spin();
-    const bool missed = Count(TakeLog(), "StopSpin timeout.") != 0;
-    if (missed) api.publish(endpoint, 1);  // wakes the worker
-    spin.join();
-    ASSERT_FALSE(missed);
+    for (int i = 0; i < posts; ++i) ZorvixPublish(endpoint, 1);
+    ZorvixStopSpin();
+    spinning.Stop();
+    ASSERT_EQ(Count(TakeLog(), "StopSpin timeout."), 0u);
     ASSERT_EQ(runs, posts);
-    TakeLog();
   }
+}
+
+// Lines are written under locks, so a held line holds a lock.
+TEST_F(Bridge, PollingAnEmptyQueueAndPublishingOneShotsWaitForNoLockOfOthers) {
+  auto& topic = Topic("t", BridgeType::SignleAsync);
+  ZorvixRegisterSubscriber(topic, Subscriber([](auto&) {}));
+  auto& service = Service("s", BridgeType::Sync);
+  const auto server = Server([](auto&, auto&) {});
+  ZorvixRegisterServer(service, server);
+  HoldLog("callback is motified");
+  std::thread replacing([&] { ZorvixRegisterServer(service, server); });
+  WaitForLog("callback is motified");
+  EXPECT_TRUE(ZorvixPublish(topic, 1));
+  HoldLog("");
+  replacing.join();
+  HoldLog("event queue size");
+  std::thread running([] { EXPECT_TRUE(ZorvixRunOneceStep()); });
+  WaitForLog("event queue size: 0");
+  EXPECT_FALSE(ZorvixRunOneceStep());
+  HoldLog("");
+  running.join();
 }
 
 // Every operation from several threads at once. Queued types have endpoints of each thread's own,
 // with one receiver each, so that the books can be balanced: what was queued has run, was dropped
-// with its line, or is still waiting. A service that is used as a topic has its one-shot server
-// removed.
-TEST_P(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
+// with its line, or is still waiting.
+TEST_F(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
   constexpr int kThreads = 4, kRounds = 300;
   std::atomic<std::size_t> queued{0}, ran{0};
   // The message, or request, is whether it is queued.
@@ -226,8 +190,7 @@ TEST_P(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
   const auto server = Server([&](auto& request, auto&) { ran += std::any_cast<bool>(request); });
   Latch start(kThreads);
   const auto use = [&](int number) {
-    start.CountDown();
-    start.Wait();
+    start.Meet();
     for (int round = 0; round < kRounds; ++round) {
       for (const auto type : {BridgeType::Sync, BridgeType::Async, BridgeType::SignleAsync}) {
         const bool queues = type != BridgeType::Sync;
@@ -237,39 +200,37 @@ TEST_P(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
           for (auto& end : ends) {
             end = std::make_shared<bridge::Control>(bridge::Control{name, module, type});
           }
-          api.register_publisher(ends[0]);
-          api.register_subscriber(ends[1], subscriber);
-          queued += api.publish(ends[0], queues) && queues;
-          api.unregister_subscriber(ends[1], Handle(subscriber));
-          api.unregister_publisher(ends[0]);
-          api.register_client(ends[2]);
-          api.register_server(ends[3], server);
-          queued += queues && api.call(ends[2], [queues](auto& function) {
-            std::any response;
-            function(queues, response);
-          });
-          api.unregister_server(ends[3]);
-          api.unregister_client(ends[2]);
+          ZorvixRegisterPublisher(ends[0]);
+          ZorvixRegisterSubscriber(ends[1], subscriber);
+          queued += ZorvixPublish(ends[0], queues) && queues;
+          ZorvixUnregisterSubscriber(ends[1], Handle(subscriber));
+          ZorvixUnregisterPublisher(ends[0]);
+          ZorvixRegisterClient(ends[2]);
+          ZorvixRegisterServer(ends[3], server);
+          queued += queues && ZorvixCall(ends[2], [queues](auto& serve) {
+                      std::any response;
+                      serve(queues, response);
+                    });
+          ZorvixUnregisterServer(ends[3]);
+          ZorvixUnregisterClient(ends[2]);
         }
       }
-      if (round % 16 == 0) api.run_onece_step();
-      if (round % 64 == number) api.spin_once();
-      if (round % 128 == number) api.stop_spin();
+      if (round % 16 == 0) ZorvixRunOneceStep();
+      if (round % 64 == number) ZorvixSpinOnce();
+      if (round % 128 == number) ZorvixStopSpin();
     }
   };
-  std::atomic<bool> done{false}, left{false};
-  std::thread spin([&] {
-    while (!done) api.spin(2);
-    left = true;
+  std::atomic<bool> done{false};
+  Spinning spinning([&] {
+    while (!done) ZorvixSpin(2);
   });
   std::vector<std::thread> threads;
   threads.reserve(kThreads);
   for (int number = 0; number < kThreads; ++number) threads.emplace_back(use, number);
   for (auto& thread : threads) thread.join();
   done = true;
-  while (!left) api.stop_spin();
-  spin.join();
-  api.spin_once();
+  spinning.Stop();
+  ZorvixSpinOnce();
   const auto log = TakeLog();
   EXPECT_EQ(queued, 8u * kThreads * kRounds);
   EXPECT_EQ(ran + Count(log, "event queue overflow"), queued);
