@@ -1,24 +1,21 @@
-// The cases, in the order of the table.
+// The cases, in the order of the table, and the parts they are made of.
 #include <zorvix/zorvix.h>
 
-#include <algorithm>
 #include <any>
-#include <array>
-#include <atomic>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
+#include <boost/asio.hpp>
 #include <boost/signals2/signal.hpp>
 #include <cstdint>
-#include <limits>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "floor.h"
-#include "harness.h"
+#include "measure.h"
 
 namespace {
 
@@ -28,17 +25,14 @@ using bridge::Control;
 using bridge::Zorvix;
 
 using Payload = std::array<std::uint64_t, 8>;
-using Signal = boost::signals2::signal<void(const std::any&)>;
 using Context = boost::asio::io_context;
 
 Zorvix& zorvix = Zorvix::GetInstance();
-// One for the process like the bridge, so that the tables of both have the same history.
-Floor bare;
+std::any sync_message = Payload{};  // left with the caller by every synchronous publication
 
-constexpr int kRounds = 150;
-constexpr std::size_t kBatch = 64;
 constexpr char kSignals2[] = "Boost.Signals2";
-constexpr char kAsio[] = "Boost.Asio";
+constexpr char kShortName[] = "odometry";
+constexpr char kLongName[] = "vehicle/chassis/rear_axle/left_wheel/wheel_encoder/odometry/";
 
 std::shared_ptr<const Control> MakeControl(std::string name, BridgeModule module, BridgeType type) {
   return std::make_shared<const Control>(Control{std::move(name), module, type});
@@ -48,327 +42,197 @@ void Receive(const std::any& message) {
   benchmark::DoNotOptimize(std::any_cast<const Payload&>(message)[0]);
 }
 
-void Subscribe(std::shared_ptr<const Control> control, const bridge::SubscriberCallback& callback) {
-  zorvix.RegisterSubscriber(control, callback);
-}
-
-void Unsubscribe(std::shared_ptr<const Control> control,
-                 const bridge::SubscriberCallback& callback) {
-  zorvix.UnregisterSubscriber(control, reinterpret_cast<unsigned long>(callback.get()));
-}
-
-// One topic with the same subscribers on the bridge, on the floor and as a signal.
-class Topic {
- public:
-  template <typename Callable>
-  Topic(const char* name, BridgeType type, std::size_t subscribers, Callable callable)
-      : control(MakeControl(name, BridgeModule::Topic, type)),
-        bare_control(MakeControl(name, BridgeModule::Topic, type)) {
+// One topic with the same subscribers on the bridge and as a signal.
+struct Topic {
+  template <typename Callable = decltype(&Receive)>
+  explicit Topic(std::string name, std::size_t subscribers = 1, BridgeType type = BridgeType::Sync,
+                 Callable callable = Receive)
+      : control(MakeControl(std::move(name), BridgeModule::Topic, type)) {
     for (std::size_t i = 0; i < subscribers; ++i) {
-      callbacks.push_back(std::make_shared<std::function<void(const std::any&)>>(callable));
-      Subscribe(control, callbacks.back());
-      bare.Subscribe(bare_control, callbacks.back());
+      callback = std::make_shared<std::function<void(const std::any&)>>(callable);
+      zorvix.RegisterSubscriber(control, callback);
       signal.connect(callable);
     }
   }
-  explicit Topic(const char* name, std::size_t subscribers = 1)
-      : Topic(name, BridgeType::Sync, subscribers, Receive) {}
-  Topic(const Topic&) = delete;
-  Topic& operator=(const Topic&) = delete;
-  ~Topic() {
-    for (const auto& callback : callbacks) Unsubscribe(control, callback);
-    zorvix.UnregisterPublisher(control);
-    bare.Unsubscribe(bare_control, nullptr);  // the last to leave takes all along
-  }
+  ~Topic() { zorvix.UnregisterSubscriber(control, 0); }  // the last to leave takes all along
 
-  auto PublishOnBridge() {
-    return [this] { zorvix.Publish(control, std::move(message)); };
-  }
-  auto PublishOnFloor() {
-    return [this] { bare.Publish(bare_control, message); };
-  }
-  auto Emit() {
-    return [this] { signal(message); };
-  }
-  auto PostOnBridge() {
-    return [this] { zorvix.Publish(control, Payload{}); };
-  }
-  auto PostOnFloor() {
-    return [this] { bare.Post(bare_control, Payload{}); };
-  }
+  void Publish() { zorvix.Publish(control, std::move(sync_message)); }
+  void Emit() { signal(sync_message); }
+  void Post() { zorvix.Publish(control, Payload{}); }
   // A closure of the same three fields as the bridge's.
-  auto PostOn(Context& context) {
-    return [this, &context] {
-      boost::asio::post(context, [name = real_name, callback = callbacks.front(),
-                                  payload = std::any(Payload{})] { (*callback)(payload); });
-    };
+  void PostOn(Context& context) {
+    boost::asio::post(context, [name = real_name, callback = callback,
+                                message = std::any(Payload{})] { (*callback)(message); });
   }
 
   std::shared_ptr<const Control> control;
-  std::shared_ptr<const Control> bare_control;
   const std::string real_name = Zorvix::GetRealName(control);
-  std::vector<bridge::SubscriberCallback> callbacks;
-  Signal signal;
-  std::any message = Payload{};  // left with the caller by every synchronous publication
+  bridge::SubscriberCallback callback;  // of the last subscriber
+  boost::signals2::signal<void(const std::any&)> signal;
 };
 
-void Publish(benchmark::State& state, std::size_t subscribers) {
-  Topic topic("odometry", subscribers);
-  Compare(state, kSignals2, OneThread(topic.PublishOnBridge()), OneThread(topic.Emit()),
-          OneThread(topic.PublishOnFloor()));
-}
-
-void PublishNamed(benchmark::State& state, const char* name, const char* reference_name,
-                  const char* peer) {
-  Topic topic(name);
-  Topic reference(reference_name);
-  Compare(state, peer, OneThread(topic.PublishOnBridge()), OneThread(reference.PublishOnBridge()),
-          OneThread(topic.PublishOnFloor()));
+void Publish(benchmark::State& state, const char* name, std::size_t subscribers) {
+  Topic topic(name, subscribers);
+  Compare(state, kSignals2, OneThread([&] { topic.Publish(); }), OneThread([&] { topic.Emit(); }));
 }
 
 void PublishAmongMany(benchmark::State& state) {
-  Topic topic("odometry");
-  const auto& callback = topic.callbacks.front();
-  const auto among_others = [](const Measure& measure, auto subscribe, auto unsubscribe) {
-    return [=] {
-      std::vector<std::shared_ptr<const Control>> others;
-      for (int i = 0; i < 20'000; ++i) {
-        others.push_back(
-            MakeControl("topic" + std::to_string(i), BridgeModule::Topic, BridgeType::Sync));
-        subscribe(others.back());
-      }
-      measure();  // the caches are cold now
-      const Sample sample = measure();
-      for (auto& control : others) unsubscribe(control);
-      return sample;
-    };
+  Topic topic(kShortName);
+  const Measure alone = OneThread([&] { topic.Publish(); });
+  const Measure among_many = [&alone] {
+    std::deque<Topic> others;
+    for (int i = 0; i < 20'000; ++i) others.emplace_back("topic" + std::to_string(i));
+    alone();  // the caches are cold now
+    return alone();
   };
-  Compare(state, "the same alone",
-          among_others(
-              OneThread(topic.PublishOnBridge()),
-              [&](auto& control) { zorvix.RegisterSubscriber(control, callback); },
-              [](auto& control) { zorvix.UnregisterSubscriber(control, 0); }),
-          OneThread(topic.PublishOnBridge()),
-          among_others(
-              OneThread(topic.PublishOnFloor()),
-              [&](auto& control) { bare.Subscribe(control, callback); },
-              [](auto& control) { bare.Unsubscribe(control, nullptr); }));
+  Compare(state, "the same alone", among_many, alone);
 }
 
 void PublishOnTwoThreads(benchmark::State& state, bool one_topic) {
-  Topic topic("odometry");
+  Topic topic(kShortName);
   Topic other("distance");
   Topic& second = one_topic ? topic : other;
-  Compare(state, kSignals2, TwoThreads(topic.PublishOnBridge(), second.PublishOnBridge()),
-          TwoThreads(topic.Emit(), second.Emit()),
-          TwoThreads(topic.PublishOnFloor(), second.PublishOnFloor()));
+  Compare(state, kSignals2, TwoThreads([&] { topic.Publish(); }, [&] { second.Publish(); }),
+          TwoThreads([&] { topic.Emit(); }, [&] { second.Emit(); }));
 }
 
-// Posts and drains in turns; `post` posts one task.
-template <typename Post, typename Drain>
-Measure PostAndDrain(Post post, Drain drain) {
-  return Timed([post = std::move(post), drain = std::move(drain)](std::size_t n) {
-    const auto start = Clock::now();
-    for (std::size_t i = 0; i < n; i += kBatch) {
-      for (std::size_t j = 0; j < kBatch; ++j) post();
-      drain();
-    }
-    return NanosecondsSince(start);
-  });
-}
-
-void PostAndDrainAll(benchmark::State& state) {
-  Topic topic("odometry", BridgeType::Async, 1, Receive);
-  Context context;
-  const auto work = boost::asio::make_work_guard(context);
-  Compare(state, kAsio, PostAndDrain(topic.PostOnBridge(), [] { zorvix.SpinOnce(); }),
-          PostAndDrain(topic.PostOn(context), [&] { context.poll(); }),
-          PostAndDrain(topic.PostOnFloor(), [&] {
-            while (bare.Step()) {
-            }
-          }));
-}
-
-void PostAndDrainLogged(benchmark::State& state) {
-  const PlatformLog log;
-  PostAndDrainAll(state);
-}
-
-// Workers for the bridge, the floor and Asio. All but one's sleep while that one is measured.
-class Workers {
- public:
-  explicit Workers(std::size_t count) {
-    bare.Start();
-    threads_.emplace_back([count] { zorvix.Spin(count); });
-    for (std::size_t i = 0; i < count; ++i) {
-      threads_.emplace_back([] { bare.Work(); });
-      threads_.emplace_back([this] { context.run(); });
-    }
-    while (!ZorvixIsSpin()) std::this_thread::yield();
-  }
-  Workers(const Workers&) = delete;
-  Workers& operator=(const Workers&) = delete;
-  ~Workers() {
-    zorvix.StopSpin();
-    bare.Stop();
-    context.stop();
-    for (auto& thread : threads_) thread.join();
-  }
-
-  Context context;
-
- private:
-  boost::asio::executor_work_guard<Context::executor_type> work_{context.get_executor()};
-  std::vector<std::thread> threads_;
-};
-
-// Tasks that are posted and not done yet: 100 at most, so that the bridge's queue drops none.
-class Window {
- public:
-  void Enter() {
-    while (outstanding_.fetch_add(1) >= 100) {
-      outstanding_.fetch_sub(1);
-      std::this_thread::yield();
-    }
-  }
-  void Leave() { outstanding_.fetch_sub(1); }
-  void WaitUntilEmpty() const {
-    while (outstanding_ != 0) std::this_thread::yield();
-  }
-
- private:
-  std::atomic<int> outstanding_{0};
-};
-
-template <typename Post>
-Measure Produce(std::size_t producers, Window& window, Post post) {
-  return Timed([=, &window, post = std::move(post)](std::size_t n) {
-    const auto produce = [&] {
-      for (std::size_t i = 0; i < n / producers; ++i) {
-        window.Enter();
-        post();
-      }
-      window.WaitUntilEmpty();
-    };
-    if (producers == 2) return Together(produce, produce);
-    const auto start = Clock::now();
-    produce();
-    return NanosecondsSince(start);
-  });
-}
-
-void PostAcrossThreads(benchmark::State& state, std::size_t producers, std::size_t worker_count) {
-  Window window;
-  Topic topic("odometry", BridgeType::Async, 1, [&window](const std::any& message) {
-    Receive(message);
-    window.Leave();
-  });
-  Workers workers(worker_count);
-  Compare(state, kAsio, Produce(producers, window, topic.PostOnBridge()),
-          Produce(producers, window, topic.PostOn(workers.context)),
-          Produce(producers, window, topic.PostOnFloor()));
-}
-
-// The given quantile of the times from a post to an idle worker until the callback runs, which
-// stores the time of that.
-template <typename Post>
-Measure Wake(double quantile, std::atomic<Clock::rep>& arrival, Post post) {
-  return [=, &arrival] {
-    constexpr std::size_t kWakes = 200;
-    constexpr std::chrono::microseconds kUntilIdle{60};
-    std::array<Clock::rep, kWakes> times{};
-    for (auto& time : times) {
-      const auto start = Clock::now();
-      while (Clock::now() - start < kUntilIdle) {
-      }
-      arrival = 0;
-      const auto sent = Clock::now();
-      post();
-      while (arrival == 0) {
-      }
-      time = arrival - sent.time_since_epoch().count();
-    }
-    const auto place = times.begin() + static_cast<std::ptrdiff_t>(quantile * kWakes);
-    std::nth_element(times.begin(), place, times.end());
-    return Sample{static_cast<double>(*place), std::numeric_limits<double>::quiet_NaN()};
-  };
-}
-
-void WakeWorker(benchmark::State& state, double quantile) {
-  std::atomic<Clock::rep> arrival{0};
-  Topic topic("odometry", BridgeType::Async, 1,
-              [&arrival](const std::any&) { arrival = Clock::now().time_since_epoch().count(); });
-  Workers workers(1);
-  Compare(state, kAsio, Wake(quantile, arrival, topic.PostOnBridge()),
-          Wake(quantile, arrival, topic.PostOn(workers.context)),
-          Wake(quantile, arrival, topic.PostOnFloor()));
-}
-
-void Call(benchmark::State& state) {
+void Call(benchmark::State& state, const char* name) {
   const auto serve = [](const std::any& request, std::any& response) {
     response = std::any_cast<const Payload&>(request)[0];
   };
-  const std::any request = Payload{};
-  const auto call = [&request](const auto& server) {
+  const auto request = [](const auto& server) {
     std::any response;
-    server(request, response);
+    server(sync_message, response);
     benchmark::DoNotOptimize(std::any_cast<std::uint64_t>(response));
   };
-  auto control = MakeControl("odometry", BridgeModule::Service, BridgeType::Sync);
   const auto server = std::make_shared<std::function<void(const std::any&, std::any&)>>(serve);
-  auto registered = control;
-  zorvix.RegisterServer(registered, server);
-  bare.Serve(control, server);
+  auto control = MakeControl(name, BridgeModule::Service, BridgeType::Sync);
+  zorvix.RegisterServer(control, server);
   boost::signals2::signal<void(const std::any&, std::any&)> signal;
   signal.connect(serve);
-  Compare(state, kSignals2, OneThread([&] { zorvix.Call(control, call); }),
-          OneThread([&] { call(signal); }), OneThread([&] { bare.Call(control, call); }));
-  zorvix.UnregisterServer(registered, 0);
-  zorvix.UnregisterClient(control);
+  Compare(state, kSignals2, OneThread([&] { zorvix.Call(control, request); }),
+          OneThread([&] { request(signal); }));
+  zorvix.UnregisterServer(control, 0);
+}
+
+void PostAndDrain(benchmark::State& state) {
+  Topic topic(kShortName, 1, BridgeType::Async);
+  Context context;
+  const auto work = boost::asio::make_work_guard(context);
+  const auto measure = [](auto post, auto drain) {
+    const auto step = [=] {
+      for (int i = 0; i < 64; ++i) post();
+      drain();
+    };
+    return OneThread(step, 64);
+  };
+  Compare(state, "Boost.Asio", measure([&] { topic.Post(); }, [] { zorvix.SpinOnce(); }),
+          measure([&] { topic.PostOn(context); }, [&] { context.poll(); }));
+}
+
+// Posts `burst` tasks and waits until they are done, again and again.
+void PostToWorkers(benchmark::State& state, int burst, std::size_t workers, bool two_threads) {
+  std::atomic<int> outstanding{0};
+  Topic topic(kShortName, 1, BridgeType::Async, [&outstanding](const std::any& message) {
+    Receive(message);
+    --outstanding;
+  });
+  const auto measure = [&](auto post) {
+    const auto step = [=, &outstanding] {
+      outstanding += burst;
+      for (int i = 0; i < burst; ++i) post();
+      while (outstanding != 0) std::this_thread::yield();
+    };
+    const auto at_once = static_cast<std::size_t>(burst);
+    return two_threads ? TwoThreads(step, step, at_once) : OneThread(step, at_once);
+  };
+  // All workers but one's sleep while that one's are measured.
+  Context context;
+  auto work = boost::asio::make_work_guard(context);
+  std::vector<std::thread> threads;
+  threads.emplace_back([=] { zorvix.Spin(workers); });
+  for (std::size_t i = 0; i < workers; ++i) threads.emplace_back([&] { context.run(); });
+  while (!ZorvixIsSpin()) std::this_thread::yield();
+  Compare(state, "Boost.Asio", measure([&] { topic.Post(); }),
+          measure([&] { topic.PostOn(context); }));
+  zorvix.StopSpin();
+  work.reset();
+  for (auto& thread : threads) thread.join();
 }
 
 void Register(benchmark::State& state, std::size_t subscribers) {
-  Topic topic("odometry", subscribers);
+  Topic topic(kShortName, subscribers);
   const auto callback = std::make_shared<std::function<void(const std::any&)>>(Receive);
   Compare(state, kSignals2, OneThread([&] {
-            Subscribe(topic.control, callback);
-            Unsubscribe(topic.control, callback);
+            auto control = topic.control;
+            zorvix.RegisterSubscriber(control, callback);
+            zorvix.UnregisterSubscriber(control, reinterpret_cast<unsigned long>(callback.get()));
           }),
-          OneThread([&] { topic.signal.connect(Receive).disconnect(); }), OneThread([&] {
-            auto control = topic.bare_control;
-            bare.Subscribe(control, callback);
-            bare.Unsubscribe(control, callback.get());
-          }));
+          OneThread([&] { topic.signal.connect(Receive).disconnect(); }));
 }
 
 template <typename Function, typename... Arguments>
-void Add(const char* name, int rounds, Function function, Arguments... arguments) {
-  benchmark::RegisterBenchmark(name, function, arguments...)->Iterations(rounds)->Repetitions(5);
+void Add(const std::string& name, int rounds, Function run, Arguments... arguments) {
+  benchmark::RegisterBenchmark(name.c_str(), run, arguments...)->Iterations(rounds);
 }
 
+template <typename Step>
+void AddPart(const char* name, const Counts& counts, Step step) {
+  const auto run = [=](benchmark::State& state) {
+    for (auto _ : state) step();
+    for (std::size_t i = 0; i < counts.size(); ++i) state.counters[kAddedUp[i]] = counts[i];
+  };
+  benchmark::RegisterBenchmark(name, run)->MinTime(0.2);
+}
+
+const auto control = MakeControl(kShortName, BridgeModule::Topic, BridgeType::Async);
+std::mutex mutex;
+std::string_view suffix = "/Topic/Sync";
+std::unordered_map<const Control*, int> table{{control.get(), 0}};
+std::function<void(const std::any&)> function = Receive;
+
 const bool added = [] {
-  Add("Sync publish to 1 subscriber", kRounds, Publish, 1);
-  Add("Sync publish to 4", kRounds, Publish, 4);
-  Add("Sync publish to 16", kRounds, Publish, 16);
-  Add("Sync publish to 64", kRounds, Publish, 64);
-  Add("Sync publish to 1, name of 8 characters", kRounds, PublishNamed, "odometry", "odom",
-      "the same, 4 characters");
-  Add("Sync publish to 1, name of 60 characters", kRounds, PublishNamed,
-      "vehicle/chassis/rear_axle/left_wheel/wheel_encoder/odometry/", "odometry",
-      "the same, 8 characters");
+  for (int i = 1; i <= 256; i *= 2) {
+    Add("Sync publish to " + std::to_string(i), 150, Publish, kShortName, i);
+  }
+  Add("Sync publish to 1, name of 60 characters", 150, Publish, kLongName, 1);
   Add("Sync publish to 1 among 20,000 topics", 10, PublishAmongMany);
-  Add("Sync publish to 1 on 2 threads, one topic each", kRounds, PublishOnTwoThreads, false);
-  Add("Sync publish to 1 on 2 threads, same topic", kRounds, PublishOnTwoThreads, true);
-  Add("Sync call", kRounds, Call);
-  Add("Async publish and drain, 64 at a time", kRounds, PostAndDrainAll);
-  Add("Async publish and drain, platform's log", kRounds, PostAndDrainLogged);
-  Add("Async across threads, 1 producer", kRounds, PostAcrossThreads, 1, 1);
-  Add("Async across threads, 2 producers", kRounds, PostAcrossThreads, 2, 1);
-  Add("Async across threads, 1 producer, 2 workers", kRounds, PostAcrossThreads, 1, 2);
-  Add("Async publish until an idle worker calls, p50", 10, WakeWorker, 0.5);
-  Add("Async publish until an idle worker calls, p99", 10, WakeWorker, 0.99);
-  Add("Register and unregister 1 subscriber, 1 on the topic", kRounds, Register, 1);
-  Add("Register and unregister 1 subscriber, 1,000 on the topic", kRounds, Register, 1000);
+  Add("Sync publish to 1 on 2 threads, one topic each", 150, PublishOnTwoThreads, false);
+  Add("Sync publish to 1 on 2 threads, same topic", 150, PublishOnTwoThreads, true);
+  Add("Sync call", 150, Call, kShortName);
+  Add("Sync call, name of 60 characters", 150, Call, kLongName);
+  Add("Async publish and drain", 150, PostAndDrain);
+  Add("Async publish to a worker, 1 at a time", 150, PostToWorkers, 1, 1, false);
+  Add("Async publish to a worker, 64 at a time", 150, PostToWorkers, 64, 1, false);
+  Add("Async publish to 2 workers, 64 at a time", 150, PostToWorkers, 64, 2, false);
+  Add("Async publish to a worker on 2 threads, 32 at a time", 150, PostToWorkers, 32, 1, true);
+  Add("Register and unregister 1 subscriber, 1 on the topic", 150, Register, 1);
+  Add("Register and unregister 1 subscriber, 1,000 on the topic", 150, Register, 1000);
+
+  AddPart("free mutex locked and unlocked", {2, 2, 4}, [] { const std::lock_guard lock(mutex); });
+  AddPart("name composed in place", {1, 1, 0}, [] {
+    std::array<char, 128> buffer;
+    benchmark::DoNotOptimize(suffix);
+    const std::size_t length = control->name.copy(buffer.data(), buffer.size());
+    suffix.copy(buffer.data() + length, buffer.size() - length);
+    benchmark::DoNotOptimize(buffer);
+  });
+  AddPart("name composed in a string", {0, 0, 1},
+          [] { benchmark::DoNotOptimize(Zorvix::GetRealName(control)); });
+  AddPart("lookup in the table", {1, 1, 1},
+          [] { benchmark::DoNotOptimize(table.find(control.get())->second); });
+  AddPart("shared pointer copied and dropped", {1, 1, 2}, [] {
+    const auto copy = control;
+    benchmark::DoNotOptimize(copy);
+  });
+  AddPart("call through `std::function`", {1, 2, 2}, [] {
+    benchmark::DoNotOptimize(function);
+    function(sync_message);
+  });
+  AddPart("heap block of 64 bytes taken and given back", {0, 0, 2},
+          [] { benchmark::DoNotOptimize(std::unique_ptr<Payload>(new Payload)); });
+  AddPart("queue-size line formatted", {0, 0, 1},
+          [] { BRIDGE_LOG(bridge::kLogInfo, "event queue size: %zu", control->name.size()); });
   return true;
 }();
 
