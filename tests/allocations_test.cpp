@@ -28,10 +28,10 @@ namespace {
 
 TEST_F(Bridge, DeliveryAtOnceAllocatesNothingAndOneShotsNoMoreThanOthers) {
   const std::string name(60, 'n');
+  const auto ignore = Subscriber([](auto&) {});
   std::size_t by_type[3];
   for (const auto type : {BridgeType::Sync, BridgeType::Async, BridgeType::SignleAsync}) {
-    auto& topic = Topic(name, type);
-    for (int i = 0; i < 8; ++i) ZorvixRegisterSubscriber(topic, Subscriber([](auto&) {}));
+    auto& topic = Subscribed(name, type, {ignore, ignore, ignore, ignore});
     allocations = 0;
     EXPECT_TRUE(ZorvixPublish(topic, 1));
     by_type[static_cast<int>(type)] = allocations;
@@ -41,25 +41,22 @@ TEST_F(Bridge, DeliveryAtOnceAllocatesNothingAndOneShotsNoMoreThanOthers) {
   EXPECT_LE(by_type[2], by_type[1] + 1) << "a block of the queue may begin in one of them";
   auto& service = Service(name, BridgeType::Sync);
   ZorvixRegisterServer(service, Server([](auto&, auto&) {}));
-  bridge::RequestCallback request = [](auto&) {};
+  bridge::RequestCallback request = Request;
   allocations = 0;
   EXPECT_TRUE(ZorvixCall(service, std::move(request)));
   EXPECT_EQ(allocations, 0u);
 }
 
 TEST_F(Bridge, TasksPostedBeforeAFailureAreRun) {
-  auto& topic = Topic("t", BridgeType::Async);
-  Latch ran;
-  for (int i = 0; i < 2; ++i) {
-    ZorvixRegisterSubscriber(topic, Subscriber([&](auto&) { ran.CountDown(); }));
-  }
-  Spinning spinning([] { ZorvixSpin(1); });
+  const auto log = Subscriber([](auto&) { Log("ran"); });
+  auto& topic = Subscribed("t", BridgeType::Async, {log, log});
+  const zorvix::Workers workers(1);
   WaitForLog("Spin loop once lock.");
   first_only = true;
   allocations = 0;
   EXPECT_THROW(ZorvixPublish(topic, 1), std::bad_alloc);
   first_only = false;
-  ran.Wait();
+  WaitForLog("ran");
 }
 
 }  // namespace

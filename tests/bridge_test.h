@@ -1,14 +1,11 @@
-// What the tests of the bridge share: short ways to make endpoints, callbacks
-// and workers, and a latch.
+// What the tests of the bridge share: short ways to make endpoints and callbacks. Threads meet at
+// log lines: see WaitForLog and HoldLog.
 #ifndef ZORVIX_TESTS_BRIDGE_TEST_H_
 #define ZORVIX_TESTS_BRIDGE_TEST_H_
 
 #include <gtest/gtest.h>
+#include <zorvix/typed.h>
 #include <zorvix/zorvix_flat.h>
-
-#include <condition_variable>
-#include <mutex>
-#include <thread>
 
 #include "log_capture.h"
 
@@ -17,6 +14,8 @@ using bridge::BridgeType;
 using bridge::Zorvix;
 using Endpoint = std::shared_ptr<const bridge::Control>;
 using ServerFunction = std::function<void(const std::any&, std::any&)>;
+
+inline void Log(const char* text) { BRIDGE_LOG(bridge::kLogInfo, "%s", text); }
 
 template <typename Function>
 bridge::SubscriberCallback Subscriber(Function function) {
@@ -33,49 +32,11 @@ unsigned long Handle(const Callback& callback) {
   return reinterpret_cast<unsigned long>(callback.get());
 }
 
-// Opens once it has been counted down to zero.
-class Latch {
- public:
-  explicit Latch(unsigned count = 1) : count_(count) {}
-  void CountDown() {
-    const std::lock_guard lock(mutex_);
-    if (count_ > 0 && --count_ == 0) opened_.notify_all();
-  }
-  void Wait() {
-    std::unique_lock lock(mutex_);
-    opened_.wait(lock, [this] { return count_ == 0; });
-  }
-  void Meet() {
-    CountDown();
-    Wait();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable opened_;
-  unsigned count_;
-};
-
-// Runs workers until the end of its scope, however early that is.
-class Spinning {
- public:
-  template <typename Spin>
-  explicit Spinning(Spin spin)
-      : thread_([=] {
-          spin();
-          left_ = true;
-        }) {}
-  ~Spinning() { Stop(); }
-  void Stop() {
-    while (!left_) ZorvixStopSpin();
-    if (thread_.joinable()) thread_.join();
-  }
-  std::thread::id Id() const { return thread_.get_id(); }
-
- private:
-  std::atomic<bool> left_{false};
-  std::thread thread_;
-};
+// A request that calls the server with a number and forgets the response.
+inline void Request(const ServerFunction& serve) {
+  std::any response;
+  serve(1, response);
+}
 
 // Owns the endpoints that a test makes and takes them out of the bridge at its end, with their
 // subscribers and servers. The flat functions call the methods, so tests use them for both.
@@ -89,6 +50,12 @@ class Bridge : public testing::Test {
   }
   Endpoint& Make(const bridge::Control& control) {
     return endpoints_.emplace_back(std::make_shared<bridge::Control>(control));
+  }
+  Endpoint& Subscribed(const std::string& name, BridgeType type,
+                       std::initializer_list<bridge::SubscriberCallback> callbacks) {
+    auto& topic = Topic(name, type);
+    for (const auto& callback : callbacks) ZorvixRegisterSubscriber(topic, callback);
+    return topic;
   }
 
   void SetUp() override { TakeLog(); }

@@ -1,12 +1,10 @@
-// The payloads that modules exchange, each under an endpoint of its own, and what modules export.
+// The payloads that modules exchange, each under a name of its own, and what modules export.
 #ifndef ZORVIX_TESTS_MODULES_PAYLOAD_H_
 #define ZORVIX_TESTS_MODULES_PAYLOAD_H_
 
-#include <zorvix/zorvix.h>
+#include <zorvix/typed.h>
 
-#include <string>
 #include <tuple>
-#include <vector>
 
 enum class Color { Red = 3 };
 
@@ -31,28 +29,23 @@ inline auto Payloads() {
 }
 constexpr int kPayloads = std::tuple_size_v<decltype(Payloads())>;
 
-// Calls `use` with each payload and the control of its endpoint.
+// Calls `use` with the name and the value of each payload.
 template <typename Function>
-void ForEachPayload(bridge::BridgeModule module, bridge::BridgeType type, Function use) {
+void ForEachPayload(Function use) {
   int number = 0;
-  const auto use_one = [&](const auto& payload) {
-    std::shared_ptr<const bridge::Control> control = std::make_shared<bridge::Control>(
-        bridge::Control{"payload" + std::to_string(++number), module, type});
-    use(std::move(control), payload);  // leaves no other owner
-  };
-  std::apply([&](const auto&... payload) { (use_one(payload), ...); }, Payloads());
+  std::apply([&](auto... payload) { (use("payload" + std::to_string(++number), payload), ...); },
+             Payloads());
 }
 
 #define MODULE_EXPORT extern "C" __attribute__((visibility("default")))
 
-// Of receivers: subscribe and serve; the number of payloads received right; leave.
+// Of the receiver: subscribe and serve; the number of payloads received right; leave.
 MODULE_EXPORT void Start(bridge::BridgeType type);
 MODULE_EXPORT int Received();
 MODULE_EXPORT void Stop();
 
-// Of senders: publishes each payload to a Sync or Async topic, calls a service with each and
-// leaves. Returns how many publications and calls were accepted. `library` is the bridge's, for
-// dlsym.
+// Of senders: publishes each payload to a Sync or Async topic and calls a service with each.
+// Returns how many publications and calls were accepted. `library` is the bridge's, for dlsym.
 MODULE_EXPORT int Send(bridge::BridgeType type, void* library);
 // Returns the number of payloads that came back right from the services.
 MODULE_EXPORT int Answered();

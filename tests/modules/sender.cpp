@@ -1,5 +1,4 @@
-// Built three times: linked with the bridge, bound to it by dlsym only (SENDER_BY_DLSYM), and
-// without the definition that makes libc++ compare types by name.
+// Sends without handles: linked with the bridge, or bound to it by dlsym only (SENDER_BY_DLSYM).
 #include <dlfcn.h>
 #include <zorvix/zorvix_flat.h>
 
@@ -11,30 +10,30 @@
 #define BIND(name) ((void)library, &name)
 #endif
 
-using bridge::BridgeModule;
-
 namespace {
 int answered = 0;
 }
 
 int Send(bridge::BridgeType type, void* library) {
   int accepted = 0;
-  ForEachPayload(BridgeModule::Topic, type, [&](auto control, const auto& payload) {
-    BIND(ZorvixRegisterPublisher)(control);
-    accepted += BIND(ZorvixPublish)(control, payload);
-    BIND(ZorvixUnregisterPublisher)(control);
-  });
-  ForEachPayload(BridgeModule::Service, type, [&](auto control, const auto& payload) {
+  ForEachPayload([&](const std::string& name, const auto& payload) {
     using Payload = std::decay_t<decltype(payload)>;
-    BIND(ZorvixRegisterClient)(control);
-    accepted += BIND(ZorvixCall)(control, [payload](const auto& serve) {
+    std::shared_ptr<const bridge::Control> topic =
+        std::make_shared<bridge::Control>(bridge::Control{name, bridge::BridgeModule::Topic, type});
+    BIND(ZorvixRegisterPublisher)(topic);
+    accepted += BIND(ZorvixPublish)(topic, payload);
+    BIND(ZorvixUnregisterPublisher)(topic);
+    std::shared_ptr<const bridge::Control> service = std::make_shared<bridge::Control>(
+        bridge::Control{name, bridge::BridgeModule::Service, type});
+    BIND(ZorvixRegisterClient)(service);
+    accepted += BIND(ZorvixCall)(service, [payload](const auto& serve) {
       std::any response;
       serve(payload, response);
       answered += Equal(std::any_cast<const Payload&>(response), payload);
     });
-    BIND(ZorvixUnregisterClient)(control);
+    BIND(ZorvixUnregisterClient)(service);
   });
   return accepted;
 }
 
-int Answered() { return answered; }
+int Answered() { return std::exchange(answered, 0); }

@@ -1,6 +1,7 @@
 #!/bin/sh
-# packages.sh SOURCE WORK [CMAKE-OPTION...]: installs the library and lets a user's project take it in each way it is
-# offered, from paths with a space in them, after the build tree is gone.
+# every_way.sh SOURCE WORK [CMAKE-OPTION...]: installs the library and lets the project beside this
+# script take it in each way it is offered, from paths with a space in them, after the build tree is
+# gone.
 set -eu
 source=$1 work="$2/a folder"
 shift 2
@@ -21,7 +22,7 @@ libdir=$(dirname "$(find "$installed" -name 'libcom.quenmar.zorvix.so')")
 consume() { # WAY [CMAKE-OPTION...]
   way=$1
   shift
-  cmake -S "$source/tests/consumer" -B "$work/$way" -DWAY="$way" "$@" >"$log" 2>&1
+  cmake -S "$source/examples/consumer" -B "$work/$way" -DWAY="$way" "$@" >"$log" 2>&1
   cmake --build "$work/$way" >>"$log" 2>&1
   "$work/$way/consumer" 2>>"$log" | grep -x 'message received by consumer' >>"$log"
   echo "$way: builds and runs"
@@ -34,13 +35,13 @@ consume FetchContent -DZORVIX_SOURCE="$source"
 # A project without a build system.
 PKG_CONFIG_PATH="$libdir/pkgconfig"
 export PKG_CONFIG_PATH
-eval "c++ -std=c++17 '$source/tests/consumer/main.cpp' -o '$work/plain' \
+eval "c++ -std=c++17 '$source/examples/consumer/main.cpp' -o '$work/plain' \
   $(pkg-config --cflags --libs zorvix) '-Wl,-rpath,$libdir'" >"$log" 2>&1
 "$work/plain" >>"$log" 2>&1
 echo "pkg-config by hand: builds and runs"
 
 # Another major version is refused.
-sed 's/find_package(zorvix 1 /find_package(zorvix 2 /' "$source/tests/consumer/CMakeLists.txt" \
+sed 's/find_package(zorvix 1 /find_package(zorvix 2 /' "$source/examples/consumer/CMakeLists.txt" \
   >"$work/CMakeLists.txt"
 if cmake -S "$work" -B "$work/major" -DWAY=find_package -DCMAKE_PREFIX_PATH="$installed" \
   >"$log" 2>&1; then
