@@ -32,9 +32,9 @@ TEST_F(Bridge, WorkerRunsWhatIsPostedAndLogsEachTurn) {
   log.erase(std::remove_if(log.begin(), log.end(),
                            [](auto& line) { return line.rfind("I: elapsed: ", 0) == 0; }),
             log.end());
-  const Lines turn = {"I: Spin loop once lock.", "I: Spin loop once.", "I: event queue size: 0"};
-  EXPECT_EQ(log, (Lines{turn[0], turn[1], turn[2], turn[0], turn[1], turn[2], turn[0], turn[1],
-                        "I: Spin exit."}));
+  const std::string lock = "I: Spin loop once lock.", loop = "I: Spin loop once.";
+  const std::string size = "I: event queue size: 0", exit = "I: Spin exit.";
+  EXPECT_EQ(log, (Lines{lock, loop, size, lock, loop, size, lock, loop, exit}));
 }
 
 TEST_F(Bridge, PublicationWakesAllWorkers) {

@@ -14,18 +14,10 @@ struct Reading {
   bool operator==(const Reading& other) const { return unit == other.unit && value == other.value; }
 };
 
-inline bool Equal(const std::shared_ptr<Reading>& left, const std::shared_ptr<Reading>& right) {
-  return *left == *right;
-}
-template <typename Payload>
-bool Equal(const Payload& left, const Payload& right) {
-  return left == right;
-}
-
 inline auto Payloads() {
   const Reading reading{"a unit too long to be stored inside a string", 7};
   return std::make_tuple(42, std::string("text"), std::vector<std::string>{"a", "b"}, Color::Red,
-                         reading, std::make_shared<Reading>(reading));
+                         reading, std::optional<Reading>(reading));
 }
 constexpr int kPayloads = std::tuple_size_v<decltype(Payloads())>;
 

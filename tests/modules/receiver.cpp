@@ -13,7 +13,7 @@ void StartAs() {
     using Payload = std::decay_t<decltype(expected)>;
     handles.push_back(std::make_shared<zorvix::Subscriber<Payload, kType>>(
         zorvix::Topic<Payload, kType>{name},
-        [expected](const Payload& payload) { received += Equal(payload, expected); }));
+        [expected](const Payload& payload) { received += payload == expected; }));
     handles.push_back(std::make_shared<zorvix::Server<Payload, Payload, kType>>(
         zorvix::Service<Payload, Payload, kType>{name},
         [](const Payload& payload) { return payload; }));

@@ -29,7 +29,7 @@ int Send(bridge::BridgeType type, void* library) {
     accepted += BIND(ZorvixCall)(service, [payload](const auto& serve) {
       std::any response;
       serve(payload, response);
-      answered += Equal(std::any_cast<const Payload&>(response), payload);
+      answered += std::any_cast<const Payload&>(response) == payload;
     });
     BIND(ZorvixUnregisterClient)(service);
   });

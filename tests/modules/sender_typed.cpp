@@ -14,10 +14,9 @@ int SendAs() {
     accepted += zorvix::Publisher(zorvix::Topic<Payload, kType>{name}).Publish(payload);
     auto answer = zorvix::Client(zorvix::Service<Payload, Payload, kType>{name}).Call(payload);
     if constexpr (kType == BridgeType::Sync) {
-      answers.push_back([=] { return answer && Equal(*answer, payload); });
+      answers.push_back([=] { return answer == payload; });
     } else {
-      answers.push_back(
-          [=, later = answer.share()] { return later.get() && Equal(*later.get(), payload); });
+      answers.push_back([=, later = answer.share()] { return later.get() == payload; });
     }
     ++accepted;
   });

@@ -1,0 +1,157 @@
+// What the handles promise beyond the plain interface.
+#include "bridge_test.h"
+
+namespace {
+
+using zorvix::Delivery;
+
+const zorvix::Topic<int> kTopic{"t"};
+const zorvix::Topic<int, BridgeType::Async> kQueuedTopic{"t"};
+const zorvix::Service<int, int> kService{"s"};
+const zorvix::Service<int, int, BridgeType::Async> kQueuedService{"s"};
+
+TEST_F(Bridge, HandleEndsAfterItsRunningCallable) {
+  const zorvix::Publisher publisher(kTopic);
+  const zorvix::Client client(kService);
+  std::atomic<bool> running{false};
+  const auto callable = [&](int number) {
+    running = true;
+    Log("running");
+    running = false;
+    return number;
+  };
+  const auto check = [&](auto handle) {
+    HoldLog("running");
+    auto run = std::async(std::launch::async, [&] {
+      publisher.Publish(1);
+      client.Call(1);
+      ZorvixSpinOnce();
+    });
+    WaitForLog("running");
+    auto end = std::async(std::launch::async, [&] {
+      std::optional(std::move(handle)).reset();
+      EXPECT_FALSE(running);
+    });
+    WaitForLog("callback");  // the last line before it waits
+    HoldLog("");
+    end.get();
+    run.get();
+    TakeLog();
+  };
+  check(zorvix::Subscriber(kTopic, callable));
+  check(zorvix::Subscriber(kTopic, callable, Delivery::Queued));
+  check(zorvix::Server(kService, callable));
+}
+
+TEST_F(Bridge, NoCallableBeginsAfterItsHandle) {
+  Subscribed("t", BridgeType::Sync, {Subscriber([](auto&) { Log("first"); })});
+  const auto fail = [](int number) { return ADD_FAILURE(), number; };
+  std::optional queued(zorvix::Subscriber(kTopic, fail, Delivery::Queued));
+  std::optional server(zorvix::Server(kQueuedService, fail));
+  zorvix::Publisher(kTopic).Publish(1);
+  auto answer = zorvix::Client(kQueuedService).Call(1);
+  std::optional at_once(zorvix::Subscriber(kTopic, fail));
+  HoldLog("first");
+  auto run = std::async(std::launch::async, [] { zorvix::Publisher(kTopic).Publish(1); });
+  WaitForLog("first", 2);
+  queued.reset();
+  server.reset();
+  at_once.reset();
+  HoldLog("");
+  run.get();
+  ZorvixSpinOnce();
+  EXPECT_FALSE(answer.get());
+}
+
+TEST_F(Bridge, CallableMayDestroyItsHandleAndNamesGoWithTheLast) {
+  for (const auto delivery : {Delivery::AtOnce, Delivery::Queued}) {
+    int runs = 0;
+    std::optional<zorvix::Subscriber<int>> handle;
+    const auto once = [&](int) {
+      ++runs;
+      handle.reset();
+    };
+    handle.emplace(kTopic, once, delivery);
+    zorvix::Publisher publisher(kTopic), moved = std::move(publisher);
+    EXPECT_FALSE(publisher.Publish(1));
+    EXPECT_TRUE(moved.Publish(1));
+    EXPECT_EQ(moved.Publish(1), delivery == Delivery::Queued);
+    moved = zorvix::Publisher(zorvix::Topic<int>{"another"});
+    ZorvixSpinOnce();
+    EXPECT_EQ(runs, 1);
+    moved = std::move(publisher);
+    EXPECT_EQ(Count(TakeLog(), "control has been unregistered"),
+              delivery == Delivery::Queued ? 3u : 2u);
+  }
+}
+
+TEST_F(Bridge, EverySubscriberGetsEveryMessageOfItsTypeInOrder) {
+  std::vector<int> got[4];
+  const auto append = [&](int to) { return [&got, to](int number) { got[to].push_back(number); }; };
+  {
+    const zorvix::Subscriber at_once(kTopic, append(0));
+    const zorvix::Subscriber one(kTopic, append(1), Delivery::Queued);
+    const zorvix::Subscriber two(kTopic, append(2), Delivery::Queued);
+    const zorvix::Subscriber first(kQueuedTopic, append(3)), second(kQueuedTopic, append(3));
+    const zorvix::Workers workers(1);
+    zorvix::Publisher(zorvix::Topic<char>{"t"}).Publish('x');
+    EXPECT_EQ(Count(TakeLog(), "E: error: "), 3u) << "of another type";
+    for (int number : {1, 2, 3}) {
+      zorvix::Publisher(kTopic).Publish(number);
+      zorvix::Publisher(kQueuedTopic).Publish(number);
+    }
+    EXPECT_EQ(got[0].size(), 3u);
+  }
+  for (const auto& numbers : got) EXPECT_EQ(numbers, (std::vector{1, 2, 3}));
+  EXPECT_EQ(Count(TakeLog(), "E: "), 0u) << "skips in silence what is empty";
+}
+
+TEST_F(Bridge, CallsAreAnsweredOrNotButNeverThrow) {
+  const zorvix::Client client(kService);
+  const zorvix::Client later(kQueuedService);
+  const auto answer = [&](int number) {
+    auto queued = later.Call(number);
+    ZorvixSpinOnce();
+    const auto second = queued.get();
+    EXPECT_EQ(client.Call(number), second);
+    return second;
+  };
+  EXPECT_EQ(answer(1), std::nullopt);
+  const auto serve = [&](int number) {
+    if (number == 4) return *client.Call(1) + 1;  // no lock is held meanwhile
+    if (number == 2) throw std::runtime_error("bad luck");
+    if (number == 3) throw number;
+    return 10 * number;
+  };
+  {
+    zorvix::Server server(kService, [](int) { return 0; });
+    server = zorvix::Server(kService, serve);
+    const zorvix::Server queued(kQueuedService, serve);
+    EXPECT_EQ(answer(4), 11);
+    EXPECT_EQ(answer(2), std::nullopt);
+    EXPECT_EQ(answer(3), std::nullopt);
+    auto lost = later.Call(1);
+    for (int i = 0; i < 100; ++i) later.Call(1);
+    EXPECT_EQ(lost.get(), std::nullopt);
+  }
+  const auto other = Server([](auto&, auto& response) { response = 'x'; });
+  ZorvixRegisterServer(Service("s", BridgeType::Sync), other);
+  ZorvixRegisterServer(Service("s", BridgeType::Async), other);
+  EXPECT_EQ(answer(1), std::nullopt);
+}
+
+TEST_F(Bridge, WorkersStopHoweverEarlyAndHoweverLate) {
+  for (int i = 0; i < 50; ++i) zorvix::Workers(2);
+  std::atomic<bool> ran{false};
+  const zorvix::Subscriber task(kQueuedTopic, [&](int) {
+    WaitForLog("StopSpin timeout.");
+    ran = true;
+  });
+  {
+    const zorvix::Workers workers(1);
+    zorvix::Publisher(kQueuedTopic).Publish(1);
+  }
+  EXPECT_TRUE(ran);
+}
+
+}  // namespace
