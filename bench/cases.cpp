@@ -1,5 +1,5 @@
 // The cases, in the order of the table, and the parts they are made of.
-#include <zorvix/zorvix.h>
+#include <zorvix/typed.h>
 
 #include <any>
 #include <boost/asio.hpp>
@@ -27,7 +27,7 @@ using bridge::Zorvix;
 using Payload = std::array<std::uint64_t, 8>;
 using Context = boost::asio::io_context;
 
-Zorvix& zorvix = Zorvix::GetInstance();
+Zorvix& the_bridge = Zorvix::GetInstance();
 std::any sync_message = Payload{};  // left with the caller by every synchronous publication
 
 constexpr char kSignals2[] = "Boost.Signals2";
@@ -50,15 +50,15 @@ struct Topic {
       : control(MakeControl(std::move(name), BridgeModule::Topic, type)) {
     for (std::size_t i = 0; i < subscribers; ++i) {
       callback = std::make_shared<std::function<void(const std::any&)>>(callable);
-      zorvix.RegisterSubscriber(control, callback);
+      the_bridge.RegisterSubscriber(control, callback);
       signal.connect(callable);
     }
   }
-  ~Topic() { zorvix.UnregisterSubscriber(control, 0); }  // the last to leave takes all along
+  ~Topic() { the_bridge.UnregisterSubscriber(control, 0); }  // the last to leave takes all along
 
-  void Publish() { zorvix.Publish(control, std::move(sync_message)); }
+  void Publish() { the_bridge.Publish(control, std::move(sync_message)); }
   void Emit() { signal(sync_message); }
-  void Post() { zorvix.Publish(control, Payload{}); }
+  void Post() { the_bridge.Publish(control, Payload{}); }
   // A closure of the same three fields as the bridge's.
   void PostOn(Context& context) {
     boost::asio::post(context, [name = real_name, callback = callback,
@@ -74,6 +74,16 @@ struct Topic {
 void Publish(benchmark::State& state, const char* name, std::size_t subscribers) {
   Topic topic(name, subscribers);
   Compare(state, kSignals2, OneThread([&] { topic.Publish(); }), OneThread([&] { topic.Emit(); }));
+}
+
+void PublishTyped(benchmark::State& state) {
+  Topic plain(kShortName);
+  const zorvix::Topic<Payload> topic{"distance"};
+  const zorvix::Subscriber subscriber(
+      topic, [](const Payload& payload) { benchmark::DoNotOptimize(payload[0]); });
+  const zorvix::Publisher publisher(topic);
+  Compare(state, "the plain interface", OneThread([&] { publisher.Publish(Payload{}); }),
+          OneThread([&] { plain.Post(); }));
 }
 
 void PublishAmongMany(benchmark::State& state) {
@@ -107,12 +117,12 @@ void Call(benchmark::State& state, const char* name) {
   };
   const auto server = std::make_shared<std::function<void(const std::any&, std::any&)>>(serve);
   auto control = MakeControl(name, BridgeModule::Service, BridgeType::Sync);
-  zorvix.RegisterServer(control, server);
+  the_bridge.RegisterServer(control, server);
   boost::signals2::signal<void(const std::any&, std::any&)> signal;
   signal.connect(serve);
-  Compare(state, kSignals2, OneThread([&] { zorvix.Call(control, request); }),
+  Compare(state, kSignals2, OneThread([&] { the_bridge.Call(control, request); }),
           OneThread([&] { request(signal); }));
-  zorvix.UnregisterServer(control, 0);
+  the_bridge.UnregisterServer(control, 0);
 }
 
 void PostAndDrain(benchmark::State& state) {
@@ -126,7 +136,7 @@ void PostAndDrain(benchmark::State& state) {
     };
     return OneThread(step, 64);
   };
-  Compare(state, "Boost.Asio", measure([&] { topic.Post(); }, [] { zorvix.SpinOnce(); }),
+  Compare(state, "Boost.Asio", measure([&] { topic.Post(); }, [] { the_bridge.SpinOnce(); }),
           measure([&] { topic.PostOn(context); }, [&] { context.poll(); }));
 }
 
@@ -150,12 +160,12 @@ void PostToWorkers(benchmark::State& state, int burst, std::size_t workers, bool
   Context context;
   auto work = boost::asio::make_work_guard(context);
   std::vector<std::thread> threads;
-  threads.emplace_back([=] { zorvix.Spin(workers); });
+  threads.emplace_back([=] { the_bridge.Spin(workers); });
   for (std::size_t i = 0; i < workers; ++i) threads.emplace_back([&] { context.run(); });
   while (!ZorvixIsSpin()) std::this_thread::yield();
   Compare(state, "Boost.Asio", measure([&] { topic.Post(); }),
           measure([&] { topic.PostOn(context); }));
-  zorvix.StopSpin();
+  the_bridge.StopSpin();
   work.reset();
   for (auto& thread : threads) thread.join();
 }
@@ -165,8 +175,9 @@ void Register(benchmark::State& state, std::size_t subscribers) {
   const auto callback = std::make_shared<std::function<void(const std::any&)>>(Receive);
   Compare(state, kSignals2, OneThread([&] {
             auto control = topic.control;
-            zorvix.RegisterSubscriber(control, callback);
-            zorvix.UnregisterSubscriber(control, reinterpret_cast<unsigned long>(callback.get()));
+            the_bridge.RegisterSubscriber(control, callback);
+            the_bridge.UnregisterSubscriber(control,
+                                            reinterpret_cast<unsigned long>(callback.get()));
           }),
           OneThread([&] { topic.signal.connect(Receive).disconnect(); }));
 }
@@ -196,6 +207,7 @@ const bool added = [] {
     Add("Sync publish to " + std::to_string(i), 150, Publish, kShortName, i);
   }
   Add("Sync publish to 1, name of 60 characters", 150, Publish, kLongName, 1);
+  Add("Sync publish to 1, typed, a new message each time", 150, PublishTyped);
   Add("Sync publish to 1 among 20,000 topics", 10, PublishAmongMany);
   Add("Sync publish to 1 on 2 threads, one topic each", 150, PublishOnTwoThreads, false);
   Add("Sync publish to 1 on 2 threads, same topic", 150, PublishOnTwoThreads, true);

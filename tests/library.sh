@@ -1,7 +1,8 @@
 #!/bin/sh
-# library.sh NM READELF LIBRARY [android]: checks what the built library shows to the linker.
+# library.sh NM READELF LIBRARY MODULE [android]: checks what the built library shows to the linker,
+# and what the header puts into a module without hidden visibility.
 set -eu
-nm=$1 readelf=$2 library=$3
+nm=$1 readelf=$2 library=$3 module=$4
 map=$(dirname "$0")/../cmake/exports.map
 
 # Prints the values of a tag of the dynamic section.
@@ -19,7 +20,10 @@ expect "undefined log function" \
   "$("$nm" -D --undefined-only "$library" | grep -o '__android_log_print')" __android_log_print
 expect SONAME "$(dynamic SONAME)" libcom.quenmar.zorvix.so
 
-if [ "${4:-}" = android ]; then
+expect FLAGS_1 "$("$readelf" -dW "$library" | grep -o NODELETE)" NODELETE
+expect "functions of the header in a module" \
+  "$("$nm" -D --defined-only --demangle "$module" | grep -c 'WriteLog\|RealName')" 0
+if [ "${5:-}" = android ]; then
   expect NEEDED "$(dynamic NEEDED | grep -v -x -e 'lib[cm].so' -e libdl.so | sort | xargs)" \
     "libc++_shared.so liblog.so"
   expect "alignment of LOAD segments" \

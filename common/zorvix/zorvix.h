@@ -10,8 +10,10 @@
 // comment says otherwise. No lock of the bridge is held while a callback runs.
 //
 // Ownership: users own their Controls, the bridge keeps only weak references to them. The bridge
-// shares the callbacks that are registered, and a queued task shares its callback until it has run,
-// so unregistering does not cancel what is queued already.
+// shares the callbacks that are registered, and a publication, call or queued task shares its
+// callback until it has run, so unregistering does not cancel what is under way. Callbacks are kept
+// under the address of their Control: all must be unregistered before it goes, or an endpoint that
+// is allocated there later gets them.
 //
 // Callbacks may call every operation. One that throws a std::exception is logged and contained;
 // anything else it throws travels on to whoever ran it, and ends the process on a Spin worker.
@@ -20,6 +22,9 @@
 //
 // Failures are reported as log lines only, under the tag "[BRIDGE]"; the bridge throws nothing of
 // its own.
+//
+// The bridge is destroyed at process exit. Destructors of static objects that are older than it run
+// later and must not call it. All modules must be compiled with the same version of this header.
 #ifndef ZORVIX_ZORVIX_H_
 #define ZORVIX_ZORVIX_H_
 
@@ -41,7 +46,8 @@
 #include <vector>
 
 // libc++ compares the types of a std::any by address unless told otherwise, and each module has its
-// own copy of a type's identity. A note, not a warning, so that it breaks no build with -Werror.
+// own copy of a type's identity. A message breaks no build with -Werror: g++ shows a note, clang a
+// warning that stays one.
 #if defined(_LIBCPP_VERSION) && _LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION != 2
 #pragma message( \
     "zorvix: compile every file with -D_LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION=2, or std::any_cast fails between modules")
@@ -212,10 +218,15 @@ class Zorvix {
   // Runs `workers` threads that drain the queue. Blocks until StopSpin has been called and they
   // have left. May run on several threads at once: the workers share one queue and one stop.
   // Logs INFO when it is done, and twice each time a worker wakes.
-  // Throws what std::thread does; a failure after the first thread has started ends the process.
+  // Clears a stop that was requested before, so that workers that have not seen it go on.
+  // Throws what allocating and starting threads throws; a failure after the first has started ends
+  // the process.
   ZORVIX_EXPORT void Spin(unsigned long workers);
 
-  // Tells all workers to leave once the queue is empty. Blocks until they have, for 0.2 s at most.
+  // Tells all workers to leave once the queue is empty. Blocks until they have, for 0.2 s by the
+  // system clock at most, after an earlier StopSpin that is still waiting.
+  // Does not wait for workers that have not begun, and a Spin that begins later clears the stop: to
+  // end one for certain, repeat this until it has returned.
   // Logs INFO at each look and WARN at the timeout, as always when a worker's own task calls it.
   ZORVIX_EXPORT void StopSpin();
 

@@ -2,44 +2,32 @@
 // or over the threshold.
 #include "demo.h"
 
-using bridge::BridgeType;
-using bridge::Zorvix;
-
 namespace {
 
-constexpr int kEnough = 20;
+constexpr int kEnoughSamples = 20;
 
-demo::Endpoint samples, enough, seen_service;
-demo::Seen seen;  // touched by the sampler's thread, and by the host once that has ended
-std::shared_ptr<demo::Subscriber> watch;
+struct Alarm {
+  explicit Alarm(double load) : threshold(load) {}
+
+  void Watch(const demo::Sample& sample) {
+    ++seen.samples;
+    seen.on_samplers_thread &= sample.taken_on == std::this_thread::get_id();
+    if (sample.load >= threshold && ++high == kEnoughSamples) enough.Publish(sample);
+  }
+
+  const double threshold;
+  int high = 0;
+  demo::Seen seen;  // touched by the sampler's thread, and by the host once that has ended
+  zorvix::Publisher<demo::Sample, demo::BridgeType::SignleAsync> enough{demo::kEnough};
+  zorvix::Subscriber<demo::Sample> watching{demo::kSamples,
+                                            [this](auto& sample) { Watch(sample); }};
+  zorvix::Server<demo::Ask, demo::Seen> answering{demo::kSeen, [this](auto&) { return seen; }};
+};
+
+std::optional<Alarm> alarm_module;
 
 }  // namespace
 
-void ModuleStart(double threshold) {
-  auto& bridge = Zorvix::GetInstance();
-  samples = demo::Topic("sample", BridgeType::Sync);
-  enough = demo::Topic("enough", BridgeType::SignleAsync);
-  seen_service = demo::Service("seen", BridgeType::Sync);
-  bridge.RegisterPublisher(enough);
-  watch =
-      std::make_shared<demo::Subscriber>([threshold, high = 0](const std::any& message) mutable {
-        const auto& sample = std::any_cast<const demo::Sample&>(message);
-        ++seen.samples;
-        seen.on_samplers_thread &= sample.taken_on == std::this_thread::get_id();
-        if (sample.load >= threshold && ++high == kEnough) {
-          Zorvix::GetInstance().Publish(enough, sample);
-        }
-      });
-  bridge.RegisterSubscriber(samples, watch);
-  bridge.RegisterServer(
-      seen_service,
-      std::make_shared<demo::Server>([](const std::any&, std::any& response) { response = seen; }));
-}
+void ModuleStart(double threshold) { alarm_module.emplace(threshold); }
 
-void ModuleStop() {
-  auto& bridge = Zorvix::GetInstance();
-  bridge.UnregisterSubscriber(samples, demo::Handle(watch));
-  bridge.UnregisterServer(seen_service, 0);
-  bridge.UnregisterPublisher(enough);
-  watch.reset();
-}
+void ModuleStop() { alarm_module.reset(); }

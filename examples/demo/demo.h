@@ -1,20 +1,14 @@
 // What the modules of the demo agree on: the names they meet under and the types they exchange.
-//
-//   topic   "sample"    Sync and Async   Sample     sampler -> alarm, recorder
-//   topic   "enough"    SignleAsync      Sample     alarm -> host
-//   service "summary"   Sync and Async   Summary    recorder, for the host
-//   service "finish"    Sync             int        sampler ends sampling; how many it sent
-//   service "seen"      Sync             Seen       alarm, for the host
 #ifndef ZORVIX_EXAMPLES_DEMO_DEMO_H_
 #define ZORVIX_EXAMPLES_DEMO_DEMO_H_
 
-#include <zorvix/zorvix.h>
+#include <zorvix/typed.h>
 
 #include <set>
-#include <string>
-#include <thread>
 
 namespace demo {
+
+using bridge::BridgeType;
 
 struct Sample {
   int number;
@@ -38,24 +32,19 @@ struct Seen {
   bool on_samplers_thread = true;
 };
 
-using Endpoint = std::shared_ptr<const bridge::Control>;
-using Subscriber = std::function<void(const std::any&)>;
-using Server = std::function<void(const std::any&, std::any&)>;
+struct Ask {};  // a request that says nothing
 
-inline Endpoint Topic(const std::string& name, bridge::BridgeType type) {
-  return std::make_shared<bridge::Control>(
-      bridge::Control{name, bridge::BridgeModule::Topic, type});
-}
-
-inline Endpoint Service(const std::string& name, bridge::BridgeType type) {
-  return std::make_shared<bridge::Control>(
-      bridge::Control{name, bridge::BridgeModule::Service, type});
-}
-
-template <typename Callback>
-unsigned long Handle(const Callback& callback) {
-  return reinterpret_cast<unsigned long>(callback.get());
-}
+// From the sampler, to the alarm at once and to the recorder from the queue.
+inline const zorvix::Topic<Sample> kSamples{"sample"};
+// From the alarm to the host, once.
+inline const zorvix::Topic<Sample, BridgeType::SignleAsync> kEnough{"enough"};
+// The recorder tells the host.
+inline const zorvix::Service<Ask, Summary> kSummary{"summary"};
+inline const zorvix::Service<Ask, Summary, BridgeType::Async> kQueuedSummary{"summary"};
+// The sampler ends sampling and tells how many samples it sent.
+inline const zorvix::Service<Ask, int> kFinish{"finish"};
+// The alarm tells the host.
+inline const zorvix::Service<Ask, Seen> kSeen{"seen"};
 
 }  // namespace demo
 

@@ -1,23 +1,11 @@
 // Reads load and CPU times of this machine ten times a second and publishes them.
-#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <fstream>
-#include <mutex>
 
 #include "demo.h"
 
-using bridge::BridgeType;
-using bridge::Zorvix;
-
 namespace {
-
-demo::Endpoint at_once, queued, finish;
-int sent = 0;
-std::thread thread;
-std::mutex mutex;
-std::condition_variable stopping;
-bool stop = false;
 
 double ReadLoad() {
   double load = 0;
@@ -42,53 +30,52 @@ CpuTimes ReadCpuTimes() {
   return {user + nice + system, idle + iowait};
 }
 
-void Run() {
-  auto before = ReadCpuTimes();
-  const auto wait_for_stop = [] {
-    std::unique_lock lock(mutex);
-    return stopping.wait_for(lock, std::chrono::milliseconds(100), [] { return stop; });
-  };
-  while (!wait_for_stop()) {
-    const auto now = ReadCpuTimes();
-    const double busy = now.busy - before.busy, all = busy + now.idle - before.idle;
-    before = now;
-    const demo::Sample sample{++sent, ReadLoad(), all > 0 ? 100 * busy / all : 0,
-                              std::this_thread::get_id()};
-    Zorvix::GetInstance().Publish(at_once, sample);
-    Zorvix::GetInstance().Publish(queued, sample);
-  }
-}
+class Sampler {
+ public:
+  ~Sampler() { Finish(); }
 
-// Ends the thread and returns how many samples it sent.
-int Finish() {
-  {
-    const std::lock_guard lock(mutex);
-    stop = true;
+  // Ends the thread and returns how many samples it sent.
+  int Finish() {
+    {
+      const std::lock_guard lock(mutex_);
+      stop_ = true;
+    }
+    stopping_.notify_all();
+    if (thread_.joinable()) thread_.join();
+    return sent_;
   }
-  stopping.notify_all();
-  if (thread.joinable()) thread.join();
-  return sent;
-}
+
+ private:
+  bool WaitForStop() {
+    std::unique_lock lock(mutex_);
+    return stopping_.wait_for(lock, std::chrono::milliseconds(100), [this] { return stop_; });
+  }
+
+  void Run() {
+    auto before = ReadCpuTimes();
+    while (!WaitForStop()) {
+      const auto now = ReadCpuTimes();
+      const double busy = now.busy - before.busy, all = busy + now.idle - before.idle;
+      before = now;
+      samples_.Publish(
+          {++sent_, ReadLoad(), all > 0 ? 100 * busy / all : 0, std::this_thread::get_id()});
+    }
+  }
+
+  int sent_ = 0;
+  std::mutex mutex_;
+  std::condition_variable stopping_;
+  bool stop_ = false;
+  const zorvix::Publisher<demo::Sample> samples_{demo::kSamples};
+  std::thread thread_{[this] { Run(); }};
+  const zorvix::Server<demo::Ask, int> finishing_{demo::kFinish,
+                                                  [this](auto&) { return Finish(); }};
+};
+
+std::optional<Sampler> sampler;
 
 }  // namespace
 
-void ModuleStart(double) {
-  auto& bridge = Zorvix::GetInstance();
-  at_once = demo::Topic("sample", BridgeType::Sync);
-  queued = demo::Topic("sample", BridgeType::Async);
-  finish = demo::Service("finish", BridgeType::Sync);
-  bridge.RegisterPublisher(at_once);
-  bridge.RegisterPublisher(queued);
-  bridge.RegisterServer(finish,
-                        std::make_shared<demo::Server>(
-                            [](const std::any&, std::any& response) { response = Finish(); }));
-  thread = std::thread(Run);
-}
+void ModuleStart(double) { sampler.emplace(); }
 
-void ModuleStop() {
-  auto& bridge = Zorvix::GetInstance();
-  Finish();
-  bridge.UnregisterServer(finish, 0);
-  bridge.UnregisterPublisher(at_once);
-  bridge.UnregisterPublisher(queued);
-}
+void ModuleStop() { sampler.reset(); }

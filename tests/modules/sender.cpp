@@ -36,4 +36,7 @@ int Send(bridge::BridgeType type, void* library) {
   return accepted;
 }
 
-int Answered() { return std::exchange(answered, 0); }
+int Answered() {
+  BRIDGE_LOG(bridge::kLogInfo, "%d", answered);
+  return std::exchange(answered, 0);
+}
