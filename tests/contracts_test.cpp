@@ -44,10 +44,8 @@ TEST_F(Bridge, RealNameJoinsNameModuleAndTypeAndIsCutInTheLogOnly) {
 }
 
 TEST_F(Bridge, LogLinesOfUsersCarryTheirPosition) {
-  int evaluated = 0;
-  BRIDGE_LOG(bridge::kLogWarn, "%d%%", ++evaluated);
+  BRIDGE_LOG(bridge::kLogWarn, "%d%%", 1);
   EXPECT_EQ(TakeLog(), Lines{"W(contracts_test.cpp:" + std::to_string(__LINE__ - 1) + "): 1%"});
-  EXPECT_EQ(evaluated, 1);
 }
 
 TEST_F(Bridge, InputThatIsMissingOrUnknownIsLoggedAndChangesNothing) {

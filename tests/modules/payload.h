@@ -31,7 +31,7 @@ void ForEachPayload(Function use) {
 
 #define MODULE_EXPORT extern "C" __attribute__((visibility("default")))
 
-// Of the receiver: subscribe and serve; the number of payloads received right; leave.
+// Of the receiver: subscribes and serves; the number of payloads received right; leaves.
 MODULE_EXPORT void Start(bridge::BridgeType type);
 MODULE_EXPORT int Received();
 MODULE_EXPORT void Stop();
@@ -39,7 +39,6 @@ MODULE_EXPORT void Stop();
 // Of senders: publishes each payload to a Sync or Async topic and calls a service with each.
 // Returns how many publications and calls were accepted. `library` is the bridge's, for dlsym.
 MODULE_EXPORT int Send(bridge::BridgeType type, void* library);
-// Returns the number of payloads that came back right from the services.
-MODULE_EXPORT int Answered();
+MODULE_EXPORT int Answered();  // right
 
 #endif  // ZORVIX_TESTS_MODULES_PAYLOAD_H_

@@ -4,7 +4,7 @@ using bridge::BridgeType;
 
 namespace {
 
-std::vector<std::function<bool()>> answers;  // whether each is there and right
+int answered = 0;
 
 template <BridgeType kType>
 int SendAs() {
@@ -13,12 +13,13 @@ int SendAs() {
     using Payload = std::decay_t<decltype(payload)>;
     accepted += zorvix::Publisher(zorvix::Topic<Payload, kType>{name}).Publish(payload);
     auto answer = zorvix::Client(zorvix::Service<Payload, Payload, kType>{name}).Call(payload);
-    if constexpr (kType == BridgeType::Sync) {
-      answers.push_back([=] { return answer == payload; });
-    } else {
-      answers.push_back([=, later = answer.share()] { return later.get() == payload; });
-    }
+    bridge::Zorvix::GetInstance().SpinOnce();
     ++accepted;
+    if constexpr (kType == BridgeType::Sync) {
+      answered += answer == payload;
+    } else {
+      answered += answer.get() == payload;
+    }
   });
   return accepted;
 }
@@ -29,8 +30,4 @@ int Send(BridgeType type, void*) {
   return type == BridgeType::Sync ? SendAs<BridgeType::Sync>() : SendAs<BridgeType::Async>();
 }
 
-int Answered() {
-  int right = 0;
-  for (const auto& answer : std::exchange(answers, {})) right += answer();
-  return right;
-}
+int Answered() { return answered; }

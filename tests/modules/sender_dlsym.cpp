@@ -1,14 +1,10 @@
-// Sends without handles: linked with the bridge, or bound to it by dlsym only (SENDER_BY_DLSYM).
+// Sends without handles, and not linked with the bridge.
 #include <dlfcn.h>
 #include <zorvix/zorvix_flat.h>
 
 #include "payload.h"
 
-#ifdef SENDER_BY_DLSYM
 #define BIND(name) reinterpret_cast<decltype(&name)>(dlsym(library, #name))
-#else
-#define BIND(name) ((void)library, &name)
-#endif
 
 namespace {
 int answered = 0;
