@@ -95,6 +95,7 @@ TEST_F(Bridge, EverySubscriberGetsEveryMessageOfItsTypeInOrder) {
     const zorvix::Subscriber two(kTopic, append(2), Delivery::Queued);
     const zorvix::Subscriber first(kQueuedTopic, append(3)), second(kQueuedTopic, append(3));
     const zorvix::Workers workers(1);
+    WaitForLog("Spin loop once lock.");
     zorvix::Publisher(zorvix::Topic<char>{"t"}).Publish('x');
     EXPECT_EQ(Count(TakeLog(), "E: error: "), 3u) << "of another type";
     for (int number : {1, 2, 3}) {
@@ -148,8 +149,10 @@ TEST_F(Bridge, WorkersStopHoweverEarlyAndHoweverLate) {
     WaitForLog("StopSpin timeout.");
     ran = true;
   });
+  TakeLog();
   {
     const zorvix::Workers workers(1);
+    WaitForLog("Spin loop once lock.");
     zorvix::Publisher(kQueuedTopic).Publish(1);
   }
   EXPECT_TRUE(ran);

@@ -261,8 +261,8 @@ class Workers {
  public:
   explicit Workers(unsigned long count)
       : left_(std::async(std::launch::async, [=]() noexcept { detail::Bridge().Spin(count); })) {}
-  // Blocks until the workers have run what is queued and left, however early it comes and however
-  // long a task takes. Must not be called by a task on one of them.
+  // Blocks until the workers have left, however early it comes and however long a task takes. Those
+  // that have begun run what is queued first. Must not be called by a task on one of them.
   ~Workers() {
     // A stop may come before Spin has begun, and gives up on a long task.
     for (std::chrono::milliseconds pause(1); left_.wait_for(pause) != std::future_status::ready;
