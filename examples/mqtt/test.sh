@@ -38,7 +38,8 @@ at_least() { [[ $(count "$2" "$3") -ge $1 ]]; } # NUMBER PATTERN FILE
 exactly() { [[ $(count "$2" "$3") -eq $1 ]] || fail "not $1 times in $3: $2"; }
 publish() { "$mosquitto_pub" -h 127.0.0.1 -p "$port" -t readings "$@"; }
 
-start_broker() { # fails when another has the port
+start_broker() { # WHETHER-IT-LETS-ALL-IN: fails when another has the port
+  printf 'listener %s 127.0.0.1\nallow_anonymous %s\n' $port "$1" >"$work/broker.conf"
   start "$mosquitto" -c "$work/broker.conf" >"$work/broker.log" 2>&1
   broker=$!
   until grep -q ' running$' "$work/broker.log"; do
@@ -62,8 +63,7 @@ end() { # WHAT PID
 # A port that is free, below those that the system hands out.
 until
   port=$((20000 + RANDOM % 10000))
-  printf 'listener %s 127.0.0.1\nallow_anonymous true\n' $port >"$work/broker.conf"
-  start_broker
+  start_broker true
 do :; done
 stop_broker
 
@@ -72,7 +72,7 @@ receiver=$!
 start "$example" send 127.0.0.1 $port <"$work/send.in" >"$work/send.out" 2>"$work/send.log"
 sender=$!
 await_away 1
-await "the broker is there" start_broker
+await "the broker is there" start_broker true
 await "what one process publishes arrives in the other" at_least 3 '^time [0-9.]*$' receive.out
 
 publish -m '{"sensor": "kitchen", "value": 21.5}'
@@ -90,8 +90,10 @@ exactly 1 kitchen receive.out
 stop_broker
 await_away 2
 arrived=$(count ^time receive.out)
-sleep 4 # no meeting point, but time for more than one attempt
-await "the broker is back" start_broker
+await "the broker is back, but refuses both" start_broker false
+await "they have tried again and again" at_least 4 'not authorised' broker.log
+stop_broker
+await "the broker is back" start_broker true
 await "readings arrive again" at_least $((arrived + 1)) ^time receive.out
 for process in receive send; do
   exactly 2 'MQTT broker.*is away' $process.log
