@@ -174,7 +174,7 @@ TEST_F(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
     ZorvixUnregisterClient(ends[2]);
   };
   const auto use_all = [&](const std::string& own) {
-    for (int round = 0; round < 300; ++round) {
+    for (int round = 0; round < 600; ++round) {
       for (const auto module : {BridgeModule::Topic, BridgeModule::Service}) {
         use("shared", module, BridgeType::Sync);
         use(own, module, BridgeType::Async);
@@ -191,7 +191,7 @@ TEST_F(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
   threads.clear();
   ZorvixSpinOnce();
   const auto log = TakeLog();
-  EXPECT_EQ(queued, 4u * 300 * 8);
+  EXPECT_EQ(queued, 4u * 600 * 8);
   EXPECT_EQ(ran + Count(log, "event queue overflow"), queued);
   EXPECT_EQ(Count(log, "event queue size"), ran);
 }

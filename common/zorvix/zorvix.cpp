@@ -190,28 +190,30 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
     BRIDGE_LOG(kLogError, "Publish failed, message is empty!");
     return false;
   }
-  std::unique_lock controls_lock(controls_mutex_);
-  std::unique_lock subscribers_lock(subscribers_mutex_);
   char buffer[kShortRealName];
   std::string overflow;
-  const char* const real_name = ComposeRealName(*control, buffer, overflow);
-  const auto topic = subscribers_.find(control.get());
-  if (topic == subscribers_.end()) {
-    BRIDGE_LOG(kLogWarn, "Publish failed, no subscriber, name: %s", control->name.c_str());
-    return false;
-  }
-  const auto callbacks = topic->second;
-  if (control->bridge_type == BridgeType::SignleAsync) {
-    if (control->bridge_module == BridgeModule::Topic) {
-      subscribers_.erase(topic);  // all at once, since one by one would copy the rest each time
-    } else {
-      std::unique_lock servers_lock(servers_mutex_, std::defer_lock);
-      if (control->bridge_module == BridgeModule::Service) servers_lock.lock();
-      for (const auto& callback : *callbacks) SignleAsyncAutoRemove(control, callback);
+  const char* real_name;
+  std::shared_ptr<const std::vector<SubscriberCallback>> callbacks;
+  {
+    const std::lock_guard controls_lock(controls_mutex_);
+    const std::lock_guard subscribers_lock(subscribers_mutex_);
+    real_name = ComposeRealName(*control, buffer, overflow);
+    const auto topic = subscribers_.find(control.get());
+    if (topic == subscribers_.end()) {
+      BRIDGE_LOG(kLogWarn, "Publish failed, no subscriber, name: %s", control->name.c_str());
+      return false;
     }
-  }
-  subscribers_lock.unlock();  // before user code runs, and before the queue is locked
-  controls_lock.unlock();
+    callbacks = topic->second;
+    if (control->bridge_type == BridgeType::SignleAsync) {
+      if (control->bridge_module == BridgeModule::Topic) {
+        subscribers_.erase(topic);  // all at once, since one by one would copy the rest each time
+      } else {
+        std::unique_lock servers_lock(servers_mutex_, std::defer_lock);
+        if (control->bridge_module == BridgeModule::Service) servers_lock.lock();
+        for (const auto& callback : *callbacks) SignleAsyncAutoRemove(control, callback);
+      }
+    }
+  }  // before user code runs, and before the queue is locked
   switch (control->bridge_type) {
     case BridgeType::Sync:
       for (const auto& callback : *callbacks) {
@@ -345,20 +347,22 @@ bool Zorvix::Call(const std::shared_ptr<const Control>& control, RequestCallback
     BRIDGE_LOG(kLogError, "Call failed, control is nullptr!");
     return false;
   }
-  std::unique_lock controls_lock(controls_mutex_);
-  std::unique_lock servers_lock(servers_mutex_);
   char buffer[kShortRealName];
   std::string overflow;
-  const char* const real_name = ComposeRealName(*control, buffer, overflow);
-  const auto entry = servers_.find(control.get());
-  if (entry == servers_.end()) {
-    BRIDGE_LOG(kLogWarn, "Call failed, no server, server_name: %s", real_name);
-    return false;
+  const char* real_name;
+  ServerCallback server;
+  {
+    const std::lock_guard controls_lock(controls_mutex_);
+    const std::lock_guard servers_lock(servers_mutex_);
+    real_name = ComposeRealName(*control, buffer, overflow);
+    const auto entry = servers_.find(control.get());
+    if (entry == servers_.end()) {
+      BRIDGE_LOG(kLogWarn, "Call failed, no server, server_name: %s", real_name);
+      return false;
+    }
+    server = entry->second;
+    SignleAsyncAutoRemove(control, nullptr);
   }
-  ServerCallback server = entry->second;
-  SignleAsyncAutoRemove(control, nullptr);
-  servers_lock.unlock();
-  controls_lock.unlock();
   switch (control->bridge_type) {
     case BridgeType::Sync:
       GuardedInvoke(request, *server, real_name, server.get());
