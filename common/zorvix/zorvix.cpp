@@ -193,27 +193,14 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
   char buffer[kShortRealName];
   std::string overflow;
   const char* real_name;
-  std::shared_ptr<const std::vector<SubscriberCallback>> callbacks;
+  Subscribers callbacks;
   {
     const std::lock_guard controls_lock(controls_mutex_);
     const std::lock_guard subscribers_lock(subscribers_mutex_);
     real_name = ComposeRealName(*control, buffer, overflow);
-    const auto topic = subscribers_.find(control.get());
-    if (topic == subscribers_.end()) {
-      BRIDGE_LOG(kLogWarn, "Publish failed, no subscriber, name: %s", control->name.c_str());
-      return false;
-    }
-    callbacks = topic->second;
-    if (control->bridge_type == BridgeType::SignleAsync) {
-      if (control->bridge_module == BridgeModule::Topic) {
-        subscribers_.erase(topic);  // all at once, since one by one would copy the rest each time
-      } else {
-        std::unique_lock servers_lock(servers_mutex_, std::defer_lock);
-        if (control->bridge_module == BridgeModule::Service) servers_lock.lock();
-        for (const auto& callback : *callbacks) SignleAsyncAutoRemove(control, callback);
-      }
-    }
+    callbacks = TakeSubscribers(*control);
   }  // before user code runs, and before the queue is locked
+  if (!callbacks) return false;
   switch (control->bridge_type) {
     case BridgeType::Sync:
       for (const auto& callback : *callbacks) {
@@ -242,6 +229,29 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
   return false;
 }
 
+Zorvix::Subscribers Zorvix::TakeSubscribers(const Control& control) {
+  const auto topic = subscribers_.find(&control);
+  if (topic == subscribers_.end()) {
+    BRIDGE_LOG(kLogWarn, "Publish failed, no subscriber, name: %s", control.name.c_str());
+    return nullptr;
+  }
+  auto callbacks = topic->second;
+  if (control.bridge_type != BridgeType::SignleAsync) return callbacks;
+  if (control.bridge_module == BridgeModule::Topic) {
+    subscribers_.erase(topic);
+  } else if (control.bridge_module == BridgeModule::Service) {
+    const std::lock_guard servers_lock(servers_mutex_);
+    servers_.erase(&control);
+  } else {
+    for (std::size_t i = 0; i < callbacks->size(); ++i) {  // none is removed, a line for each
+      BRIDGE_LOG(kLogError, "bridge_module is invalid!");
+    }
+  }
+  return callbacks;
+}
+
+// Not analysed, since it touches the tables without their locks by contract.
+ZORVIX_NO_THREAD_SAFETY_ANALYSIS
 void Zorvix::SignleAsyncAutoRemove(const std::shared_ptr<const Control>& control,
                                    const SubscriberCallback& callback) {
   if (!control) {
@@ -355,14 +365,9 @@ bool Zorvix::Call(const std::shared_ptr<const Control>& control, RequestCallback
     const std::lock_guard controls_lock(controls_mutex_);
     const std::lock_guard servers_lock(servers_mutex_);
     real_name = ComposeRealName(*control, buffer, overflow);
-    const auto entry = servers_.find(control.get());
-    if (entry == servers_.end()) {
-      BRIDGE_LOG(kLogWarn, "Call failed, no server, server_name: %s", real_name);
-      return false;
-    }
-    server = entry->second;
-    SignleAsyncAutoRemove(control, nullptr);
+    server = TakeServer(*control, real_name);
   }
+  if (!server) return false;
   switch (control->bridge_type) {
     case BridgeType::Sync:
       GuardedInvoke(request, *server, real_name, server.get());
@@ -377,6 +382,22 @@ bool Zorvix::Call(const std::shared_ptr<const Control>& control, RequestCallback
   }
   BRIDGE_LOG(kLogError, "Call failed, bridge_type is invalid!");
   return false;
+}
+
+ServerCallback Zorvix::TakeServer(const Control& control, const char* real_name) {
+  const auto entry = servers_.find(&control);
+  if (entry == servers_.end()) {
+    BRIDGE_LOG(kLogWarn, "Call failed, no server, server_name: %s", real_name);
+    return nullptr;
+  }
+  auto server = entry->second;
+  if (control.bridge_type != BridgeType::SignleAsync) return server;
+  if (control.bridge_module == BridgeModule::Service) {
+    servers_.erase(entry);
+  } else {
+    BRIDGE_LOG(kLogError, "bridge_module is invalid!");
+  }
+  return server;
 }
 
 // Queue
@@ -415,7 +436,7 @@ void Zorvix::SpinOnce() {
 void Zorvix::Spin(unsigned long workers) {
   {
     const std::lock_guard lock(spin_mutex_);
-    spin_stop_ = false;
+    ClearStop();
   }
   std::vector<std::thread> threads;
   threads.reserve(workers);
@@ -431,7 +452,7 @@ void Zorvix::SpinWorker() {
       BRIDGE_LOG(kLogInfo, "Spin loop once lock.");
       {
         std::unique_lock lock(events_mutex_);
-        events_cv_.wait(lock, [this] { return !events_.empty() || spin_stop_; });
+        events_cv_.wait(lock, [this] { return events_count_ != 0 || spin_stop_; });
         BRIDGE_LOG(kLogInfo, "Spin loop once.");
       }
       SpinOnce();
@@ -442,13 +463,19 @@ void Zorvix::SpinWorker() {
   --spin_count_;
 }
 
+void Zorvix::ClearStop() { spin_stop_ = false; }
+
+// Under the queue's lock, so that no worker misses it between its look at the flag and its wait.
+void Zorvix::RequestStop() {
+  spin_stop_ = true;
+  events_cv_.notify_all();
+}
+
 void Zorvix::StopSpin() {
   const std::lock_guard spin_lock(spin_mutex_);
   {
-    // Under the lock, so that no worker misses it between its look at the flag and its wait.
     const std::lock_guard lock(events_mutex_);
-    spin_stop_ = true;
-    events_cv_.notify_all();
+    RequestStop();
   }
   const auto start = std::chrono::system_clock::now();
   while (spin_count_ != 0) {

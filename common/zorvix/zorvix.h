@@ -55,6 +55,18 @@
 
 #define ZORVIX_EXPORT __attribute__((visibility("default")))
 
+// Which lock guards a member and which locks a function requires, for clang's -Wthread-safety. Only
+// libc++'s std::mutex and std::lock_guard carry attributes, and only with its macro.
+#if defined(_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS) && __has_attribute(guarded_by)
+#define ZORVIX_GUARDED_BY(mutex) __attribute__((guarded_by(mutex)))
+#define ZORVIX_REQUIRES(...) __attribute__((requires_capability(__VA_ARGS__)))
+#define ZORVIX_NO_THREAD_SAFETY_ANALYSIS __attribute__((no_thread_safety_analysis))
+#else
+#define ZORVIX_GUARDED_BY(mutex)
+#define ZORVIX_REQUIRES(...)
+#define ZORVIX_NO_THREAD_SAFETY_ANALYSIS
+#endif
+
 // From liblog, declared here so that this header needs no other.
 extern "C" int __android_log_print(int priority, const char* tag, const char* format, ...)
     __attribute__((__format__(__printf__, 3, 4)));
@@ -176,8 +188,8 @@ class Zorvix {
   ZORVIX_EXPORT bool Publish(const std::shared_ptr<const Control>& control, Message&& message);
 
   // Removes a receiver of a SignleAsync endpoint: the topic's `callback` or the service's server.
-  // Does nothing for other types. A step of Publish and Call, which lock the tables; it takes no
-  // lock, so users must not call it while another thread uses the bridge.
+  // Does nothing for other types. Publish and Call do the same under the locks of the tables; it
+  // takes none, so users must not call it while another thread uses the bridge.
   // Logs ERROR for an empty control, a module out of range and a topic without a callback.
   ZORVIX_EXPORT void SignleAsyncAutoRemove(const std::shared_ptr<const Control>& control,
                                            const SubscriberCallback& callback);
@@ -236,31 +248,45 @@ class Zorvix {
   Zorvix() = default;
   ~Zorvix() = default;
 
-  // Requires controls_mutex_.
-  void RegisterControl(std::shared_ptr<const Control>& control, const std::string& real_name);
+  using Subscribers = std::shared_ptr<const std::vector<SubscriberCallback>>;
+
+  void RegisterControl(std::shared_ptr<const Control>& control, const std::string& real_name)
+      ZORVIX_REQUIRES(controls_mutex_);
+
+  // Share the receivers of a publication or call, and remove those of a SignleAsync endpoint. No
+  // name comes or goes meanwhile. Return null, and log WARN, when there is none.
+  Subscribers TakeSubscribers(const Control& control)
+      ZORVIX_REQUIRES(controls_mutex_, subscribers_mutex_);
+  ServerCallback TakeServer(const Control& control, const char* real_name)
+      ZORVIX_REQUIRES(controls_mutex_, servers_mutex_);
 
   // Never blocks for room: a full queue loses its oldest task. The caller notifies events_cv_.
   void PostEvent(Task&& task);
 
   void SpinWorker();
+  // The only writers of spin_stop_, which is read without a lock.
+  void ClearStop() ZORVIX_REQUIRES(spin_mutex_);
+  void RequestStop() ZORVIX_REQUIRES(spin_mutex_, events_mutex_);
 
   // Lock order: controls_mutex_, then subscribers_mutex_, then servers_mutex_; spin_mutex_, then
   // events_mutex_. events_mutex_ is never taken while a table is locked.
   std::mutex controls_mutex_;
-  std::unordered_map<std::string, std::weak_ptr<const Control>> controls_;  // by real name
+  std::unordered_map<std::string, std::weak_ptr<const Control>> controls_  // by real name
+      ZORVIX_GUARDED_BY(controls_mutex_);
 
   // A topic's list is never empty and never changes: it is replaced, so that a publication shares
   // it with the table instead of copying it.
   std::mutex subscribers_mutex_;
-  std::unordered_map<const Control*, std::shared_ptr<const std::vector<SubscriberCallback>>>
-      subscribers_;
+  std::unordered_map<const Control*, Subscribers> subscribers_
+      ZORVIX_GUARDED_BY(subscribers_mutex_);
 
   std::mutex servers_mutex_;
-  std::unordered_map<const Control*, ServerCallback> servers_;
+  std::unordered_map<const Control*, ServerCallback> servers_ ZORVIX_GUARDED_BY(servers_mutex_);
 
   std::mutex events_mutex_;
-  std::deque<Task> events_;
-  std::atomic<std::size_t> events_count_{0};  // size of events_, for a look without the lock
+  std::deque<Task> events_ ZORVIX_GUARDED_BY(events_mutex_);
+  // Size of events_, written under its lock, for a look without it.
+  std::atomic<std::size_t> events_count_{0};
   std::condition_variable events_cv_;
 
   std::mutex spin_mutex_;  // keeps Spin from starting while StopSpin waits
