@@ -1,0 +1,200 @@
+// States: values under a name of which everybody has the newest, whoever comes first.
+//
+//   const zorvix::State<Summary> kSummary{"summary"};  // in a header that modules share
+//   zorvix::Holder summary(kSummary);                  // one for each name at a time
+//   summary.Set({20, 0.5});
+//   zorvix::Watcher show(kSummary, [](const Summary& newest) { ... });  // runs now for {20, 0.5}
+//
+// A watcher built after Set has returned has that value or a newer one when its constructor
+// returns; one that comes before the holder has what is set later. Setting an equal value again is
+// news, too. Values are shared by all watchers, not copied. A watcher keeps what it has when the
+// holder goes; later ones have nothing until there is another, whose values are newer. A watcher
+// without a holder leaves a WARN of the call that nobody answers.
+#ifndef ZORVIX_STATE_H_
+#define ZORVIX_STATE_H_
+
+#include <zorvix/typed.h>
+
+namespace zorvix {
+
+template <typename Value>
+struct State {
+  ZORVIX_HIDDEN ~State() = default;
+  std::string name;
+};
+
+namespace detail ZORVIX_HIDDEN {
+
+template <typename Value>
+struct Version {
+  std::uint64_t number = 0;  // 0: none yet
+  std::shared_ptr<const Value> value = {};
+};
+struct Look {};
+
+template <typename Value>
+struct Held {
+  explicit Held(const std::string& name)
+      : watched({name}, [](auto&) {}),
+        publisher({name}),
+        server({name}, [this](auto&) { return Newest(); }) {}
+  Version<Value> Newest() {
+    const std::lock_guard lock(mutex);
+    return newest;
+  }
+  // Keeps it before others hear of it, so that whoever asks later has it.
+  void Set(std::shared_ptr<const Value> value) {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+    Version<Value> version{static_cast<std::uint64_t>(now), std::move(value)}, old;
+    {
+      const std::lock_guard lock(mutex);
+      version.number = std::max(version.number, newest.number + 1);
+      old = std::exchange(newest, version);
+    }
+    publisher.Publish(std::move(version));
+  }
+  std::mutex mutex;
+  Version<Value> newest ZORVIX_GUARDED_BY(mutex);
+  const Subscriber<Version<Value>> watched;  // so that nobody is warned that nobody watches
+  const Publisher<Version<Value>> publisher;
+  const Server<Look, Version<Value>> server;
+};
+
+// What a watcher has seen.
+template <typename Value>
+struct Seen {
+  // Returns whether it is news. What it was before goes when the lock has gone.
+  bool Take(Version<Value> version) {
+    const std::lock_guard lock(mutex);
+    if (version.number <= newest.number) return false;
+    std::swap(newest, version);
+    changed.notify_all();
+    return true;
+  }
+  Version<Value> Newest() {
+    const std::lock_guard lock(mutex);
+    return newest;
+  }
+  std::mutex mutex;
+  std::condition_variable_any changed;
+  Version<Value> newest ZORVIX_GUARDED_BY(mutex);
+  std::uint64_t shown ZORVIX_GUARDED_BY(mutex) = 0;  // to the callable
+};
+
+template <typename Value>
+struct Watching {
+  explicit Watching(const std::string& name) {
+    Watch(name, [seen = seen](const Version<Value>& version) { seen->Take(version); });
+  }
+
+  // The callable runs in a drain, of the inbox or of a room of its own: one at a time, with what is
+  // newest then. So an older value, however late its thread is, never comes behind a newer one.
+  template <typename Callable>
+  Watching(const std::string& name, Callable callable, std::shared_ptr<Room> inbox) {
+    auto show = [seen = seen, callable = std::move(callable),
+                 last = std::uint64_t{0}](const Look&) mutable {
+      const auto version = seen->Newest();
+      if (version.number == std::exchange(last, version.number)) return;
+      struct Shown {
+        ~Shown() {
+          const std::lock_guard lock(seen.mutex);
+          seen.shown = number;
+          seen.changed.notify_all();
+        }
+        Seen<Value>& seen;
+        const std::uint64_t number;
+      } const at_the_end{*seen, version.number};
+      static_cast<void>(std::invoke(callable, *version.value));
+    };
+    const bool at_once = !inbox;
+    lodging.emplace(at_once ? std::make_shared<Room>() : std::move(inbox),
+                    Receive<Look>(name, std::move(show)), Keep{1});
+    const auto number = Watch(name, [=, seen = seen, room = lodging->room,
+                                     line = lodging->line](const Version<Value>& version) {
+      if (!seen->Take(version)) return;
+      room->Push(line, Look());
+      while (at_once && room->ready()) room->Drain();
+    });
+    const std::lock_guard lock(seen->mutex);  // another thread may be running it
+    while (at_once && seen->shown < number) seen->changed.wait(seen->mutex);
+  }
+
+  // Registers first and asks then, or what is set between would be missed. Returns the number.
+  template <typename Take>
+  std::uint64_t Watch(const std::string& name, const Take& take) {
+    subscriber.emplace(Topic<Version<Value>>{name}, take);
+    const Client<Look, Version<Value>> client({name});
+    const auto version = client.Call({}).value_or(Version<Value>());
+    take(version);
+    return version.number;
+  }
+
+  const std::shared_ptr<Seen<Value>> seen = std::make_shared<Seen<Value>>();
+  std::optional<Lodging> lodging;
+  std::optional<Subscriber<Version<Value>>> subscriber;  // goes first: nothing is pushed any more
+};
+
+}  // namespace ZORVIX_HIDDEN
+
+template <typename Value>
+class [[nodiscard]] Holder {
+ public:
+  ZORVIX_HIDDEN explicit Holder(const State<Value>& state)
+      : held_(std::make_shared<detail::Held<Value>>(state.name)) {}
+  ZORVIX_MOVE_ONLY(Holder);
+
+  // Blocks while it runs callables of watchers at once. Any thread may call it, but not on what was
+  // moved from.
+  ZORVIX_HIDDEN void Set(Value value) {
+    static_cast<detail::Held<Value>*>(held_.get())
+        ->Set(std::make_shared<const Value>(std::move(value)));
+  }
+
+ private:
+  std::shared_ptr<void> held_;
+};
+
+template <typename Value>
+class [[nodiscard]] Watcher {
+ public:
+  ZORVIX_HIDDEN explicit Watcher(const State<Value>& state)
+      : watching_(std::make_shared<detail::Watching<Value>>(state.name)) {}
+
+  // Runs callable(const Value&) for each value, or a newer one, but none twice and none behind a
+  // newer one, one at a time: at once, on the thread that sets it, or on the one that still runs it
+  // for an older one, so that Set may return before; the constructor waits for that.
+  template <typename Callable>
+  ZORVIX_INLINED Watcher(const State<Value>& state, Callable callable)
+      : watching_(
+            std::make_shared<detail::Watching<Value>>(state.name, std::move(callable), nullptr)) {}
+  // In a drain of the inbox.
+  template <typename Callable>
+  ZORVIX_INLINED Watcher(const State<Value>& state, Callable callable, Inbox& inbox)
+      : watching_(std::make_shared<detail::Watching<Value>>(
+            state.name, std::move(callable), std::static_pointer_cast<detail::Box>(inbox.box_))) {}
+  // Afterwards the callable runs nowhere, as for a Subscriber.
+  ZORVIX_MOVE_ONLY(Watcher);
+
+  // Returns empty when there is none yet.
+  ZORVIX_HIDDEN std::shared_ptr<const Value> Newest() const { return seen().Newest().value; }
+
+  // Blocks until there is one, or for that long; negative: without limit. As Newest.
+  ZORVIX_HIDDEN std::shared_ptr<const Value> WaitFor(std::chrono::milliseconds at_most) const {
+    const auto end = detail::Deadline(at_most);
+    const std::lock_guard lock(seen().mutex);
+    while (!seen().newest.value &&
+           seen().changed.wait_until(seen().mutex, end) == std::cv_status::no_timeout) {
+    }
+    return seen().newest.value;
+  }
+
+ private:
+  ZORVIX_HIDDEN detail::Seen<Value>& seen() const {
+    return *static_cast<detail::Watching<Value>*>(watching_.get())->seen;
+  }
+  std::shared_ptr<void> watching_;
+};
+
+}  // namespace zorvix
+
+#endif  // ZORVIX_STATE_H_
