@@ -193,14 +193,21 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
   char buffer[kShortRealName];
   std::string overflow;
   const char* real_name;
-  Subscribers callbacks;
+  std::shared_ptr<const std::vector<SubscriberCallback>> callbacks;
   {
     const std::lock_guard controls_lock(controls_mutex_);
     const std::lock_guard subscribers_lock(subscribers_mutex_);
     real_name = ComposeRealName(*control, buffer, overflow);
-    callbacks = TakeSubscribers(*control);
+    const auto topic = subscribers_.find(control.get());
+    if (topic == subscribers_.end()) {
+      BRIDGE_LOG(kLogWarn, "Publish failed, no subscriber, name: %s", control->name.c_str());
+      return false;
+    }
+    callbacks = topic->second;
+    if (control->bridge_type == BridgeType::SignleAsync) {
+      AutoRemoveSubscribers(*control, *callbacks);
+    }
   }  // before user code runs, and before the queue is locked
-  if (!callbacks) return false;
   switch (control->bridge_type) {
     case BridgeType::Sync:
       for (const auto& callback : *callbacks) {
@@ -229,25 +236,18 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
   return false;
 }
 
-Zorvix::Subscribers Zorvix::TakeSubscribers(const Control& control) {
-  const auto topic = subscribers_.find(&control);
-  if (topic == subscribers_.end()) {
-    BRIDGE_LOG(kLogWarn, "Publish failed, no subscriber, name: %s", control.name.c_str());
-    return nullptr;
-  }
-  auto callbacks = topic->second;
-  if (control.bridge_type != BridgeType::SignleAsync) return callbacks;
+void Zorvix::AutoRemoveSubscribers(const Control& control,
+                                   const std::vector<SubscriberCallback>& callbacks) {
   if (control.bridge_module == BridgeModule::Topic) {
-    subscribers_.erase(topic);
+    subscribers_.erase(&control);  // all at once, since one by one would copy the rest each time
   } else if (control.bridge_module == BridgeModule::Service) {
-    const std::lock_guard servers_lock(servers_mutex_);
+    const std::lock_guard lock(servers_mutex_);
     servers_.erase(&control);
   } else {
-    for (std::size_t i = 0; i < callbacks->size(); ++i) {  // none is removed, a line for each
+    for (std::size_t i = 0; i < callbacks.size(); ++i) {  // none is removed, a line for each
       BRIDGE_LOG(kLogError, "bridge_module is invalid!");
     }
   }
-  return callbacks;
 }
 
 // Not analysed, since it touches the tables without their locks by contract.
@@ -365,9 +365,14 @@ bool Zorvix::Call(const std::shared_ptr<const Control>& control, RequestCallback
     const std::lock_guard controls_lock(controls_mutex_);
     const std::lock_guard servers_lock(servers_mutex_);
     real_name = ComposeRealName(*control, buffer, overflow);
-    server = TakeServer(*control, real_name);
+    const auto entry = servers_.find(control.get());
+    if (entry == servers_.end()) {
+      BRIDGE_LOG(kLogWarn, "Call failed, no server, server_name: %s", real_name);
+      return false;
+    }
+    server = entry->second;
+    if (control->bridge_type == BridgeType::SignleAsync) AutoRemoveServer(*control);
   }
-  if (!server) return false;
   switch (control->bridge_type) {
     case BridgeType::Sync:
       GuardedInvoke(request, *server, real_name, server.get());
@@ -384,20 +389,12 @@ bool Zorvix::Call(const std::shared_ptr<const Control>& control, RequestCallback
   return false;
 }
 
-ServerCallback Zorvix::TakeServer(const Control& control, const char* real_name) {
-  const auto entry = servers_.find(&control);
-  if (entry == servers_.end()) {
-    BRIDGE_LOG(kLogWarn, "Call failed, no server, server_name: %s", real_name);
-    return nullptr;
-  }
-  auto server = entry->second;
-  if (control.bridge_type != BridgeType::SignleAsync) return server;
+void Zorvix::AutoRemoveServer(const Control& control) {
   if (control.bridge_module == BridgeModule::Service) {
-    servers_.erase(entry);
+    servers_.erase(&control);
   } else {
     BRIDGE_LOG(kLogError, "bridge_module is invalid!");
   }
-  return server;
 }
 
 // Queue

@@ -248,17 +248,14 @@ class Zorvix {
   Zorvix() = default;
   ~Zorvix() = default;
 
-  using Subscribers = std::shared_ptr<const std::vector<SubscriberCallback>>;
-
   void RegisterControl(std::shared_ptr<const Control>& control, const std::string& real_name)
       ZORVIX_REQUIRES(controls_mutex_);
 
-  // Share the receivers of a publication or call, and remove those of a SignleAsync endpoint. No
-  // name comes or goes meanwhile. Return null, and log WARN, when there is none.
-  Subscribers TakeSubscribers(const Control& control)
+  // What a delivery to a SignleAsync endpoint removes. No name comes or goes meanwhile.
+  void AutoRemoveSubscribers(const Control& control,
+                             const std::vector<SubscriberCallback>& callbacks)
       ZORVIX_REQUIRES(controls_mutex_, subscribers_mutex_);
-  ServerCallback TakeServer(const Control& control, const char* real_name)
-      ZORVIX_REQUIRES(controls_mutex_, servers_mutex_);
+  void AutoRemoveServer(const Control& control) ZORVIX_REQUIRES(controls_mutex_, servers_mutex_);
 
   // Never blocks for room: a full queue loses its oldest task. The caller notifies events_cv_.
   void PostEvent(Task&& task);
@@ -277,8 +274,8 @@ class Zorvix {
   // A topic's list is never empty and never changes: it is replaced, so that a publication shares
   // it with the table instead of copying it.
   std::mutex subscribers_mutex_;
-  std::unordered_map<const Control*, Subscribers> subscribers_
-      ZORVIX_GUARDED_BY(subscribers_mutex_);
+  std::unordered_map<const Control*, std::shared_ptr<const std::vector<SubscriberCallback>>>
+      subscribers_ ZORVIX_GUARDED_BY(subscribers_mutex_);
 
   std::mutex servers_mutex_;
   std::unordered_map<const Control*, ServerCallback> servers_ ZORVIX_GUARDED_BY(servers_mutex_);
