@@ -1,14 +1,12 @@
 // Two processes that share a topic through an MQTT broker, such as Mosquitto:
 //
 //   mqtt_example receive 127.0.0.1 1883    prints each reading that arrives
-//   mqtt_example send 127.0.0.1 1883       sends the time since its start, five times a second
+//   mqtt_example send 127.0.0.1 1883       sends what is typed, such as: kitchen 21.5
 //
-// Both end at Enter or at the end of their input.
-#include <poll.h>
-#include <unistd.h>
-
+// Both end at the end of their input.
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
 
 #include "mqtt.h"
 
@@ -18,20 +16,13 @@ namespace {
 
 const zorvix::Topic<mqtt::Reading> kReadings{"readings"};
 
-// Returns whether there was input within the time; a negative time has no end.
-bool Input(int milliseconds) {
-  pollfd input{STDIN_FILENO, POLLIN, 0};
-  return poll(&input, 1, milliseconds) != 0;
-}
-
 void Send(const char* host, int port) {
   const Carrier carrier(Carrier::Way::Out, kReadings, host, port);
   const zorvix::Workers worker(1);
   const zorvix::Publisher publisher(kReadings);
-  const auto start = std::chrono::steady_clock::now();
-  while (!Input(200)) {
-    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
-    publisher.Publish({"time", time.count()});
+  std::string sensor, value;
+  while (std::cin >> sensor >> value) {
+    publisher.Publish({sensor, std::strtod(value.c_str(), nullptr)});
   }
 }
 
@@ -41,7 +32,8 @@ void Receive(const char* host, int port) {
     std::fflush(stdout);
   });
   const Carrier carrier(Carrier::Way::In, kReadings, host, port);
-  Input(-1);
+  while (std::getchar() != EOF) {
+  }
 }
 
 }  // namespace
