@@ -190,7 +190,9 @@ TEST_F(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
   for (const auto* name : {"a", "b", "c", "d"}) {
     threads.push_back(std::async(std::launch::async, use_all, name));
   }
-  for (int i = 0; i < 20; ++i) zorvix::Workers(2);
+  for (int i = 0; i < 20; ++i) {
+    const zorvix::Workers workers(2);
+  }
   threads.clear();
   ZorvixSpinOnce();
   const auto log = TakeLog();

@@ -143,7 +143,9 @@ TEST_F(Bridge, CallsAreAnsweredOrNotButNeverThrow) {
 }
 
 TEST_F(Bridge, WorkersStopHoweverEarlyAndHoweverLate) {
-  for (int i = 0; i < 50; ++i) zorvix::Workers(2);
+  for (int i = 0; i < 50; ++i) {
+    const zorvix::Workers workers(2);
+  }
   std::atomic<bool> ran{false};
   const zorvix::Subscriber task(kQueuedTopic, [&](int) {
     WaitForLog("StopSpin timeout.");

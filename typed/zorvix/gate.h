@@ -22,32 +22,6 @@
 namespace zorvix {
 namespace detail ZORVIX_HIDDEN {
 
-using Endpoint = std::shared_ptr<const bridge::Control>;
-
-inline bridge::Zorvix& Bridge() { return bridge::Zorvix::GetInstance(); }
-
-// Joins a name as publisher or client, and leaves it unless `control` was emptied meanwhile.
-struct End {
-  explicit End(Endpoint described)
-      : control(std::move(described)),
-        topic(control->bridge_module == bridge::BridgeModule::Topic) {
-    topic ? Bridge().RegisterPublisher(control) : Bridge().RegisterClient(control);
-  }
-  ~End() {
-    if (!control) return;
-    topic ? Bridge().UnregisterPublisher(control) : Bridge().UnregisterClient(control);
-  }
-  End(const End&) = delete;
-  Endpoint control;
-  const bool topic;
-};
-
-// Returns the control of an end that the pointer shares.
-inline Endpoint Join(Endpoint described) {
-  const auto end = std::make_shared<End>(std::move(described));
-  return {end, end->control.get()};
-}
-
 // A negative time has no end, but no more than years, which do not overflow.
 inline std::chrono::steady_clock::time_point Deadline(std::chrono::milliseconds at_most) {
   constexpr std::chrono::milliseconds kYears = std::chrono::hours(87'600);
@@ -122,7 +96,7 @@ struct Gated final : Gate {
   std::optional<Callable> callable;
 };
 
-}  // namespace ZORVIX_HIDDEN
+}  // namespace detail
 }  // namespace zorvix
 
 #endif  // ZORVIX_GATE_H_

@@ -75,10 +75,33 @@ struct Seen {
     const std::lock_guard lock(mutex);
     return newest;
   }
+  void Show(std::uint64_t number) {
+    const std::lock_guard lock(mutex);
+    shown = number;
+    changed.notify_all();
+  }
+  void AwaitShown(std::uint64_t number) {
+    const std::lock_guard lock(mutex);
+    while (shown < number) changed.wait(mutex);
+  }
+  std::shared_ptr<const Value> WaitFor(std::chrono::milliseconds at_most) {
+    const auto end = Deadline(at_most);
+    const std::lock_guard lock(mutex);
+    while (!newest.value && changed.wait_until(mutex, end) != std::cv_status::timeout) {
+    }
+    return newest.value;
+  }
   std::mutex mutex;
   std::condition_variable_any changed;
   Version<Value> newest ZORVIX_GUARDED_BY(mutex);
   std::uint64_t shown ZORVIX_GUARDED_BY(mutex) = 0;  // to the callable
+};
+
+// Runs what waits at once, unless another thread is about it; that one runs it then.
+struct Here final : Room {
+  void Settle(bool drained) override {
+    while (!drained && ready) Drain();
+  }
 };
 
 template <typename Value>
@@ -87,36 +110,26 @@ struct Watching {
     Watch(name, [seen = seen](const Version<Value>& version) { seen->Take(version); });
   }
 
-  // The callable runs in a drain, of the inbox or of a room of its own: one at a time, with what is
-  // newest then. So an older value, however late its thread is, never comes behind a newer one.
+  // The callable runs in a drain, one at a time, with what is newest then: so an older value,
+  // however late its thread is, never comes behind a newer one.
   template <typename Callable>
   Watching(const std::string& name, Callable callable, std::shared_ptr<Room> inbox) {
+    const bool here = !inbox;
     auto show = [seen = seen, callable = std::move(callable),
                  last = std::uint64_t{0}](const Look&) mutable {
       const auto version = seen->Newest();
-      if (version.number == std::exchange(last, version.number)) return;
-      struct Shown {
-        ~Shown() {
-          const std::lock_guard lock(seen.mutex);
-          seen.shown = number;
-          seen.changed.notify_all();
-        }
-        Seen<Value>& seen;
-        const std::uint64_t number;
-      } const at_the_end{*seen, version.number};
+      if (std::exchange(last, version.number) == version.number) return;
+      const auto shown = [&](void*) { seen->Show(version.number); };
+      const std::unique_ptr<void, decltype(shown)> at_the_end(seen.get(), shown);
       static_cast<void>(std::invoke(callable, *version.value));
     };
-    const bool at_once = !inbox;
-    lodging.emplace(at_once ? std::make_shared<Room>() : std::move(inbox),
-                    Receive<Look>(name, std::move(show)), Keep{1});
-    const auto number = Watch(name, [=, seen = seen, room = lodging->room,
-                                     line = lodging->line](const Version<Value>& version) {
-      if (!seen->Take(version)) return;
-      room->Push(line, Look());
-      while (at_once && room->ready()) room->Drain();
-    });
-    const std::lock_guard lock(seen->mutex);  // another thread may be running it
-    while (at_once && seen->shown < number) seen->changed.wait(seen->mutex);
+    if (here) inbox = std::make_shared<Here>();
+    lodging.emplace(inbox, Receive<Look>(name, std::move(show)), Keep{1});
+    const auto number =
+        Watch(name, [seen = seen, inbox, line = lodging->line](const Version<Value>& version) {
+          if (seen->Take(version)) inbox->Push(line, Look());
+        });
+    if (here) seen->AwaitShown(number);
   }
 
   // Registers first and asks then, or what is set between would be missed. Returns the number.
@@ -134,12 +147,12 @@ struct Watching {
   std::optional<Subscriber<Version<Value>>> subscriber;  // goes first: nothing is pushed any more
 };
 
-}  // namespace ZORVIX_HIDDEN
+}  // namespace detail
 
 template <typename Value>
-class [[nodiscard]] Holder {
+class Holder {
  public:
-  ZORVIX_HIDDEN explicit Holder(const State<Value>& state)
+  [[nodiscard]] ZORVIX_HIDDEN explicit Holder(const State<Value>& state)
       : held_(std::make_shared<detail::Held<Value>>(state.name)) {}
   ZORVIX_MOVE_ONLY(Holder);
 
@@ -155,21 +168,21 @@ class [[nodiscard]] Holder {
 };
 
 template <typename Value>
-class [[nodiscard]] Watcher {
+class Watcher {
  public:
-  ZORVIX_HIDDEN explicit Watcher(const State<Value>& state)
+  [[nodiscard]] ZORVIX_HIDDEN explicit Watcher(const State<Value>& state)
       : watching_(std::make_shared<detail::Watching<Value>>(state.name)) {}
 
   // Runs callable(const Value&) for each value, or a newer one, but none twice and none behind a
   // newer one, one at a time: at once, on the thread that sets it, or on the one that still runs it
   // for an older one, so that Set may return before; the constructor waits for that.
   template <typename Callable>
-  ZORVIX_INLINED Watcher(const State<Value>& state, Callable callable)
+  [[nodiscard]] ZORVIX_INLINED Watcher(const State<Value>& state, Callable callable)
       : watching_(
             std::make_shared<detail::Watching<Value>>(state.name, std::move(callable), nullptr)) {}
   // In a drain of the inbox.
   template <typename Callable>
-  ZORVIX_INLINED Watcher(const State<Value>& state, Callable callable, Inbox& inbox)
+  [[nodiscard]] ZORVIX_INLINED Watcher(const State<Value>& state, Callable callable, Inbox& inbox)
       : watching_(std::make_shared<detail::Watching<Value>>(
             state.name, std::move(callable), std::static_pointer_cast<detail::Box>(inbox.box_))) {}
   // Afterwards the callable runs nowhere, as for a Subscriber.
@@ -180,12 +193,7 @@ class [[nodiscard]] Watcher {
 
   // Blocks until there is one, or for that long; negative: without limit. As Newest.
   ZORVIX_HIDDEN std::shared_ptr<const Value> WaitFor(std::chrono::milliseconds at_most) const {
-    const auto end = detail::Deadline(at_most);
-    const std::lock_guard lock(seen().mutex);
-    while (!seen().newest.value &&
-           seen().changed.wait_until(seen().mutex, end) == std::cv_status::no_timeout) {
-    }
-    return seen().newest.value;
+    return seen().WaitFor(at_most);
   }
 
  private:

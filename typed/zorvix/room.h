@@ -1,0 +1,211 @@
+// Where messages wait for callables that run one at a time. Not for users: inboxes, queued
+// subscribers and watchers are made of it.
+#ifndef ZORVIX_ROOM_H_
+#define ZORVIX_ROOM_H_
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+#include <zorvix/gate.h>
+
+#include <cerrno>
+#include <list>
+#include <stdexcept>
+#include <system_error>
+
+namespace zorvix {
+
+// How many messages of one subscriber wait; 0 throws std::invalid_argument. Past that it loses its
+// own oldest, with a WARN when that begins and an INFO with their number when it has caught up. Of
+// 1, the newest only, neither is logged.
+struct Keep {
+  std::size_t last = 100;
+};
+
+namespace detail ZORVIX_HIDDEN {
+
+// A callable's gate, and the function that checks what comes and passes the gate.
+struct Receiver {
+  std::shared_ptr<Gate> gate;
+  std::function<void(const std::any&)> function;
+};
+
+template <typename Message, typename Callable>
+Receiver Receive(const std::string& name, Callable callable) {
+  const auto gated = std::make_shared<Gated<Callable>>(name, std::move(callable));
+  return {gated, [gated](const std::any& any) {
+            if (!any.has_value()) return;  // what further subscribers of a queued topic get
+            (*gated)(std::any_cast<const Message&>(any));
+          }};
+}
+
+struct Line;
+struct Item {
+  std::shared_ptr<Line> line;
+  std::any message;
+  std::uint64_t number = 0;
+  std::size_t missed = 0;  // by the line before, if it has caught up
+};
+using Items = std::list<Item>;
+
+// What one receiver has waiting in a room, whose lock guards the last three.
+struct Line {
+  Receiver receiver;
+  std::size_t keep;
+  std::deque<Items::iterator> items = {};
+  std::size_t lost = 0;  // since it last caught up
+  bool closed = false;
+};
+
+// Where items wait that are drained together, in the order in which they came.
+class Room {
+ public:
+  virtual ~Room() = default;
+
+  void Push(const std::shared_ptr<Line>& line, std::any message) {
+    bool losing = false;
+    {
+      Items fresh, lost;  // made before and destroyed after the lock
+      fresh.push_back({line, std::move(message)});
+      const std::lock_guard lock(mutex);
+      if (!open_ || line->closed) return;
+      line->items.push_back(fresh.begin());
+      if (line->items.size() > line->keep) {
+        lost.splice(lost.end(), items_, line->items.front());
+        line->items.pop_front();
+        losing = line->keep > 1 && line->lost++ == 0;
+      }
+      fresh.front().number = next_++;
+      items_.splice(items_.end(), fresh);
+      Tell();
+    }
+    if (losing) {
+      BRIDGE_LOG(bridge::kLogWarn, "a subscriber loses its oldest messages, name: %s, kept: %zu",
+                 line->receiver.gate->name.c_str(), line->keep);
+    }
+    Settle(false);
+  }
+
+  std::size_t Drain() {
+    std::size_t count = 0;
+    {
+      std::uint64_t end = 0;
+      {
+        const std::lock_guard lock(mutex);
+        if (draining_) return 0;
+        draining_ = true;
+        end = next_;
+        Tell();
+      }
+      struct Finish {
+        ~Finish() {
+          const std::lock_guard lock(room.mutex);
+          room.draining_ = false;
+          room.Tell();
+        }
+        Room& room;
+      } const finish{*this};
+      while (RunBefore(end)) ++count;
+    }
+    Settle(true);
+    return count;
+  }
+
+  // Discards what waits in the line, lets nothing into it any more and closes its gate.
+  void Close(Line& line) {
+    {
+      Items discarded;
+      const std::lock_guard lock(mutex);
+      line.closed = true;
+      for (const auto item : line.items) discarded.splice(discarded.end(), items_, item);
+      line.items.clear();
+      Tell();
+    }
+    line.receiver.gate->Close();
+  }
+
+  void Shut() {
+    Items discarded;
+    const std::lock_guard lock(mutex);
+    open_ = false;
+    discarded.swap(items_);
+    for (const auto& item : discarded) item.line->items.clear();
+    if (fd_ >= 0) close(std::exchange(fd_, -1));
+  }
+
+  // Blocks until something waits and nobody drains, or `stop`, or then. Returns whether it does.
+  bool Wait(std::chrono::steady_clock::time_point end, const std::atomic<bool>& stop) {
+    std::unique_lock lock(mutex);
+    changed.wait_until(lock, end, [&] { return ready || stop; });
+    return ready;
+  }
+
+  int fd() {
+    const std::lock_guard lock(mutex);
+    if (fd_ < 0) fd_ = eventfd(ready, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    return fd_;
+  }
+
+  std::mutex mutex;
+  std::condition_variable changed;  // ready
+  std::atomic<bool> ready{false};   // something waits and nobody drains; written under the lock
+
+ private:
+  // After each push and each drain, under no lock.
+  virtual void Settle(bool /*drained*/) {}
+
+  // Returns whether there was anything with a lower number. Runs it under no lock.
+  bool RunBefore(std::uint64_t end) {
+    Items taken;
+    {
+      const std::lock_guard lock(mutex);
+      if (items_.empty() || items_.front().number >= end) return false;
+      taken.splice(taken.end(), items_, items_.begin());
+      auto& line = *taken.front().line;
+      line.items.pop_front();
+      if (line.items.empty()) taken.front().missed = std::exchange(line.lost, 0);
+    }
+    const auto& [line, message, number, missed] = taken.front();
+    const char* const name = line->receiver.gate->name.c_str();
+    if (missed != 0) {
+      BRIDGE_LOG(bridge::kLogInfo, "a subscriber has caught up, name: %s, lost: %zu", name, missed);
+    }
+    try {
+      line->receiver.function(message);
+    } catch (const std::exception& error) {
+      BRIDGE_LOG(bridge::kLogError, "callable failed! error: %s, name: %s", error.what(), name);
+    }
+    return true;
+  }
+
+  void Tell() ZORVIX_REQUIRES(mutex) {
+    const bool now = !items_.empty() && !draining_;
+    if (ready.exchange(now) == now) return;
+    if (now) changed.notify_all();
+    eventfd_t count = 1;
+    if (fd_ >= 0) now ? eventfd_write(fd_, count) : eventfd_read(fd_, &count);
+  }
+
+  Items items_ ZORVIX_GUARDED_BY(mutex);
+  std::uint64_t next_ ZORVIX_GUARDED_BY(mutex) = 0;
+  bool draining_ ZORVIX_GUARDED_BY(mutex) = false;
+  bool open_ ZORVIX_GUARDED_BY(mutex) = true;
+  int fd_ ZORVIX_GUARDED_BY(mutex) = -1;
+};
+
+// A line of one's own in a room.
+struct Lodging {
+  Lodging(std::shared_ptr<Room> in, Receiver receiver, Keep keep)
+      : room(std::move(in)), line(std::make_shared<Line>(Line{std::move(receiver), keep.last})) {
+    if (keep.last == 0) throw std::invalid_argument("a subscriber must keep one message at least");
+  }
+  ~Lodging() { room->Close(*line); }
+  Lodging(const Lodging&) = delete;
+  const std::shared_ptr<Room> room;
+  const std::shared_ptr<Line> line;
+};
+
+}  // namespace detail
+}  // namespace zorvix
+
+#endif  // ZORVIX_ROOM_H_
