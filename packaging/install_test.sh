@@ -1,0 +1,36 @@
+#!/bin/sh
+# install_test.sh SOURCE WORK [CMAKE-OPTION...]: installs the library and lets the project in
+# consumer/ take it in each way it is offered, from paths with a space in
+# them, after the build tree is gone.
+set -eux
+source=$1 work="$2/a folder"
+shift 2
+export CMAKE_GENERATOR=Ninja
+rm -rf "$work"
+mkdir -p "$work"
+cd "$work"
+
+cmake -S "$source" -B build -DZORVIX_BUILD_EXAMPLES=OFF "$@"
+cmake --build build
+cmake --install build --prefix staged
+rm -rf build
+mv staged 'installed here'
+[ "$(ls 'installed here/include/zorvix')" = \
+  "$(cd "$source" && basename -a common/zorvix/*.h typed/zorvix/*.h | sort)" ]
+
+consume() { # WAY [CMAKE-OPTION...]
+  way=$1
+  shift
+  cmake -S "$source/packaging/consumer" -B "$way" -DWAY="$way" "$@"
+  cmake --build "$way"
+  "$way/consumer" | grep -x 'message received by consumer'
+}
+consume find_package -DCMAKE_PREFIX_PATH="$work/installed here"
+consume FetchContent -DZORVIX_SOURCE="$source" "$@"
+
+# The guide's line, evaluated twice because of the space in what pkg-config prints.
+PKG_CONFIG_PATH=$(find "$work/installed here" -name pkgconfig)
+export PKG_CONFIG_PATH
+cp "$source/packaging/consumer/main.cpp" .
+eval "$(eval "echo \"$(grep '^c++ .*pkg-config' "$source/docs/guide.md")\"")"
+LD_LIBRARY_PATH=$PKG_CONFIG_PATH/.. ./main
