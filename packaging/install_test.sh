@@ -11,6 +11,7 @@ mkdir -p "$work"
 cd "$work"
 
 cmake -S "$source" -B build -DZORVIX_BUILD_EXAMPLES=OFF "$@"
+grep -x CMAKE_BUILD_TYPE:STRING=Release build/CMakeCache.txt
 cmake --build build
 cmake --install build --prefix staged
 rm -rf build
