@@ -1,6 +1,6 @@
 #!/bin/sh
 # install_test.sh SOURCE WORK [CMAKE-OPTION...]: installs the library and lets the project in
-# consumer/ take it in each way it is offered, from paths with a space in
+# consumer/ take it in each way it is offered and be installed itself, from paths with a space in
 # them, after the build tree is gone.
 set -eux
 source=$1 work="$2/a folder"
@@ -24,10 +24,16 @@ consume() { # WAY [CMAKE-OPTION...]
   shift
   cmake -S "$source/packaging/consumer" -B "$way" -DWAY="$way" "$@"
   cmake --build "$way"
-  "$way/consumer" | grep -x 'message received by consumer'
+  cmake --install "$way" --prefix "$way/installed"
+  "$way/installed/bin/consumer" | grep -x 'message received by consumer'
 }
 consume find_package -DCMAKE_PREFIX_PATH="$work/installed here"
 consume FetchContent -DZORVIX_SOURCE="$source" "$@"
+[ "$(find FetchContent/installed -type f ! -name 'lib*.so' -printf %f)" = consumer ]
+consume FetchContent -DZORVIX_INSTALL=ON
+ls FetchContent/installed/lib*/cmake/zorvix/zorvixConfig.cmake
+cmake --install FetchContent --prefix part --component zorvix
+[ "$(find part -type f ! -name libzorvix_log.so -printf %f)" = libcom.quenmar.zorvix.so ]
 
 # The guide's line, evaluated twice because of the space in what pkg-config prints.
 PKG_CONFIG_PATH=$(find "$work/installed here" -name pkgconfig)
