@@ -40,4 +40,4 @@ PKG_CONFIG_PATH=$(find "$work/installed here" -name pkgconfig)
 export PKG_CONFIG_PATH
 cp "$source/packaging/consumer/main.cpp" .
 eval "$(eval "echo \"$(grep '^c++ .*pkg-config' "$source/docs/guide.md")\"")"
-LD_LIBRARY_PATH=$PKG_CONFIG_PATH/.. ./main
+./main
