@@ -28,6 +28,9 @@
 #ifndef ZORVIX_ZORVIX_H_
 #define ZORVIX_ZORVIX_H_
 
+// Major * 10000 + minor * 100 + patch.
+#define ZORVIX_VERSION 10100
+
 #include <algorithm>
 #include <any>
 #include <atomic>
