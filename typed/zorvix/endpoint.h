@@ -5,6 +5,7 @@
 #include <zorvix/room.h>
 
 #include <future>
+#include <thread>
 #include <type_traits>
 
 namespace zorvix {
@@ -87,9 +88,13 @@ struct QueueRoom final : Room {
   explicit QueueRoom(const std::string& topic)
       : end(Describe(topic + "/queued/" + std::to_string(reinterpret_cast<std::uintptr_t>(this)),
                      bridge::BridgeType::Async)) {}
-  // The task counts as posted while it drains, when no other is wanted.
+  // The task counts as posted while it drains, when no other is wanted. Then it lets who publishes
+  // a burst get on with it, or each message would wake a worker.
   void Settle(bool drained) override {
-    if (drained) *posted = 0;
+    if (drained) {
+      std::this_thread::yield();
+      *posted = 0;
+    }
     std::uint64_t none = 0, number = ++count;
     if (!ready || !posted->compare_exchange_strong(none, number)) return;
     // When the task has gone, run or lost; perhaps under a lock of the bridge, so no more than

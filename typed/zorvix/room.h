@@ -62,20 +62,22 @@ class Room {
   virtual ~Room() = default;
 
   void Push(const std::shared_ptr<Line>& line, std::any message) {
+    std::any lost;  // goes after the lock, as does `message`
     bool losing = false;
     {
-      Items fresh, lost;  // made before and destroyed after the lock
-      fresh.push_back({line, std::move(message)});
       const std::lock_guard lock(mutex);
       if (!open_ || line->closed) return;
-      line->items.push_back(fresh.begin());
-      if (line->items.size() > line->keep) {
-        lost.splice(lost.end(), items_, line->items.front());
+      const bool full = line->items.size() == line->keep;
+      if (!full && spare_.empty()) spare_.emplace_back();
+      const auto item = full ? line->items.front() : spare_.begin();
+      line->items.push_back(item);
+      if (full) {
         line->items.pop_front();
+        lost = std::move(item->message);
         losing = line->keep > 1 && line->lost++ == 0;
       }
-      fresh.front().number = next_++;
-      items_.splice(items_.end(), fresh);
+      *item = {line, std::move(message), next_++};
+      items_.splice(items_.end(), full ? items_ : spare_, item);
       Tell();
     }
     if (losing) {
@@ -86,27 +88,18 @@ class Room {
   }
 
   std::size_t Drain() {
+    Items taken;
+    std::uint64_t end = 0;
     std::size_t count = 0;
-    {
-      std::uint64_t end = 0;
-      {
-        const std::lock_guard lock(mutex);
-        if (draining_) return 0;
-        draining_ = true;
-        end = next_;
-        Tell();
-      }
-      struct Finish {
-        ~Finish() {
-          const std::lock_guard lock(room.mutex);
-          room.draining_ = false;
-          room.Tell();
-        }
-        Room& room;
-      } const finish{*this};
-      while (RunBefore(end)) ++count;
+    try {
+      for (; Next(taken, end); ++count) Run(taken.front());
+    } catch (...) {
+      const std::lock_guard lock(mutex);
+      draining_ = false;
+      Tell();
+      throw;
     }
-    Settle(true);
+    if (end != 0) Settle(true);
     return count;
   }
 
@@ -154,28 +147,37 @@ class Room {
   // After each push and each drain, under no lock.
   virtual void Settle(bool /*drained*/) {}
 
-  // Returns whether there was anything with a lower number. Runs it under no lock.
-  bool RunBefore(std::uint64_t end) {
-    Items taken;
-    {
-      const std::lock_guard lock(mutex);
-      if (items_.empty() || items_.front().number >= end) return false;
-      taken.splice(taken.end(), items_, items_.begin());
-      auto& line = *taken.front().line;
-      line.items.pop_front();
-      if (line.items.empty()) taken.front().missed = std::exchange(line.lost, 0);
+  // Begins a drain of all that has a number below what becomes `end`, goes on with it, or ends it
+  // and returns false: one lock for each item, and one more.
+  bool Next(Items& taken, std::uint64_t& end) {
+    const std::lock_guard lock(mutex);
+    if (end == 0) {
+      if (draining_) return false;
+      end = next_;
     }
-    const auto& [line, message, number, missed] = taken.front();
-    const char* const name = line->receiver.gate->name.c_str();
-    if (missed != 0) {
-      BRIDGE_LOG(bridge::kLogInfo, "a subscriber has caught up, name: %s, lost: %zu", name, missed);
+    spare_.size() < kSpare ? spare_.splice(spare_.end(), taken) : taken.clear();
+    draining_ = !items_.empty() && items_.front().number < end;
+    Tell();
+    if (!draining_) return false;
+    taken.splice(taken.end(), items_, items_.begin());
+    auto& line = *taken.front().line;
+    line.items.pop_front();
+    if (line.items.empty()) taken.front().missed = std::exchange(line.lost, 0);
+    return true;
+  }
+
+  static void Run(Item& item) {
+    const char* const name = item.line->receiver.gate->name.c_str();
+    if (item.missed != 0) {
+      BRIDGE_LOG(bridge::kLogInfo, "a subscriber has caught up, name: %s, lost: %zu", name,
+                 item.missed);
     }
     try {
-      line->receiver.function(message);
+      item.line->receiver.function(item.message);
     } catch (const std::exception& error) {
       BRIDGE_LOG(bridge::kLogError, "callable failed! error: %s, name: %s", error.what(), name);
     }
-    return true;
+    item = {};  // under no lock, under which the item is spared
   }
 
   void Tell() ZORVIX_REQUIRES(mutex) {
@@ -186,8 +188,10 @@ class Room {
     if (fd_ >= 0) now ? eventfd_write(fd_, count) : eventfd_read(fd_, &count);
   }
 
+  static constexpr std::size_t kSpare = 100;
   Items items_ ZORVIX_GUARDED_BY(mutex);
-  std::uint64_t next_ ZORVIX_GUARDED_BY(mutex) = 0;
+  Items spare_ ZORVIX_GUARDED_BY(mutex);  // empty ones, since a burst outruns the heap's caches
+  std::uint64_t next_ ZORVIX_GUARDED_BY(mutex) = 1;
   bool draining_ ZORVIX_GUARDED_BY(mutex) = false;
   bool open_ ZORVIX_GUARDED_BY(mutex) = true;
   int fd_ ZORVIX_GUARDED_BY(mutex) = -1;
