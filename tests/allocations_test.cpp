@@ -1,4 +1,6 @@
-// What the bridge allocates, and what becomes of a publication when it cannot.
+// What the bridge allocates, and what becomes of publications and handles when it cannot.
+#include <zorvix/state.h>
+
 #include <cstdlib>
 #include <new>
 
@@ -6,15 +8,16 @@
 
 namespace {
 
-// Of this thread; when told to, all that are as large as the first one fail.
-thread_local std::size_t allocations = 0, first_size = 0;
+// Of this thread; when told to, one fails, or all that are as large as the first one.
+thread_local std::size_t allocations = 0, first_size = 0, failing = 0;
 thread_local bool first_only = false;
 
 }  // namespace
 
 void* operator new(std::size_t size) {
   if (++allocations == 1) first_size = size;
-  const bool fails = first_only && allocations > 1 && size == first_size;
+  const bool fails =
+      allocations == failing || (first_only && allocations > 1 && size == first_size);
   if (void* const memory = fails ? nullptr : std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
@@ -57,6 +60,83 @@ TEST_F(Bridge, TasksPostedBeforeAFailureAreRun) {
   EXPECT_THROW(ZorvixPublish(topic, 1), std::bad_alloc);
   first_only = false;
   WaitForLog("ran");
+}
+
+// Each allocation fails in turn; what had been entered by then is gone.
+TEST_F(Bridge, HandleThatCannotBeBuiltLeavesNothingBehind) {
+  const std::string name(60, 'n');
+  zorvix::Inbox inbox;
+  const auto fail = [](auto&&...) { return ADD_FAILURE(), 0; };
+  const zorvix::Topic<int> topic{name};
+  const zorvix::Topic<int, BridgeType::Async> queued{name};
+  const zorvix::Service<int, int> service{name};
+  const zorvix::State<int> state{name};
+  bool built = false;
+  const auto made = [&] {  // from here on all goes well
+    built = true;
+    failing = 0;
+  };
+  const std::function<void()> rows[] = {[&] {
+                                          const zorvix::Publisher handle(topic);
+                                          made();
+                                        },
+                                        [&] {
+                                          const zorvix::Subscriber handle(topic, fail);
+                                          made();
+                                        },
+                                        [&] {
+                                          const zorvix::Subscriber handle(topic, fail,
+                                                                          zorvix::Delivery::Queued);
+                                          made();
+                                        },
+                                        [&] {
+                                          const zorvix::Subscriber handle(topic, fail, inbox);
+                                          made();
+                                        },
+                                        [&] {
+                                          const zorvix::Subscriber handle(queued, fail);
+                                          made();
+                                        },
+                                        [&] {
+                                          const zorvix::Server handle(service, fail);
+                                          made();
+                                        },
+                                        [&] {
+                                          const zorvix::Client handle(service);
+                                          made();
+                                        },
+                                        [&] {
+                                          const zorvix::Holder<int> handle(state);
+                                          made();
+                                        },
+                                        [&] {
+                                          const zorvix::Watcher handle(state, fail, inbox);
+                                          made();
+                                        }};
+  for (const auto& row : rows) {
+    built = false;
+    for (std::size_t next = 1; !built; ++next) {
+      SCOPED_TRACE(testing::Message() << "row " << &row - rows << ", allocation " << next);
+      failing = next;
+      allocations = 0;
+      try {
+        row();
+      } catch (const std::bad_alloc&) {
+        failing = 0;
+      }
+      for (const auto type : {BridgeType::Sync, BridgeType::Async}) {
+        Endpoint ends[] = {
+            std::make_shared<bridge::Control>(bridge::Control{name, BridgeModule::Topic, type}),
+            std::make_shared<bridge::Control>(bridge::Control{name, BridgeModule::Service, type})};
+        TakeLog();
+        ZorvixUnregisterPublisher(ends[0]);
+        ZorvixUnregisterClient(ends[1]);
+        EXPECT_EQ(Count(TakeLog(), "E: Unregister"), 2u) << "no such name";
+      }
+      ZorvixSpinOnce();
+      EXPECT_EQ(inbox.Drain(), 0u);
+    }
+  }
 }
 
 }  // namespace

@@ -106,15 +106,15 @@ struct Here final : Room {
 
 template <typename Value>
 struct Watching {
-  explicit Watching(const std::string& name) {
+  explicit Watching(const std::string& name) : client({name}) {
     Watch(name, [seen = seen](const Version<Value>& version) { seen->Take(version); });
   }
 
   // The callable runs in a drain, one at a time, with what is newest then: so an older value,
   // however late its thread is, never comes behind a newer one.
   template <typename Callable>
-  Watching(const std::string& name, Callable callable, std::shared_ptr<Room> inbox) {
-    const bool here = !inbox;
+  Watching(const std::string& name, Callable callable, std::shared_ptr<Room> inbox)
+      : client({name}) {
     auto show = [seen = seen, callable = std::move(callable),
                  last = std::uint64_t{0}](const Look&) mutable {
       const auto version = seen->Newest();
@@ -123,6 +123,7 @@ struct Watching {
       const std::unique_ptr<void, decltype(shown)> at_the_end(seen.get(), shown);
       static_cast<void>(std::invoke(callable, *version.value));
     };
+    const bool here = !inbox;
     if (here) inbox = std::make_shared<Here>();
     lodging.emplace(inbox, Receive<Look>(name, std::move(show)), Keep{1});
     const auto number =
@@ -136,12 +137,12 @@ struct Watching {
   template <typename Take>
   std::uint64_t Watch(const std::string& name, const Take& take) {
     subscriber.emplace(Topic<Version<Value>>{name}, take);
-    const Client<Look, Version<Value>> client({name});
     const auto version = client.Call({}).value_or(Version<Value>());
     take(version);
     return version.number;
   }
 
+  const Client<Look, Version<Value>> client;
   const std::shared_ptr<Seen<Value>> seen = std::make_shared<Seen<Value>>();
   std::optional<Lodging> lodging;
   std::optional<Subscriber<Version<Value>>> subscriber;  // goes first: nothing is pushed any more
