@@ -2,56 +2,60 @@
 #ifndef ZORVIX_EXAMPLES_DEMO_DEMO_H_
 #define ZORVIX_EXAMPLES_DEMO_DEMO_H_
 
-#include <zorvix/typed.h>
+#include <zorvix/state.h>
 
+#include <algorithm>
 #include <set>
 
 namespace demo {
 
-using bridge::BridgeType;
-
 struct Sample {
-  int number;
-  double load;  // average of the last minute
+  int number;   // from 1 on
   double busy;  // percent of the CPU time since the sample before
   std::thread::id taken_on;
 };
 
-struct Range {
-  double least = 0, sum = 0, most = 0;
+// What became of the samples in one place. They are told apart by their numbers: one that comes
+// twice or in disorder makes taken + lost exceed the last.
+struct Account {
+  void Take(const Sample& sample) {
+    ++taken;
+    lost += std::max(0, sample.number - last - 1);
+    last = sample.number;
+    threads.insert(std::this_thread::get_id());
+  }
+  int taken = 0, lost = 0, last = 0;
+  std::set<std::thread::id> threads;
 };
 
 struct Summary {
   int samples = 0;
-  Range load, busy;
-  std::set<std::thread::id> threads;  // that delivered the samples
+  double mean = 0;  // of the samples' busy
+};
+struct Advice {
+  int samples;  // that it is founded on
+  std::string text;
+};
+struct Nothing {};  // a request that says nothing
+struct Line {
+  std::string who, what;
 };
 
-struct Seen {
-  int samples = 0;
-  bool on_samplers_thread = true;
-};
-
-struct Ask {};  // a request that says nothing
-
-// From the sampler, to the alarm at once and to the recorder from the queue.
 inline const zorvix::Topic<Sample> kSamples{"sample"};
-// From the alarm to the host, once.
-inline const zorvix::Topic<Sample, BridgeType::SignleAsync> kEnough{"enough"};
-// The recorder tells the host.
-inline const zorvix::Service<Ask, Summary> kSummary{"summary"};
-inline const zorvix::Service<Ask, Summary, BridgeType::Async> kQueuedSummary{"summary"};
-// The sampler ends sampling and tells how many samples it sent.
-inline const zorvix::Service<Ask, int> kFinish{"finish"};
-// The alarm tells the host.
-inline const zorvix::Service<Ask, Seen> kSeen{"seen"};
+inline const zorvix::Topic<int> kSent{"sent"};  // the number of samples, when the last is sent
+inline const zorvix::Topic<Account> kRecorded{"recorded"}, kUploaded{"uploaded"};
+inline const zorvix::State<Summary> kSummary{"summary"};
+inline const zorvix::Service<Nothing, Advice> kAdvice{"advice"};
+inline const zorvix::Topic<Line> kLines{"line"};
+
+// Has the host show a line, on its own thread.
+inline void Say(const std::string& who, const std::string& what) {
+  zorvix::Publisher(kLines).Publish({who, what});
+}
 
 }  // namespace demo
 
-// What each module exports for the host.
-extern "C" {
-__attribute__((visibility("default"))) void ModuleStart(double threshold);
-__attribute__((visibility("default"))) void ModuleStop();
-}
+// What each module exports for the host: makes what the module is, which ends with the pointer.
+extern "C" __attribute__((visibility("default"))) void ModuleLoad(std::shared_ptr<void>& module);
 
 #endif  // ZORVIX_EXAMPLES_DEMO_DEMO_H_

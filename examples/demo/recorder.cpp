@@ -1,46 +1,32 @@
-// Sums up the samples on the workers and answers for the sum as a service, at once and queued.
-#include <algorithm>
-
+// Sums up all samples, on a thread of its own: so without a mutex, and without the sampler waiting.
 #include "demo.h"
 
 namespace {
 
 class Recorder {
  public:
-  void Record(const demo::Sample& sample) {
-    const std::lock_guard lock(mutex_);
-    Add(summary_.load, sample.load);
-    Add(summary_.busy, sample.busy);
-    ++summary_.samples;
-    summary_.threads.insert(std::this_thread::get_id());
-  }
-  demo::Summary Answer() {
-    const std::lock_guard lock(mutex_);
-    return summary_;
-  }
+  Recorder() { demo::Say("recorder", "loaded: waits for samples, on a thread of its own"); }
 
  private:
-  void Add(demo::Range& range, double value) const {
-    range.least = summary_.samples == 0 ? value : std::min(range.least, value);
-    range.most = std::max(range.most, value);
-    range.sum += value;
+  void Record(const demo::Sample& sample) {
+    account_.Take(sample);
+    sum_ += sample.busy;
+    summary_.Set({account_.taken, sum_ / account_.taken});
+    recorded_.Publish(account_);
+    if (account_.taken == 1) demo::Say("recorder", "has found the sampler: has its first sample");
   }
 
-  std::mutex mutex_;  // several workers deliver at once
-  demo::Summary summary_;
-  // Destroyed before what their callables use.
+  demo::Account account_;
+  double sum_ = 0;
+  zorvix::Holder<demo::Summary> summary_{demo::kSummary};
+  const zorvix::Publisher<demo::Account> recorded_{demo::kRecorded};
+  // Destroyed from the last to the first: what waits has run when the thread has gone.
+  zorvix::Inbox inbox_;
   zorvix::Subscriber<demo::Sample> recording_{
-      demo::kSamples, [this](auto& sample) { Record(sample); }, zorvix::Delivery::Queued};
-  zorvix::Server<demo::Ask, demo::Summary> at_once_{demo::kSummary,
-                                                    [this](auto&) { return Answer(); }};
-  zorvix::Server<demo::Ask, demo::Summary, demo::BridgeType::Async> queued_{
-      demo::kQueuedSummary, [this](auto&) { return Answer(); }};
+      demo::kSamples, [this](auto& sample) { Record(sample); }, inbox_, zorvix::Keep{10'000}};
+  zorvix::InboxThread thread_{inbox_};
 };
-
-std::optional<Recorder> recorder;
 
 }  // namespace
 
-void ModuleStart(double) { recorder.emplace(); }
-
-void ModuleStop() { recorder.reset(); }
+void ModuleLoad(std::shared_ptr<void>& module) { module = std::make_shared<Recorder>(); }

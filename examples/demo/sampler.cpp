@@ -1,81 +1,46 @@
-// Reads load and CPU times of this machine ten times a second and publishes them.
-#include <condition_variable>
-#include <cstdio>
+// Publishes twenty times a second how busy the CPUs of this machine are, from a thread of its own.
 #include <fstream>
 
 #include "demo.h"
 
 namespace {
 
-double ReadLoad() {
-  double load = 0;
-  if (!(std::ifstream("/proc/loadavg") >> load)) {
-    std::fputs("sampler: /proc/loadavg cannot be read\n", stderr);
-  }
-  return load;
-}
-
-// In ticks since the machine started.
-struct CpuTimes {
-  double busy = 0, idle = 0;
-};
-
-CpuTimes ReadCpuTimes() {
-  std::ifstream file("/proc/stat");
-  std::string label;
-  double user = 0, nice = 0, system = 0, idle = 0, iowait = 0;
-  if (!(file >> label >> user >> nice >> system >> idle >> iowait)) {
-    std::fputs("sampler: /proc/stat cannot be read\n", stderr);
-  }
-  return {user + nice + system, idle + iowait};
-}
-
 class Sampler {
  public:
-  ~Sampler() { Finish(); }
-
-  // Ends the thread and returns how many samples it sent.
-  int Finish() {
-    {
-      const std::lock_guard lock(mutex_);
-      stop_ = true;
-    }
-    stopping_.notify_all();
-    if (thread_.joinable()) thread_.join();
-    return sent_;
+  Sampler() { demo::Say("sampler", "loaded: sends samples to whoever is there"); }
+  ~Sampler() {
+    stop_.set_value();
+    thread_.join();
   }
 
  private:
-  bool WaitForStop() {
-    std::unique_lock lock(mutex_);
-    return stopping_.wait_for(lock, std::chrono::milliseconds(100), [this] { return stop_; });
+  // In percent of the time since the call before.
+  double ReadBusy() {
+    std::ifstream file("/proc/stat");
+    std::string label;
+    double user = 0, nice = 0, system = 0, idle = 0, iowait = 0;
+    if (!(file >> label >> user >> nice >> system >> idle >> iowait)) return 0;
+    const double busy = user + nice + system, all = busy + idle + iowait;
+    const double busy_since = busy - std::exchange(busy_, busy);
+    const double all_since = all - std::exchange(all_, all);
+    return all_since > 0 ? std::clamp(100 * busy_since / all_since, 0., 100.) : 0;
   }
 
   void Run() {
-    auto before = ReadCpuTimes();
-    while (!WaitForStop()) {
-      const auto now = ReadCpuTimes();
-      const double busy = now.busy - before.busy, all = busy + now.idle - before.idle;
-      before = now;
-      samples_.Publish(
-          {++sent_, ReadLoad(), all > 0 ? 100 * busy / all : 0, std::this_thread::get_id()});
+    const auto stop = stop_.get_future();
+    int number = 0;
+    while (stop.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout) {
+      samples_.Publish({++number, ReadBusy(), std::this_thread::get_id()});
     }
+    zorvix::Publisher(demo::kSent).Publish(number);
   }
 
-  int sent_ = 0;
-  std::mutex mutex_;
-  std::condition_variable stopping_;
-  bool stop_ = false;
+  double busy_ = 0, all_ = 0;
+  std::promise<void> stop_;
   const zorvix::Publisher<demo::Sample> samples_{demo::kSamples};
   std::thread thread_{[this] { Run(); }};
-  const zorvix::Server<demo::Ask, int> finishing_{demo::kFinish,
-                                                  [this](auto&) { return Finish(); }};
 };
-
-std::optional<Sampler> sampler;
 
 }  // namespace
 
-void ModuleStart(double) { sampler.emplace(); }
-
-void ModuleStop() { sampler.reset(); }
+void ModuleLoad(std::shared_ptr<void>& module) { module = std::make_shared<Sampler>(); }
