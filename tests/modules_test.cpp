@@ -58,24 +58,17 @@ TEST(Modules, ShareAStateInWhateverOrderTheyComeAndLeave) {
   const Module bridge("com.quenmar.zorvix");
   for (const int order : {0, 1, 2, 3}) {
     SCOPED_TRACE(order);
-    const bool holder_first = order < 2;
-    const Module first("state_one"), second("state_two");
-    const auto& holds = holder_first ? first : second;
-    const auto& watches = holder_first ? second : first;
-    const auto hold = holds.Get<decltype(Hold)>("Hold");
-    const auto seen = watches.Get<decltype(Seen)>("Seen");
-    if (holder_first) hold(1);
-    watches.Get<decltype(Watch)>("Watch")();
-    EXPECT_EQ(seen(), holder_first ? 1 : 0);
+    const Module one("state_one"), two("state_two");
+    const auto hold = one.Get<decltype(Hold)>("Hold");
+    const auto watch = two.Get<decltype(Watch)>("Watch");
+    if (order < 2) hold(1);
+    EXPECT_EQ(watch(), order < 2 ? 1 : 0);
     hold(2);
-    EXPECT_EQ(seen(), 2);
-    const auto leave = holds.Get<decltype(Leave)>("Leave");
-    if (order % 2 == 0) leave();
-    EXPECT_EQ(seen(), 2);
-    watches.Get<decltype(Leave)>("Leave")();
-    leave();
-    EXPECT_TRUE(first.Unload());
-    EXPECT_TRUE(second.Unload());
+    EXPECT_EQ(watch(), 2);
+    if (order % 2 == 0) one.Get<decltype(Leave)>("Leave")();
+    EXPECT_EQ(watch(), 2);
+    for (const auto* module : {&two, &one}) module->Get<decltype(Leave)>("Leave")();
+    EXPECT_TRUE(one.Unload() && two.Unload());
   }
 }
 

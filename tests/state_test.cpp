@@ -13,9 +13,10 @@ using zorvix::Inbox;
 using Numbers = std::vector<int>;
 
 struct Value {  // cannot be copied
-  explicit Value(int its) : number(its) {}
+  explicit Value(int its, std::size_t by = 0) : number(its), thread(by) {}
   Value(Value&&) = default;
   int number;
+  std::size_t thread;
 };
 const zorvix::State<Value> kState{"s"};
 using Watcher = zorvix::Watcher<Value>;
@@ -79,67 +80,54 @@ TEST_F(Bridge, OlderValueThatIsLateIsNotShown) {
   EXPECT_EQ(two, Numbers{2});
 }
 
-constexpr int kMany = 1'000'000;
-using Counts = std::array<std::atomic<int>, 3>;  // how many values each thread has set
-
-// Sees values that threads set, numbered kMany * thread + 1, 2, ...
+// Sees values that threads set, each its own 1, 2, ...
 struct Watched {
-  Watched(const Counts& set, Inbox* inbox) {
-    std::array<int, 3> least{};  // of each thread, that may still be seen
-    for (std::size_t i = 0; i < set.size(); ++i) least[i] = set[i];
-    const bool any = least != std::array<int, 3>{};
-    const auto see = [seen = seen, least](const Value& value) mutable {
-      EXPECT_FALSE(seen->running.exchange(true) || seen->over);
+  using Numbers = std::array<std::atomic<int>, 3>;
+  Watched(const Numbers& set, Inbox* inbox) {
+    std::copy(set.begin(), set.end(), least.begin());
+    const bool any = least != decltype(least){};
+    const auto see = [this](const Value& value) {
+      EXPECT_GE(value.number, least[value.thread]);
       std::this_thread::yield();
-      int& bound = least[static_cast<std::size_t>(value.number / kMany)];
-      EXPECT_GE(value.number % kMany, bound);
-      bound = value.number % kMany + 1;
-      seen->last = value.number;
-      EXPECT_FALSE(!seen->running.exchange(false) || seen->over);
+      least[value.thread] = value.number + 1;
+      last = &value;
     };
     inbox ? watcher.emplace(kState, see, *inbox) : watcher.emplace(kState, see);
-    EXPECT_TRUE(!any || (inbox ? watcher->Newest() != nullptr : seen->last > 0));
+    EXPECT_TRUE(!any || (inbox ? watcher->Newest().get() : last.load()));
   }
-  ~Watched() {
-    watcher.reset();
-    seen->over = true;
-  }
-  struct Seen {
-    std::atomic<int> last{0};
-    std::atomic<bool> running{false}, over{false};
-  };
-  const std::shared_ptr<Seen> seen = std::make_shared<Seen>();
-  std::optional<Watcher> watcher;
+  std::array<int, 3> least{};  // that each thread may still show; one at a time sees it
+  std::atomic<const Value*> last{nullptr};
+  std::optional<Watcher> watcher;  // goes first
 };
 
 TEST_F(Bridge, WhatWatchersSeeOnlyGrowsAndEndsWithTheLast) {
-  for (int round = 0; round < 200 && !HasFailure(); ++round) {
-    Counts set{};
-    std::atomic<int> built{0};
+  for (std::size_t round = 0; round < 200 && !HasFailure(); ++round) {
+    Watched::Numbers set{};
+    std::atomic<std::size_t> built{0};
     Holder holder(kState);
     Inbox inbox;
     std::optional<zorvix::InboxThread> drains(inbox);
     std::vector<std::future<void>> threads;
-    for (int thread = 0; thread <= round % 3; ++thread) {
+    for (std::size_t thread = 0; thread <= round % 3; ++thread) {
       threads.push_back(std::async(std::launch::async, [&, thread] {
-        auto& number = set[static_cast<std::size_t>(thread)];
-        do {
-          holder.Set(Value(kMany * thread + number + 1));
-        } while (++number,
-                 built < 3 + thread);  // so the last is about when the last watcher is built
+        do {  // the last one at about the time when the last watcher comes
+          holder.Set(Value(set[thread] + 1, thread));
+          ++set[thread];
+        } while (built < 3 + thread);
       }));
     }
     std::deque<Watched> watched;
     for (; built < 6; ++built) {
-      Watched(set, built % 2 == 0 ? &inbox : nullptr);  // comes and goes
-      watched.emplace_back(set, built % 2 == 0 ? nullptr : &inbox);
+      const bool odd = built % 2 != 0;
+      Watched(set, odd ? nullptr : &inbox);  // comes and goes
+      watched.emplace_back(set, odd ? &inbox : nullptr);
     }
     for (auto& thread : threads) thread.get();
     drains.reset();
     const auto last = Watcher(kState).Newest();
     for (const auto& each : watched) {
       EXPECT_EQ(each.watcher->Newest(), last);
-      EXPECT_EQ(each.seen->last, last->number);
+      EXPECT_EQ(each.last, last.get());
     }
     for (const auto& line : TakeLog()) EXPECT_EQ(line[0], 'I') << line;
   }

@@ -41,11 +41,9 @@ MODULE_EXPORT void Stop();
 MODULE_EXPORT int Send(bridge::BridgeType type, void* library);
 MODULE_EXPORT int Answered();  // right
 
-// Of the modules that hold and watch a state: sets it; watches it; the value the callable has seen
-// if it is the newest; leaves.
+// Of the modules with a state: sets it; returns the newest value, or 0; leaves.
 MODULE_EXPORT void Hold(int value);
-MODULE_EXPORT void Watch();
-MODULE_EXPORT int Seen();
+MODULE_EXPORT int Watch();
 MODULE_EXPORT void Leave();
 
 #endif  // ZORVIX_TESTS_MODULES_PAYLOAD_H_
