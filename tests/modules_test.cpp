@@ -88,6 +88,17 @@ TEST(Modules, BridgeOutlivesItsLastHandle) {
   after.Get<decltype(ZorvixUnregisterSubscriber)>("ZorvixUnregisterSubscriber")(topic, 0);
 }
 
+TEST(Modules, LinkedWithNodeleteRunAfterTheirLastHandleToo) {
+  const Module bridge("com.quenmar.zorvix"), staying("staying"), sender("sender_typed");
+  const auto received = staying.Get<decltype(Received)>("Received");
+  const auto stop = staying.Get<decltype(Stop)>("Stop");
+  staying.Get<decltype(Start)>("Start")(BridgeType::Sync);
+  EXPECT_FALSE(staying.Unload());
+  sender.Get<decltype(Send)>("Send")(BridgeType::Sync, bridge.library);
+  EXPECT_EQ(received(), kPayloads);
+  stop();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
