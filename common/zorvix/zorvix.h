@@ -29,7 +29,7 @@
 #define ZORVIX_ZORVIX_H_
 
 // Major * 10000 + minor * 100 + patch.
-#define ZORVIX_VERSION 10100
+#define ZORVIX_VERSION 10200
 
 #include <algorithm>
 #include <any>
@@ -107,7 +107,7 @@ enum class BridgeModule : std::int32_t { Topic = 0, Service = 1 };
 enum class BridgeType : std::int32_t {
   Sync = 0,         // callbacks run at once on the calling thread
   Async = 1,        // callbacks run from the queue
-  SignleAsync = 2,  // as Async, and the receiving endpoint is removed after its first delivery
+  SignleAsync = 2,  // as Async; its first publication or call removes who receives, run or lost
 };
 
 // Describes an endpoint. Must not change once registered.
