@@ -1,6 +1,7 @@
-// What the bridge allocates, and what becomes of publications and handles when it cannot.
+// What the bridge allocates, and what holds while it does or cannot.
 #include <zorvix/state.h>
 
+#include <bitset>
 #include <cstdlib>
 #include <new>
 
@@ -8,17 +9,26 @@
 
 namespace {
 
-// Of this thread; when told to, one fails, or all that are as large as the first one.
-thread_local std::size_t allocations = 0, first_size = 0, failing = 0;
-thread_local bool first_only = false;
+// Of this thread. The hook is called once, at the first allocation or at the first that is as large
+// as an earlier one.
+thread_local std::size_t allocations = 0, failing = 0;  // the number of one that fails
+thread_local std::bitset<1000> sizes;
+thread_local void (*hook)() = nullptr;
+
+void HookAllocation(bool first, void (*function)()) {
+  first ? sizes.set() : sizes.reset();
+  hook = function;
+}
 
 }  // namespace
 
 void* operator new(std::size_t size) {
-  if (++allocations == 1) first_size = size;
-  const bool fails =
-      allocations == failing || (first_only && allocations > 1 && size == first_size);
-  if (void* const memory = fails ? nullptr : std::malloc(size)) return memory;
+  if (++allocations == failing) throw std::bad_alloc();
+  if (hook != nullptr && size < sizes.size()) {
+    if (sizes[size]) std::exchange(hook, nullptr)();
+    sizes.set(size);
+  }
+  if (void* const memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
 // Not inlined, where g++ would see only that free does not match new.
@@ -54,12 +64,44 @@ TEST_F(Bridge, TasksPostedBeforeAFailureAreRun) {
   const auto log = Subscriber([](auto&) { Log("ran"); });
   auto& topic = Subscribed("t", BridgeType::Async, {log, log});
   const zorvix::Workers workers(1);
-  WaitForLog("Spin loop once lock.");
-  first_only = true;
-  allocations = 0;
-  EXPECT_THROW(ZorvixPublish(topic, 1), std::bad_alloc);
-  first_only = false;
-  WaitForLog("ran");
+  for (std::size_t round = 1; round <= 20; ++round) {  // most of which find the worker asleep
+    WaitForLog("Spin loop once lock.", round);
+    HookAllocation(false, [] { throw std::bad_alloc(); });
+    EXPECT_THROW(ZorvixPublish(topic, 1), std::bad_alloc);
+    WaitForLog("ran", round);
+  }
+}
+
+// A publication is held between its tasks, with all workers asleep beside a queue of one, and a
+// call before its task.
+TEST_F(Bridge, OneShotsAreUsedUpBeforeTheyQueueAndCallsWakeAllWorkers) {
+  const auto log = Subscriber([](auto&) { Log("held, running"); });
+  const auto server = Server([](auto&, auto&) { Log("held, running"); });
+  const auto hold = [] { Log("held, allocating"); };
+  auto& topic = Subscribed("t", BridgeType::SignleAsync, {log, log});
+  auto& one_shot = Service("s", BridgeType::SignleAsync);
+  auto& service = Service("s", BridgeType::Async);
+  ZorvixRegisterServer(one_shot, server);
+  ZorvixRegisterServer(service, server);
+  const zorvix::Workers workers(2);
+  WaitForLog("Spin loop once lock.", 2);
+  HoldLog("held");
+  const auto publication = std::async(std::launch::async, [&] {
+    HookAllocation(false, hold);
+    EXPECT_TRUE(ZorvixPublish(topic, 1));
+  });
+  const auto call = std::async(std::launch::async, [&] {
+    bridge::RequestCallback request = Request;
+    HookAllocation(true, hold);
+    EXPECT_TRUE(ZorvixCall(one_shot, std::move(request)));
+  });
+  WaitForLog("held, allocating", 2);
+  EXPECT_FALSE(ZorvixPublish(topic, 1));
+  EXPECT_FALSE(ZorvixCall(one_shot, Request));
+  EXPECT_TRUE(ZorvixCall(service, Request));
+  WaitForLog("held, running", 2);
+  HoldLog("");
+  WaitForLog("held, running", 4);
 }
 
 // Each allocation fails in turn; what had been entered by then is gone.

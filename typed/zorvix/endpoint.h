@@ -67,14 +67,12 @@ struct Subscription {
 // A subscription that waits in a room. Nothing is pushed any more when the lodging ends.
 template <typename Message>
 struct Boxed {
-  Boxed(std::shared_ptr<Room> room, const std::string& topic, Receiver receiver, Keep keep)
-      : lodging(std::move(room), std::move(receiver), keep),
-        pushing(topic, bridge::BridgeType::Sync, Receive<Message>(topic, Push{lodging})) {}
+  Boxed(std::shared_ptr<Room> room, const std::string& topic, std::shared_ptr<Line> line)
+      : lodging(std::move(room), std::move(line)),
+        pushing(topic, bridge::BridgeType::Sync,
+                Receive<Message>(topic, Push{lodging.room, lodging.line})) {}
   struct Push {
-    explicit Push(const Lodging& into) : room(into.room), line(into.line) {}
-    void operator()(const Message& message) const {
-      room->Push(line, std::any(std::in_place_type<Message>, message));
-    }
+    void operator()(const Message& message) const { room->Push(line, Pack(message)); }
     std::shared_ptr<Room> room;
     std::shared_ptr<Line> line;
   };
@@ -112,11 +110,11 @@ struct QueueRoom final : Room {
 
 template <typename Message>
 struct Queued {
-  Queued(const std::string& topic, Receiver receiver, Keep keep)
+  Queued(const std::string& topic, std::shared_ptr<Line> line)
       : room(std::make_shared<QueueRoom>(topic)),
         draining(room->end.control->name, bridge::BridgeType::Async,
                  Receive<std::shared_ptr<void>>(topic, [room = room](auto&) { room->Drain(); })),
-        boxed(room, topic, std::move(receiver), keep) {}
+        boxed(room, topic, std::move(line)) {}
   const std::shared_ptr<QueueRoom> room;
   const Subscription draining;
   const Boxed<Message> boxed;

@@ -22,8 +22,8 @@ namespace detail ZORVIX_HIDDEN {
 // What an inbox shares with its subscribers.
 struct Box final : Room {
   using Task = std::function<void()>;
-  const std::shared_ptr<Line> tasks = std::make_shared<Line>(
-      Line{Receive<Task>("task of an inbox", [](const Task& task) { task(); }), ~std::size_t{0}});
+  const std::shared_ptr<Line> tasks = MakeLine<Task>(
+      "task of an inbox", [](const Task& task) { task(); }, Keep{~std::size_t{0}});
 };
 }  // namespace detail
 
@@ -56,7 +56,9 @@ class Inbox {
   ZORVIX_HIDDEN int fd() const { return box().fd(); }
 
   // Has `task` run in a drain, after what waits already. Tasks are not lost, however many wait.
-  ZORVIX_HIDDEN void Post(std::function<void()> task) { box().Push(box().tasks, std::move(task)); }
+  ZORVIX_HIDDEN void Post(std::function<void()> task) {
+    box().Push(box().tasks, detail::Pack(std::move(task)));
+  }
 
  private:
   friend class InboxThread;

@@ -38,35 +38,53 @@ Receiver Receive(const std::string& name, Callable callable) {
           }};
 }
 
+// A message on the heap, so that handing it on runs none of its code.
+using Parcel = std::unique_ptr<const void, void (*)(const void*)>;
+
+template <typename Value>
+Parcel Pack(Value&& value) {
+  using Message = std::decay_t<Value>;
+  return {new Message(std::forward<Value>(value)),
+          [](const void* it) { delete static_cast<const Message*>(it); }};
+}
+
 struct Line;
 struct Item {
-  std::shared_ptr<Line> line;
-  std::any message;
+  std::shared_ptr<Line> line = nullptr;
+  Parcel message = {nullptr, nullptr};
   std::uint64_t number = 0;
   std::size_t missed = 0;  // by the line before, if it has caught up
 };
 using Items = std::list<Item>;
 
-// What one receiver has waiting in a room, whose lock guards the last three.
+// What one receiver has waiting in a room, whose lock guards the last two.
 struct Line {
-  Receiver receiver;
+  std::shared_ptr<Gate> gate;
+  std::function<void(const void*)> run;
   std::size_t keep;
   std::deque<Items::iterator> items = {};
   std::size_t lost = 0;  // since it last caught up
-  bool closed = false;
 };
+
+template <typename Message, typename Callable>
+std::shared_ptr<Line> MakeLine(const std::string& name, Callable callable, Keep keep) {
+  if (keep.last == 0) throw std::invalid_argument("a subscriber must keep one message at least");
+  const auto gated = std::make_shared<Gated<Callable>>(name, std::move(callable));
+  return std::make_shared<Line>(Line{
+      gated, [gated](const void* it) { (*gated)(*static_cast<const Message*>(it)); }, keep.last});
+}
 
 // Where items wait that are drained together, in the order in which they came.
 class Room {
  public:
   virtual ~Room() = default;
 
-  void Push(const std::shared_ptr<Line>& line, std::any message) {
-    std::any lost;  // goes after the lock, as does `message`
+  void Push(const std::shared_ptr<Line>& line, Parcel message) {
+    Parcel lost{nullptr, nullptr};  // goes after the lock, as does `message`
     bool losing = false;
     {
       const std::lock_guard lock(mutex);
-      if (!open_ || line->closed) return;
+      if (!open_) return;
       const bool full = line->items.size() == line->keep;
       if (!full && spare_.empty()) spare_.emplace_back();
       const auto item = full ? line->items.front() : spare_.begin();
@@ -76,13 +94,15 @@ class Room {
         lost = std::move(item->message);
         losing = line->keep > 1 && line->lost++ == 0;
       }
-      *item = {line, std::move(message), next_++};
+      item->line = line;
+      item->message = std::move(message);
+      item->number = next_++;
       items_.splice(items_.end(), full ? items_ : spare_, item);
       Tell();
     }
     if (losing) {
       BRIDGE_LOG(bridge::kLogWarn, "a subscriber loses its oldest messages, name: %s, kept: %zu",
-                 line->receiver.gate->name.c_str(), line->keep);
+                 line->gate->name.c_str(), line->keep);
     }
     Settle(false);
   }
@@ -103,17 +123,16 @@ class Room {
     return count;
   }
 
-  // Discards what waits in the line, lets nothing into it any more and closes its gate.
+  // Discards what waits in the line, into which nothing is pushed any more, and closes its gate.
   void Close(Line& line) {
     {
       Items discarded;
       const std::lock_guard lock(mutex);
-      line.closed = true;
       for (const auto item : line.items) discarded.splice(discarded.end(), items_, item);
       line.items.clear();
       Tell();
     }
-    line.receiver.gate->Close();
+    line.gate->Close();
   }
 
   void Shut() {
@@ -162,27 +181,29 @@ class Room {
     taken.splice(taken.end(), items_, items_.begin());
     auto& line = *taken.front().line;
     line.items.pop_front();
-    if (line.items.empty()) taken.front().missed = std::exchange(line.lost, 0);
+    taken.front().missed = line.items.empty() ? std::exchange(line.lost, 0) : 0;
     return true;
   }
 
   static void Run(Item& item) {
-    const char* const name = item.line->receiver.gate->name.c_str();
+    const char* const name = item.line->gate->name.c_str();
     if (item.missed != 0) {
       BRIDGE_LOG(bridge::kLogInfo, "a subscriber has caught up, name: %s, lost: %zu", name,
                  item.missed);
     }
     try {
-      item.line->receiver.function(item.message);
+      item.line->run(item.message.get());
     } catch (const std::exception& error) {
       BRIDGE_LOG(bridge::kLogError, "callable failed! error: %s, name: %s", error.what(), name);
     }
-    item = {};  // under no lock, under which the item is spared
+    item.message.reset();  // under no lock, under which the item is spared
+    item.line.reset();
   }
 
   void Tell() ZORVIX_REQUIRES(mutex) {
     const bool now = !items_.empty() && !draining_;
-    if (ready.exchange(now) == now) return;
+    if (ready == now) return;
+    ready = now;
     if (now) changed.notify_all();
     eventfd_t count = 1;
     if (fd_ >= 0) now ? eventfd_write(fd_, count) : eventfd_read(fd_, &count);
@@ -197,14 +218,12 @@ class Room {
   int fd_ ZORVIX_GUARDED_BY(mutex) = -1;
 };
 
-// A line of one's own in a room.
+// A line that is closed with it.
 struct Lodging {
-  Lodging(std::shared_ptr<Room> in, Receiver receiver, Keep keep)
-      : room(std::move(in)), line(std::make_shared<Line>(Line{std::move(receiver), keep.last})) {
-    if (keep.last == 0) throw std::invalid_argument("a subscriber must keep one message at least");
-  }
-  ~Lodging() { room->Close(*line); }
+  Lodging(std::shared_ptr<Room> in, std::shared_ptr<Line> its)
+      : room(std::move(in)), line(std::move(its)) {}
   Lodging(const Lodging&) = delete;
+  ~Lodging() { room->Close(*line); }
   const std::shared_ptr<Room> room;
   const std::shared_ptr<Line> line;
 };

@@ -125,10 +125,10 @@ struct Watching {
     };
     const bool here = !inbox;
     if (here) inbox = std::make_shared<Here>();
-    lodging.emplace(inbox, Receive<Look>(name, std::move(show)), Keep{1});
+    lodging.emplace(inbox, MakeLine<Look>(name, std::move(show), Keep{1}));
     const auto number =
         Watch(name, [seen = seen, inbox, line = lodging->line](const Version<Value>& version) {
-          if (seen->Take(version)) inbox->Push(line, Look());
+          if (seen->Take(version)) inbox->Push(line, Pack(Look()));
         });
     if (here) seen->AwaitShown(number);
   }
@@ -157,11 +157,10 @@ class Holder {
       : held_(std::make_shared<detail::Held<Value>>(state.name)) {}
   ZORVIX_MOVE_ONLY(Holder);
 
-  // Blocks while it runs callables of watchers at once. Any thread may call it, but not on what was
-  // moved from.
+  // Blocks while it runs callables of watchers at once. Any thread may call it.
   ZORVIX_HIDDEN void Set(Value value) {
-    static_cast<detail::Held<Value>*>(held_.get())
-        ->Set(std::make_shared<const Value>(std::move(value)));
+    auto* const held = static_cast<detail::Held<Value>*>(held_.get());
+    if (held) held->Set(std::make_shared<const Value>(std::move(value)));
   }
 
  private:
@@ -176,7 +175,8 @@ class Watcher {
 
   // Runs callable(const Value&) for each value, or a newer one, but none twice and none behind a
   // newer one, one at a time: at once, on the thread that sets it, or on the one that still runs it
-  // for an older one, so that Set may return before; the constructor waits for that.
+  // for an older one. That one goes on while newer ones come, so give what is slow an inbox. Set
+  // may return before the callable has run for its value; the constructor waits until it has.
   template <typename Callable>
   [[nodiscard]] ZORVIX_INLINED Watcher(const State<Value>& state, Callable callable)
       : watching_(
@@ -190,11 +190,13 @@ class Watcher {
   ZORVIX_MOVE_ONLY(Watcher);
 
   // Returns empty when there is none yet.
-  ZORVIX_HIDDEN std::shared_ptr<const Value> Newest() const { return seen().Newest().value; }
+  ZORVIX_HIDDEN std::shared_ptr<const Value> Newest() const {
+    return watching_ ? seen().Newest().value : nullptr;
+  }
 
   // Blocks until there is one, or for that long; negative: without limit. As Newest.
   ZORVIX_HIDDEN std::shared_ptr<const Value> WaitFor(std::chrono::milliseconds at_most) const {
-    return seen().WaitFor(at_most);
+    return watching_ ? seen().WaitFor(at_most) : nullptr;
   }
 
  private:

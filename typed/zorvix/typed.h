@@ -76,13 +76,12 @@ class Subscriber {
   [[nodiscard]] ZORVIX_INLINED Subscriber(const Topic<Message, kType>& topic, Callable callable,
                                           Delivery delivery = Delivery::AtOnce, Keep keep = {}) {
     static_assert(kCalls<Callable>, "a subscriber is called with a const Message&");
-    auto receiver = detail::Receive<Message>(topic.name, std::move(callable));
     if (kType == bridge::BridgeType::Sync && delivery == Delivery::Queued) {
-      registration_ =
-          std::make_shared<detail::Queued<Message>>(topic.name, std::move(receiver), keep);
+      registration_ = std::make_shared<detail::Queued<Message>>(
+          topic.name, detail::MakeLine<Message>(topic.name, std::move(callable), keep));
     } else {
-      registration_ =
-          std::make_shared<detail::Subscription>(topic.name, kType, std::move(receiver));
+      registration_ = std::make_shared<detail::Subscription>(
+          topic.name, kType, detail::Receive<Message>(topic.name, std::move(callable)));
     }
   }
   // From the inbox.
@@ -91,7 +90,7 @@ class Subscriber {
                                           Inbox& inbox, Keep keep = {})
       : registration_(std::make_shared<detail::Boxed<Message>>(
             std::static_pointer_cast<detail::Box>(inbox.box_), topic.name,
-            detail::Receive<Message>(topic.name, std::move(callable)), keep)) {
+            detail::MakeLine<Message>(topic.name, std::move(callable), keep))) {
     static_assert(kType == bridge::BridgeType::Sync, "only what comes at once can go to an inbox");
     static_assert(kCalls<Callable>, "a subscriber is called with a const Message&");
   }

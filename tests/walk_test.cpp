@@ -1,0 +1,332 @@
+// A walk of random operations that the bridge and a plain model of it take in step, on one thread.
+// ZORVIX_WALK_SEED=N walks with that seed alone.
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <list>
+#include <map>
+#include <random>
+
+#include "bridge_test.h"
+
+namespace {
+
+using bridge::Control;
+using bridge::SubscriberCallback;
+
+struct Operation {
+  char kind;  // as in Real
+  Endpoint& end;
+  SubscriberCallback subscriber;
+  bridge::ServerCallback server;
+  std::any message;
+  bridge::RequestCallback request;
+  unsigned long number;
+};
+
+// Through the flat functions where there is one.
+struct Real {
+  static bool Do(Operation& op) {
+    auto& bridge = Zorvix::GetInstance();
+    if (op.kind == 'P') ZorvixRegisterPublisher(op.end);
+    if (op.kind == 'p') ZorvixUnregisterPublisher(op.end);
+    if (op.kind == 'C') ZorvixRegisterClient(op.end);
+    if (op.kind == 'c') ZorvixUnregisterClient(op.end);
+    if (op.kind == 'S') ZorvixRegisterSubscriber(op.end, op.subscriber);
+    if (op.kind == 's') ZorvixUnregisterSubscriber(op.end, Handle(op.subscriber));
+    if (op.kind == 'V') ZorvixRegisterServer(op.end, op.server);
+    if (op.kind == 'v' && op.number == 0) ZorvixUnregisterServer(op.end);
+    if (op.kind == 'v' && op.number != 0) bridge.UnregisterServer(op.end, op.number);
+    if (op.kind == 'a') bridge.SignleAsyncAutoRemove(op.end, op.subscriber);
+    if (op.kind == '*') op.number == 0 ? ZorvixSpinOnce() : bridge.SpinOnce();
+    if (op.kind == '1') return ZorvixRunOneceStep();
+    if (op.kind == '!') return ZorvixPublish(op.end, std::move(op.message));
+    return op.kind == '?' && ZorvixCall(op.end, std::move(op.request));
+  }
+  static void Note(const std::string& text) { bridge::WriteLog(4, "walk", 0, "%s", text.c_str()); }
+  static Lines TakeLog() { return ::TakeLog(); }
+};
+
+// The same as the bridge's header tells it, for one thread.
+class Model {
+ public:
+  bool Do(Operation& op) {
+    if (op.kind == '1') return RunOne();
+    while (op.kind == '*' && RunOne()) {
+    }
+    if (std::strchr("*=0", op.kind)) return false;
+    if (op.kind == 'a') return DropOneShot(op.end.get(), op.subscriber.get()), false;
+    const auto failed = (op.kind == 'p' || op.kind == 'c' ? "W: " : "E: ") + Failed(op.kind);
+    if (!op.end) return Say(failed + "control is nullptr!");
+    if (op.kind == '!' && !op.message.has_value()) return Say(failed + "message is empty!");
+    if ((op.kind == 'S' && !op.subscriber) || (op.kind == 'V' && !op.server))
+      return Say(failed + "callback is nullptr!");
+    const auto name = Name(*op.end);
+    if (std::isalpha(op.kind)) return std::isupper(op.kind) ? Join(op, name) : Leave(op, name);
+    return Deliver(op, name);
+  }
+  bool Say(const std::string& text, const std::string& name = "") {  // up to its first zero byte
+    log_.push_back((text + name.c_str()).substr(0, 3 + 1023));
+    return false;
+  }
+  void Note(const std::string& text) { Say("I(walk:0): " + text); }
+  Lines TakeLog() { return std::exchange(log_, {}); }
+
+ private:
+  struct Receiver {
+    const void* handle;
+    std::function<void(const std::any&, const bridge::RequestCallback&)> run;
+  };
+
+  bool Join(Operation& op, const std::string& name) {
+    auto& entry = names_.try_emplace(name, op.end).first->second;
+    if (entry.expired()) Say("W: register control is expired!"), entry = op.end;
+    op.end = entry.lock();
+    auto& receivers = receivers_[{op.end.get(), op.kind}];
+    if (op.kind == 'S')
+      receivers.push_back(
+          {op.subscriber.get(), [run = op.subscriber](auto& message, auto&) { (*run)(message); }});
+    if (op.kind != 'V') return false;
+    if (!receivers.empty()) Say("W: callback is motified, real_name: ", name);
+    receivers = {{op.server.get(), [run = op.server](auto&, auto& request) { request(*run); }}};
+    return false;
+  }
+  bool Leave(Operation& op, const std::string& name) {
+    const std::string what = op.kind == 's' || op.kind == 'p' ? "real_topic_name: " : "real_name: ";
+    const auto entry = names_.find(name);
+    auto& receivers = receivers_[{op.end.get(), std::toupper(op.kind)}];
+    op.end.reset();
+    if (entry == names_.end())
+      return Say("E: " + Failed(op.kind == 'v' ? 's' : op.kind) + what, name);
+    if (entry->second.expired()) {
+      names_.erase(entry);
+      receivers.clear();
+      return Say("I: control has been unregistered, " + what, name);
+    }
+    if (op.kind == 'p' || op.kind == 'c') return false;
+    if (receivers.empty())
+      return Say("I: callback not find, maybe has been unregistered, " + what, name);
+    Remove(receivers, op.kind == 'v' ? receivers.front().handle : op.subscriber.get());
+    if (op.kind == 'v') return Say("I: callback has been unregistered, " + what, name);
+    return receivers.empty() && Say("I: callback_list has been clear, " + what, name);
+  }
+  bool Deliver(Operation& op, std::string name) {
+    const bool call = op.kind == '?';
+    const auto receivers = receivers_[{op.end.get(), call ? 'V' : 'S'}];
+    const auto type = op.end->bridge_type;
+    if (receivers.empty())
+      return call ? Say("W: Call failed, no server, server_name: ", name)
+                  : Say("W: Publish failed, no subscriber, name: ", op.end->name);
+    for (const auto& receiver : receivers)
+      DropOneShot(op.end.get(), call ? nullptr : receiver.handle);
+    if (type < BridgeType::Sync || type > BridgeType::SignleAsync)
+      return Say("E: Call failed, bridge_type is invalid!");
+    for (const auto& receiver : receivers) {
+      if (type == BridgeType::Sync) {
+        Run(receiver, op.message, op.request, name);
+        continue;
+      }
+      if (queue_.size() == 100) Say("W: event queue overflow, size: 100"), queue_.pop_front();
+      queue_.push_back([=, message = std::exchange(op.message, {}),
+                        request = std::exchange(op.request, {}),
+                        name = std::exchange(name, "")] { Run(receiver, message, request, name); });
+    }
+    return true;
+  }
+  bool DropOneShot(const Control* control, const void* handle) {
+    if (control == nullptr) return Say("E: control is nullptr!");
+    if (control->bridge_type != BridgeType::SignleAsync) return false;
+    if (control->bridge_module == BridgeModule::Service)
+      return receivers_.erase({control, 'V'}) != 0;
+    if (control->bridge_module == BridgeModule::Topic && handle != nullptr)
+      return Remove(receivers_[{control, 'S'}], handle);
+    return Say("E: bridge_module is invalid!");
+  }
+  static bool Remove(std::list<Receiver>& receivers, const void* handle) {
+    receivers.remove_if([=](auto& receiver) { return receiver.handle == handle; });
+    return true;
+  }
+  bool RunOne() {
+    if (queue_.empty()) return false;
+    const auto task = std::move(queue_.front());
+    queue_.pop_front();
+    Say("I: event queue size: " + std::to_string(queue_.size()));
+    return task(), true;
+  }
+  void Run(const Receiver& receiver, const std::any& message,
+           const bridge::RequestCallback& request, const std::string& name) {
+    const std::string macro = "_LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION";
+    const auto who = std::string(", real_name: ") + name.c_str() +
+                     ", callback_handle: " + testing::PrintToString(receiver.handle);
+    try {
+      receiver.run(message, request);
+    } catch (const std::bad_cast& error) {
+      Say(std::string("E: error: ") + error.what() + ", " + macro + ": 2" + who +
+          ". make sure that the compiler macro " + macro + "=2");
+    } catch (const std::exception& error) {
+      Say(std::string("E: callback failed! error: ") + error.what() + who);
+    }
+  }
+  std::string Name(const Control& control) {
+    static constexpr const char *kModules[] = {"/Topic", "/Service", "/Unknown"},
+                                *kTypes[] = {"/Sync", "/Async", "/SignleAsync", "/Unknown"};
+    const auto module = std::min(static_cast<unsigned>(control.bridge_module), 2u);
+    const auto type = std::min(static_cast<unsigned>(control.bridge_type), 3u);
+    if (module == 2) Say("E(zorvix.h): Unknown BridgeModule!");
+    if (type == 3) Say("E(zorvix.h): Unknown BridgeType!");
+    return control.name + kModules[module] + kTypes[type];
+  }
+
+  static std::string Failed(char kind) {
+    static const std::map<int, std::string> ends{
+        {'P', "Publisher"}, {'C', "Client"}, {'S', "Subscriber"}, {'V', "Server"}};
+    if (kind == '!') return "Publish failed, ";
+    if (kind == '?') return "Call failed, ";
+    return (std::isupper(kind) ? "Register" : "Unregister") + ends.at(std::toupper(kind)) +
+           " failed, ";
+  }
+
+  Lines log_;
+  std::map<std::string, std::weak_ptr<const Control>> names_;
+  std::map<std::pair<const Control*, int>, std::list<Receiver>> receivers_;  // by S or V
+  std::list<bridge::Task> queue_;
+};
+
+std::function<void(const std::string&)> react;  // of the walk that takes a step
+
+struct Payload {
+  explicit Payload(std::shared_ptr<int> share) : owner(std::move(share)) {}
+  Payload(const Payload&) { throw 0; }  // the bridge moves what it is given
+  Payload(Payload&&) noexcept = default;
+  std::shared_ptr<int> owner;
+};
+
+struct Named {
+  void operator()(const std::any& message) const {
+    react(std::string(name) + (message.has_value() ? " gets the message" : " gets nothing"));
+  }
+  void operator()(const std::any& request, std::any& response) const {
+    react(name);
+    response = request;
+  }
+  const char* name;
+};
+
+// Both walks share the function objects, since lines tell their addresses. The last are empty.
+std::function<void(const std::any&)> subscribers[] = {Named{"a"}, Named{"b"}, Named{"c"}, {}};
+ServerFunction servers[] = {Named{"server a"}, Named{"server b"}, {}};
+
+template <typename Subject>
+class Walk {
+ public:
+  explicit Walk(unsigned seed) : random_(seed) {
+    // Around what is composed in place, around what a line holds, and longer; and in each walk two
+    // that are equal up to a zero byte. Seeds have names of their own, since some are left behind.
+    static constexpr std::size_t kSizes[] = {0, 115, 970, 1030};
+    names_[0] = seed == 0 ? "" : std::to_string(seed);
+    names_[0].resize(std::max(names_[0].size(), kSizes[seed % 4]), '%');
+    names_[1] = names_[0] + std::string("\0x", 2);
+    for (auto& share : shares_) share = std::make_shared<int>();
+  }
+
+  // Takes a step of so many operations at most and returns all that came of it. The last one has
+  // none and empties the queue.
+  std::string Step(int operations) {
+    left_ = operations;
+    react = [this](const std::string& what) { React(what); };
+    Operate(operations == 0 ? '*' : Choose());
+    std::string result;
+    for (const auto& line : subject_.TakeLog()) result += line + '\n';
+    for (const auto& share : shares_) result += std::to_string(share.use_count()) + " shares ";
+    for (const auto& control : alive_) result += std::to_string(control.use_count()) + " owners ";
+    return result;
+  }
+
+ private:
+  unsigned long Below(unsigned long bound) { return random_() % bound; }
+
+  // One of Real, or copying or dropping an endpoint.
+  char Choose() {
+    return "PPPCCCSSSSSSSSSVVVVVVppccssssvv!!!!!!!!!!!!????????????a==0111111*"[Below(66)];
+  }
+
+  void React(const std::string& what) {
+    subject_.Note(what);
+    for (auto i = Below(3); i > 0 && left_ > 0; --i) Operate(Choose());
+    const auto fate = left_ > 0 ? Below(12) : 12;
+    if (fate < 2) throw std::runtime_error("bad luck");
+    if (fate == 2) throw std::bad_any_cast();
+    if (fate == 3) throw std::bad_cast();
+    if (fate == 4) throw 1;
+  }
+
+  // Takes the first free place, where an earlier Control may have left its callbacks.
+  Endpoint Describe() {
+    std::size_t place = 0;
+    while (!alive_[place].expired()) ++place;
+    const BridgeModule module{"00000111112/"[Below(12)] - '0'};
+    const BridgeType type{"0001112223/"[Below(11)] - '0'};
+    const auto& other = ends_[Below(6)];
+    controls_[place] = other && Below(2) ? *other : Control{names_[Below(2)], module, type};
+    Endpoint end(std::make_shared<int>(), &controls_[place]);
+    alive_[place] = end;
+    return end;
+  }
+
+  void Operate(char kind) {
+    --left_;
+    Operation op{kind, ends_[Below(6)], {}, {}, {}, {}, Below(2)};
+    if (const auto i = Below(5); i < 4) op.subscriber = {shares_[i], &subscribers[i]};
+    if (const auto i = Below(4); i < 3) op.server = {shares_[4 + i], &servers[i]};
+    if (kind == '!' && Below(16) > 0) op.message = Payload(shares_[7]);
+    if (kind == '?' && Below(16) > 0) {
+      op.request = [this, payload = Payload(shares_[7])](auto& serve) {
+        React("request to server " + std::to_string(&serve - servers));
+        std::any response;
+        serve(42, response);
+        subject_.Note("answer " + std::to_string(std::any_cast<int>(response)));
+      };
+    }
+    if (!op.end && Below(std::isupper(kind) ? 16 : 3) > 0) op.end = Describe();
+    if (kind == '=') op.end = ends_[Below(6)];
+    if (kind == '0') op.end.reset();
+    std::string note(1, kind);
+    try {
+      note += subject_.Do(op) ? " true" : "";
+    } catch (int) {
+      note += " throws";
+    }
+    note += op.message.has_value() || op.request ? " keeps " : " ";
+    subject_.Note(note + std::to_string(op.end ? op.end.get() - controls_ : -1));
+  }
+
+  std::mt19937 random_;
+  int left_ = 0;  // operations of this step
+  std::string names_[2];
+  Control controls_[12];
+  std::weak_ptr<const Control> alive_[12];
+  std::shared_ptr<int> shares_[8];  // of subscribers, servers, and all messages and requests
+  Subject subject_;
+  Endpoint ends_[6];
+};
+
+TEST_F(Bridge, DoesWhatTheModelDoes) {
+  const char* const given = std::getenv("ZORVIX_WALK_SEED");
+  const auto first = given == nullptr ? 0 : static_cast<unsigned>(std::stoul(given));
+  static std::list<Walk<Real>> real;  // kept, since their Controls have callbacks in the bridge
+  for (auto seed = first; seed <= (given == nullptr ? 11 : first); ++seed) {
+    real.emplace_back(seed);
+    Walk<Model> model(seed);
+    for (int step = 3000; step >= 0; --step) {
+      const int most = step > 0 ? 30 : 0;
+      ASSERT_EQ(model.Step(most), real.back().Step(most)) << "ZORVIX_WALK_SEED=" << seed;
+    }
+  }
+}
+
+TEST_F(Bridge, LogLinesOfUsersCarryTheirPosition) {
+  BRIDGE_LOG(bridge::kLogWarn, "%d%%", 1);
+  EXPECT_EQ(TakeLog(), Lines{"W(walk_test.cpp:" + std::to_string(__LINE__ - 1) + "): 1%"});
+}
+
+}  // namespace
