@@ -108,7 +108,9 @@ TEST_F(Bridge, OneShotsAreUsedUpBeforeTheyQueueAndCallsWakeAllWorkers) {
 TEST_F(Bridge, HandleThatCannotBeBuiltLeavesNothingBehind) {
   const std::string name(60, 'n');
   zorvix::Inbox inbox;
-  const auto fail = [](auto&&...) { return ADD_FAILURE(), 0; };
+  const auto owned = std::make_shared<int>();
+  const auto fail = [owned](auto&&...) { return ADD_FAILURE(), 0; };
+  const auto owners = owned.use_count();
   const zorvix::Topic<int> topic{name};
   const zorvix::Topic<int, BridgeType::Async> queued{name};
   const zorvix::Service<int, int> service{name};
@@ -177,6 +179,7 @@ TEST_F(Bridge, HandleThatCannotBeBuiltLeavesNothingBehind) {
       }
       ZorvixSpinOnce();
       EXPECT_EQ(inbox.Drain(), 0u);
+      EXPECT_EQ(owned.use_count(), owners);
     }
   }
 }
