@@ -1,4 +1,5 @@
 // The cases, in the order of the table, and the parts they are made of.
+#include <android/log.h>
 #include <zorvix/typed.h>
 
 #include <any>
@@ -19,13 +20,9 @@
 
 namespace {
 
-using bridge::BridgeModule;
-using bridge::BridgeType;
-using bridge::Control;
-using bridge::Zorvix;
+using namespace bridge;
 
 using Payload = std::array<std::uint64_t, 8>;
-using Context = boost::asio::io_context;
 
 Zorvix& the_bridge = Zorvix::GetInstance();
 std::any sync_message = Payload{};  // left with the caller by every synchronous publication
@@ -33,20 +30,19 @@ std::any sync_message = Payload{};  // left with the caller by every synchronous
 constexpr char kSignals2[] = "Boost.Signals2";
 constexpr char kShortName[] = "odometry";
 constexpr char kLongName[] = "vehicle/chassis/rear_axle/left_wheel/wheel_encoder/odometry/";
+const zorvix::Topic<Payload> kTyped{"distance"};
 
 std::shared_ptr<const Control> MakeControl(std::string name, BridgeModule module, BridgeType type) {
   return std::make_shared<const Control>(Control{std::move(name), module, type});
 }
 
-void Receive(const std::any& message) {
-  benchmark::DoNotOptimize(std::any_cast<const Payload&>(message)[0]);
-}
+void Take(const Payload& payload) { benchmark::DoNotOptimize(payload[0]); }
+void Receive(const std::any& message) { Take(std::any_cast<const Payload&>(message)); }
 
 // One topic with the same subscribers on the bridge and as a signal.
 struct Topic {
-  template <typename Callable = decltype(&Receive)>
   explicit Topic(std::string name, std::size_t subscribers = 1, BridgeType type = BridgeType::Sync,
-                 Callable callable = Receive)
+                 void (*callable)(const std::any&) = Receive)
       : control(MakeControl(std::move(name), BridgeModule::Topic, type)) {
     for (std::size_t i = 0; i < subscribers; ++i) {
       callback = std::make_shared<std::function<void(const std::any&)>>(callable);
@@ -60,14 +56,14 @@ struct Topic {
   void Emit() { signal(sync_message); }
   void Post() { the_bridge.Publish(control, Payload{}); }
   // A closure of the same three fields as the bridge's.
-  void PostOn(Context& context) {
+  void PostOn(boost::asio::io_context& context) {
     boost::asio::post(context, [name = real_name, callback = callback,
                                 message = std::any(Payload{})] { (*callback)(message); });
   }
 
   std::shared_ptr<const Control> control;
   const std::string real_name = Zorvix::GetRealName(control);
-  bridge::SubscriberCallback callback;  // of the last subscriber
+  SubscriberCallback callback;  // of the last subscriber
   boost::signals2::signal<void(const std::any&)> signal;
 };
 
@@ -78,10 +74,8 @@ void Publish(benchmark::State& state, const char* name, std::size_t subscribers)
 
 void PublishTyped(benchmark::State& state) {
   Topic plain(kShortName);
-  const zorvix::Topic<Payload> topic{"distance"};
-  const zorvix::Subscriber subscriber(
-      topic, [](const Payload& payload) { benchmark::DoNotOptimize(payload[0]); });
-  const zorvix::Publisher publisher(topic);
+  const zorvix::Subscriber subscriber(kTyped, Take);
+  const zorvix::Publisher publisher(kTyped);
   Compare(state, "the plain interface", OneThread([&] { publisher.Publish(Payload{}); }),
           OneThread([&] { plain.Post(); }));
 }
@@ -99,8 +93,7 @@ void PublishAmongMany(benchmark::State& state) {
 }
 
 void PublishOnTwoThreads(benchmark::State& state, bool one_topic) {
-  Topic topic(kShortName);
-  Topic other("distance");
+  Topic topic(kShortName), other("distance");
   Topic& second = one_topic ? topic : other;
   Compare(state, kSignals2, TwoThreads([&] { topic.Publish(); }, [&] { second.Publish(); }),
           TwoThreads([&] { topic.Emit(); }, [&] { second.Emit(); }));
@@ -115,9 +108,8 @@ void Call(benchmark::State& state, const char* name) {
     server(sync_message, response);
     benchmark::DoNotOptimize(std::any_cast<std::uint64_t>(response));
   };
-  const auto server = std::make_shared<std::function<void(const std::any&, std::any&)>>(serve);
   auto control = MakeControl(name, BridgeModule::Service, BridgeType::Sync);
-  the_bridge.RegisterServer(control, server);
+  the_bridge.RegisterServer(control, std::make_shared<ServerCallback::element_type>(serve));
   boost::signals2::signal<void(const std::any&, std::any&)> signal;
   signal.connect(serve);
   Compare(state, kSignals2, OneThread([&] { the_bridge.Call(control, request); }),
@@ -125,60 +117,72 @@ void Call(benchmark::State& state, const char* name) {
   the_bridge.UnregisterServer(control, 0);
 }
 
-void PostAndDrain(benchmark::State& state) {
-  Topic topic(kShortName, 1, BridgeType::Async);
-  Context context;
-  const auto work = boost::asio::make_work_guard(context);
-  const auto measure = [](auto post, auto drain) {
-    const auto step = [=] {
-      for (int i = 0; i < 64; ++i) post();
-      drain();
-    };
-    return OneThread(step, 64);
-  };
-  Compare(state, "Boost.Asio", measure([&] { topic.Post(); }, [] { the_bridge.SpinOnce(); }),
-          measure([&] { topic.PostOn(context); }, [&] { context.poll(); }));
-}
+std::atomic<std::size_t> taken{0};  // by workers
 
-// Posts `burst` tasks and waits until they are done, again and again.
-void PostToWorkers(benchmark::State& state, int burst, std::size_t workers, bool two_threads) {
-  std::atomic<int> outstanding{0};
-  Topic topic(kShortName, 1, BridgeType::Async, [&outstanding](const std::any& message) {
-    Receive(message);
-    --outstanding;
-  });
-  const auto measure = [&](auto post) {
-    const auto step = [=, &outstanding] {
-      outstanding += burst;
-      for (int i = 0; i < burst; ++i) post();
-      while (outstanding != 0) std::this_thread::yield();
-    };
-    const auto at_once = static_cast<std::size_t>(burst);
-    return two_threads ? TwoThreads(step, step, at_once) : OneThread(step, at_once);
-  };
-  // All workers but one's sleep while that one's are measured.
-  Context context;
+// Posts bursts, and drains them by hand or waits for workers, as many here as at the peer. Those of
+// one sleep while the other's are measured.
+template <typename Post, typename Drain, typename PostOn>
+void CompareQueues(benchmark::State& state, std::size_t burst, std::size_t workers, Post post,
+                   Drain drain, PostOn post_on) {
+  boost::asio::io_context context;
+  const auto strand = boost::asio::make_strand(context);
   auto work = boost::asio::make_work_guard(context);
   std::vector<std::thread> threads;
-  threads.emplace_back([=] { the_bridge.Spin(workers); });
   for (std::size_t i = 0; i < workers; ++i) threads.emplace_back([&] { context.run(); });
-  while (!ZorvixIsSpin()) std::this_thread::yield();
-  Compare(state, "Boost.Asio", measure([&] { topic.Post(); }),
-          measure([&] { topic.PostOn(context); }));
+  if (workers != 0) threads.emplace_back([=] { the_bridge.Spin(workers); });
+  const auto measure = [=](auto post_one, auto drain_all) {
+    const auto step = [=] {
+      for (std::size_t i = 0; i < burst; ++i) post_one();
+      if (workers == 0) return static_cast<void>(drain_all());
+      while (taken != burst) std::this_thread::yield();
+      taken = 0;
+    };
+    return OneThread(step, burst);
+  };
+  Compare(state, "Boost.Asio", measure(post, drain),
+          measure([&] { post_on(context, strand); }, [&] { context.poll(); }));
   the_bridge.StopSpin();
   work.reset();
   for (auto& thread : threads) thread.join();
 }
 
+void PublishAsync(benchmark::State& state, std::size_t burst, std::size_t workers,
+                  int least_logged) {
+  __android_log_set_minimum_priority(least_logged);
+  const auto count = [](const std::any& message) { Receive(message), ++taken; };
+  Topic topic(kShortName, 1, BridgeType::Async, workers == 0 ? Receive : count);
+  CompareQueues(
+      state, burst, workers, [&] { topic.Post(); }, [] { the_bridge.SpinOnce(); },
+      [&](auto& context, auto&) { topic.PostOn(context); });
+}
+
+// Typed, in order and one at a time: through an inbox, or by the bridge's workers. What the peer's
+// strand runs shares the callback and has the message by value.
+void PublishInOrder(benchmark::State& state, std::size_t burst, std::size_t workers) {
+  const auto count = [](const Payload& message) { Take(message), ++taken; };
+  const auto take = workers == 0 ? Take : count;
+  const auto callback = std::make_shared<std::function<void(const Payload&)>>(take);
+  zorvix::Inbox inbox;
+  const zorvix::Subscriber subscriber =
+      workers == 0 ? zorvix::Subscriber(kTyped, take, inbox)
+                   : zorvix::Subscriber(kTyped, take, zorvix::Delivery::Queued);
+  const zorvix::Publisher publisher(kTyped);
+  CompareQueues(
+      state, burst, workers, [&] { publisher.Publish(Payload{}); }, [&] { inbox.Drain(); },
+      [&](auto&, auto& strand) {
+        boost::asio::post(strand, [callback, message = Payload{}] { (*callback)(message); });
+      });
+}
+
 void Register(benchmark::State& state, std::size_t subscribers) {
   Topic topic(kShortName, subscribers);
   const auto callback = std::make_shared<std::function<void(const std::any&)>>(Receive);
-  Compare(state, kSignals2, OneThread([&] {
-            auto control = topic.control;
-            the_bridge.RegisterSubscriber(control, callback);
-            the_bridge.UnregisterSubscriber(control,
-                                            reinterpret_cast<unsigned long>(callback.get()));
-          }),
+  const auto come_and_go = [&] {
+    auto control = topic.control;
+    the_bridge.RegisterSubscriber(control, callback);
+    the_bridge.UnregisterSubscriber(control, reinterpret_cast<unsigned long>(callback.get()));
+  };
+  Compare(state, kSignals2, OneThread(come_and_go),
           OneThread([&] { topic.signal.connect(Receive).disconnect(); }));
 }
 
@@ -203,6 +207,12 @@ std::unordered_map<const Control*, int> table{{control.get(), 0}};
 std::function<void(const std::any&)> function = Receive;
 
 const bool added = [] {
+  if (ZORVIX_BENCH_KEEPS_LOG) {
+    const std::string name = "Async publish and drain, log into a file";
+    Add(name, 150, PublishAsync, 64, 0, kLogInfo);
+    Add(name + ", from WARN on", 150, PublishAsync, 64, 0, kLogWarn);
+    return true;
+  }
   for (int i = 1; i <= 256; i *= 2) {
     Add("Sync publish to " + std::to_string(i), 150, Publish, kShortName, i);
   }
@@ -213,11 +223,15 @@ const bool added = [] {
   Add("Sync publish to 1 on 2 threads, same topic", 150, PublishOnTwoThreads, true);
   Add("Sync call", 150, Call, kShortName);
   Add("Sync call, name of 60 characters", 150, Call, kLongName);
-  Add("Async publish and drain", 150, PostAndDrain);
-  Add("Async publish to a worker, 1 at a time", 150, PostToWorkers, 1, 1, false);
-  Add("Async publish to a worker, 64 at a time", 150, PostToWorkers, 64, 1, false);
-  Add("Async publish to 2 workers, 64 at a time", 150, PostToWorkers, 64, 2, false);
-  Add("Async publish to a worker on 2 threads, 32 at a time", 150, PostToWorkers, 32, 1, true);
+  Add("Async publish and drain", 150, PublishAsync, 64, 0, kLogInfo);
+  Add("Async publish to a worker, 1 at a time", 150, PublishAsync, 1, 1, kLogInfo);
+  Add("Async publish to a worker, 64 at a time", 150, PublishAsync, 64, 1, kLogInfo);
+  Add("Async publish to 2 workers, 64 at a time", 150, PublishAsync, 64, 2, kLogInfo);
+  Add("Queued delivery by a worker, 64 at a time", 150, PublishInOrder, 64, 1);
+  Add("Queued delivery by 2 workers, 64 at a time", 150, PublishInOrder, 64, 2);
+  Add("Publish to an inbox and drain, 64 at a time", 150, PublishInOrder, 64, 0);
+  Add("Publish to an inbox and drain, 8 at a time", 150, PublishInOrder, 8, 0);
+  Add("Publish to an inbox and drain, 1 at a time", 150, PublishInOrder, 1, 0);
   Add("Register and unregister 1 subscriber, 1 on the topic", 150, Register, 1);
   Add("Register and unregister 1 subscriber, 1,000 on the topic", 150, Register, 1000);
 
@@ -244,7 +258,7 @@ const bool added = [] {
   AddPart("heap block of 64 bytes taken and given back", {0, 0, 2},
           [] { benchmark::DoNotOptimize(std::unique_ptr<Payload>(new Payload)); });
   AddPart("queue-size line formatted", {0, 0, 1},
-          [] { BRIDGE_LOG(bridge::kLogInfo, "event queue size: %zu", control->name.size()); });
+          [] { BRIDGE_LOG(kLogInfo, "event queue size: %zu", control->name.size()); });
   return true;
 }();
 

@@ -61,20 +61,17 @@ Measure OneThread(Step step, std::size_t at_once = 1) {
 
 // Each thread does all operations: two that do not hinder one another take as long as one.
 template <typename First, typename Second>
-Measure TwoThreads(First first, Second second, std::size_t at_once = 1) {
+Measure TwoThreads(First first, Second second) {
   return Timed([=](std::size_t n) {
-    cpu_set_t others;
-    sched_getaffinity(0, sizeof others, &others);
-    CPU_CLR(static_cast<std::size_t>(sched_getcpu()), &others);
     std::atomic<int> ready{0};
     const auto run = [&](const auto& step) {
-      ++ready;
-      while (ready != 2) {
-      }
-      return Repeat(n / at_once, step);
+      for (++ready; ready != 2;) continue;
+      return Repeat(n, step);
     };
+    cpu_set_t others;  // left to themselves both often share a processor
+    sched_getaffinity(0, sizeof others, &others);
+    CPU_CLR(static_cast<std::size_t>(sched_getcpu()), &others);
     auto other = std::async(std::launch::async, [&] {
-      // Left to themselves both often share a processor, and are done before that is mended.
       sched_setaffinity(0, sizeof others, &others);
       return run(second);
     });
@@ -84,19 +81,15 @@ Measure TwoThreads(First first, Second second, std::size_t at_once = 1) {
 }
 
 inline double Median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
 }
 
 // Gives the result of `state`, one round of `ours` and `peer` for each of its iterations.
 inline void Compare(benchmark::State& state, const char* peer_name, const Measure& ours,
                     const Measure& peer) {
-  Sample own = ours();  // finds its length and warms up
-  Sample other = peer();
-  std::vector<double> times;
-  std::vector<double> peer_times;
-  std::vector<double> ratios;
+  Sample own = ours(), other = peer();  // find their lengths and warm up
+  std::vector<double> times, peer_times, ratios;
   for (auto _ : state) {
     const bool peer_first = times.size() % 2 != 0;  // neither is always the second
     if (peer_first) other = peer();

@@ -11,8 +11,7 @@ set ytics out nomirror (20, 50, 100, 200, 500, 1000, 2000, 5000, 10000, 20000)
 set border 3
 set grid linetype 1 linecolor "#dddddd"
 set rmargin 17
-set xlabel "subscribers"
-set ylabel "one Sync publication, ns"
+set xlabel "subscribers"; set ylabel "one Sync publication, ns"
 set style line 1 linewidth 2.5 linecolor "#b04a00" pointtype 5 dashtype 2
 set style line 2 linewidth 2.5 linecolor "#0060a8" pointtype 7
 plot rows using 1:4 with linespoints linestyle 1 title "  Boost.Signals2" at end, \
