@@ -160,38 +160,34 @@ TEST_F(Bridge, EverySubscriberGetsEveryMessageOfItsTypeInOrder) {
   EXPECT_EQ(Count(TakeLog(), "E: "), 0u) << "skips in silence what is empty";
 }
 
-// A message and an answer that are as little as allowed, and callables of all sorts.
+// As little as is allowed of a message or an answer, and with a limit to its copies.
 struct Plain {
-  explicit Plain(int copies_left) : left(copies_left) {}
+  explicit Plain(int copies) : left(copies) {}
   Plain(const Plain& other) : left(other.left - 1) {
     if (left < 0) throw left;
   }
-  Plain& operator=(const Plain&) = delete;
   [[nodiscard]] int Left() const { return left; }
   const int left;
 };
 
 TEST_F(Bridge, ValuesAreCopiedNoMoreThanTheyMustBe) {
-  int left = -1;
   const zorvix::Topic<Plain> topic{"p"};
+  int left = -1;
   const zorvix::Subscriber member(topic, &Plain::Left);
   const zorvix::Subscriber lambda(topic, [&](const Plain& plain) { return left = plain.Left(); });
-  const zorvix::Publisher publisher(topic);
-  publisher.Publish(Plain(1));
-  EXPECT_EQ(left, 0) << "one copy into the std::any, which could be a move";
+  zorvix::Publisher(topic).Publish(Plain(1));
+  EXPECT_EQ(left, 0) << "one copy, which a move could save";
   const zorvix::Service<int, Plain> service{"p"};
   const zorvix::Service<int, Plain, BridgeType::Async> queued{"p"};
   const auto answer = [](int copies) { return Plain(copies); };
   const zorvix::Server server(service, answer);
   const zorvix::Server later(queued, answer);
   for (int copies = 0; copies < 10; ++copies) {  // fails further and further on its way
-    const auto now = zorvix::Client(service).Call(copies);
     auto then = zorvix::Client(queued).Call(copies);
+    EXPECT_EQ(zorvix::Client(service).Call(copies).has_value(), copies > 1);
     ZorvixSpinOnce();
-    EXPECT_EQ(now.has_value(), copies > 1);
-    if (copies < 2 || copies == 9) {
-      EXPECT_EQ(then.get().has_value(), copies == 9);
-    }
+    if (copies % 9 > 1) continue;  // the copy that the future hands out may fail
+    EXPECT_EQ(then.get().has_value(), copies == 9);
   }
 }
 
@@ -229,55 +225,49 @@ TEST_F(Bridge, CallsAreAnsweredOrNotButNeverThrow) {
 }
 
 TEST_F(Bridge, ServerThatTookOverStaysWhenTheEarlierOneGoes) {
-  const zorvix::Client client(kQueuedService);
   std::optional<zorvix::Server<int, int, BridgeType::Async>> first, second;
   const auto one = [](int) { return 1; };
   const auto two = [](int) { return 2; };
+  const auto call = [] { return zorvix::Client(kQueuedService).Call(0); };
+  const auto ask = [&] {
+    auto answer = call();
+    ZorvixSpinOnce();
+    return answer.get();
+  };
   for (const bool pending : {false, true}) {
     first.emplace(kQueuedService, one);
-    auto answer = pending ? client.Call(0) : std::future<std::optional<int>>();
+    if (pending) call();
     second.emplace(kQueuedService, two);
     first.reset();
-    answer = client.Call(0);
-    ZorvixSpinOnce();
-    EXPECT_EQ(answer.get(), 2);
+    EXPECT_EQ(ask(), 2);
     second.reset();
   }
   first.emplace(kQueuedService, one);
   second.emplace(kQueuedService, two);
   second.reset();
+  TakeLog();
   first.reset();
-  client.Call(0);
+  EXPECT_EQ(Count(TakeLog(), "control has been unregistered"), 1u);
+  EXPECT_EQ(ask(), std::nullopt);
   EXPECT_EQ(Count(TakeLog(), "no server"), 1u);
-  {
-    std::optional<zorvix::Server<int, int>> earlier(std::in_place, kService, one);
-    const zorvix::Server later(kService, two);
-    ZorvixRegisterServer(Service("s", BridgeType::Sync), Server([](auto&, auto& it) { it = 3; }));
-    earlier.reset();
-    EXPECT_EQ(zorvix::Client(kService).Call(0), 3);
-    TakeLog();
-  }
-  EXPECT_EQ(zorvix::Client(kService).Call(0), 3);
   // The later one has found the earlier one in the table, but is not in there yet.
   for (int round = 0; round < 50; ++round) {
     first.emplace(kQueuedService, one);
     HoldLog("callback is motified");
     auto taking = std::async(std::launch::async, [&] { second.emplace(kQueuedService, two); });
     WaitForLog("callback is motified");
-    auto leaving = std::async(std::launch::async, [&] {
-      Log("leaves");
-      first.reset();
-    });
-    WaitForLog("leaves");
+    auto leaving = std::async(std::launch::async, [&] { first.reset(); });
     for (int i = 0; i < round; ++i) std::this_thread::yield();
     HoldLog("");
     taking.get();
     leaving.get();
-    auto answer = client.Call(0);
-    ZorvixSpinOnce();
-    ASSERT_EQ(answer.get(), 2);
+    ASSERT_EQ(ask(), 2);
     TakeLog();
   }
+  const auto plain = Server([](auto&, auto& answer) { answer = 3; });
+  ZorvixRegisterServer(Service("s", BridgeType::Async), plain);
+  second.reset();
+  EXPECT_EQ(ask(), 3);
 }
 
 TEST_F(Bridge, WorkersStopHoweverEarlyAndHoweverLate) {
