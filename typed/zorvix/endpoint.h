@@ -124,9 +124,23 @@ using ServerFunction = std::function<void(const std::any&, std::any&)>;
 
 // Who serves under a name. All participants of the name hold the control that one of them made, and
 // find this in its deleter: so a server that leaves knows whether another has taken over.
-struct Seat {
-  std::mutex mutex;
-  const void* server ZORVIX_GUARDED_BY(mutex) = nullptr;
+class Seat {
+ public:
+  void Take(Endpoint& control, const bridge::ServerCallback& callback) {
+    const std::lock_guard lock(mutex_);
+    Bridge().RegisterServer(control, callback);
+    server_ = callback.get();
+  }
+  void Leave(Endpoint& control, const bridge::ServerCallback& callback) {
+    const std::lock_guard lock(mutex_);
+    // Nobody else shares the callback when the bridge has it no more and no call is under way.
+    const bool serves = server_ == callback.get() && callback.use_count() > 1;
+    serves ? Bridge().UnregisterServer(control, 0) : Bridge().UnregisterClient(control);
+  }
+
+ private:
+  std::mutex mutex_;
+  const void* server_ ZORVIX_GUARDED_BY(mutex_) = nullptr;
 };
 struct SeatKeeper {
   void operator()(const bridge::Control* control) const { delete control; }
@@ -145,17 +159,10 @@ struct Serving {
         callback(std::make_shared<ServerFunction>(std::move(function))),
         end(DescribeService(service, type)) {
     if (auto* const keeper = std::get_deleter<SeatKeeper>(end.control)) seat = keeper->seat;
-    const std::lock_guard lock(seat->mutex);
-    Bridge().RegisterServer(end.control, callback);
-    seat->server = callback.get();
+    seat->Take(end.control, callback);
   }
   ~Serving() {
-    {
-      const std::lock_guard lock(seat->mutex);
-      // Nobody else shares the callback when the bridge has it no more and no call is under way.
-      const bool serves = seat->server == callback.get() && callback.use_count() > 1;
-      serves ? Bridge().UnregisterServer(end.control, 0) : Bridge().UnregisterClient(end.control);
-    }
+    seat->Leave(end.control, callback);
     gate->Close();
   }
   const std::shared_ptr<Gate> gate;

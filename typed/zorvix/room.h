@@ -114,9 +114,7 @@ class Room {
     try {
       for (; Next(taken, end); ++count) Run(taken.front());
     } catch (...) {
-      const std::lock_guard lock(mutex);
-      draining_ = false;
-      Tell();
+      Abandon();
       throw;
     }
     if (end != 0) Settle(true);
@@ -183,6 +181,12 @@ class Room {
     line.items.pop_front();
     taken.front().missed = line.items.empty() ? std::exchange(line.lost, 0) : 0;
     return true;
+  }
+
+  void Abandon() {
+    const std::lock_guard lock(mutex);
+    draining_ = false;
+    Tell();
   }
 
   static void Run(Item& item) {
