@@ -245,6 +245,7 @@ TEST_F(Bridge, NothingIsLostOrStuckOrOutOfItsPublishersOrder) {
     const auto all = subscribe(take(0), kPublishers * kCount), few = subscribe(take(1), 2);
     const zorvix::Subscriber ended(kEnded, ignore, *inbox, Keep{1});
     Message::publishes = true;  // no lock is held where messages are destroyed
+    EXPECT_GE(inbox->fd(), 0);
     std::optional<InboxThread> thread(*inbox);
     std::optional<zorvix::Workers> workers(3);
     std::atomic<int> left{kPublishers};
@@ -260,16 +261,14 @@ TEST_F(Bridge, NothingIsLostOrStuckOrOutOfItsPublishersOrder) {
     }
     while (left > 0) {  // others come and go, and drain, too
       const auto over = std::make_shared<std::atomic<bool>>(false);
-      std::optional(subscribe(
-                        [over](auto&) {
-                          EXPECT_FALSE(*over);
-                          std::this_thread::yield();
-                          EXPECT_FALSE(*over);
-                        },
-                        1))
-          .reset();
-      *over = true;
+      const std::shared_ptr<void> at_the_end(nullptr, [over](void*) { *over = true; });
+      const auto comes_and_goes = subscribe(
+          [over](auto&) {
+            for (int i = 0; i < 20; ++i, std::this_thread::yield()) EXPECT_FALSE(*over);
+          },
+          1);
       inbox->Drain();
+      std::this_thread::yield();
     }
     for (auto& publisher : publishers) publisher.get();
     thread.reset();

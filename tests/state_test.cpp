@@ -29,7 +29,9 @@ TEST_F(Bridge, WatchersHaveTheNewestWhoeverComesFirst) {
   Numbers early, late, drained;
   const Watcher before(kState, AppendTo(early));
   EXPECT_FALSE(before.Newest() || before.WaitFor(milliseconds(0)));
-  auto wait = std::async(std::launch::async, [&] { return before.WaitFor(milliseconds(-1)); });
+  const Watcher waits(kState);
+  auto wait = std::async(std::launch::async, [&] { return waits.WaitFor(milliseconds(-1)); });
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();  // until it does, most likely
   TakeLog();
   std::optional<Holder<Value>> holder(kState);
   EXPECT_FALSE(Watcher(kState).Newest());
@@ -88,7 +90,7 @@ struct Watched {
     const bool any = least != decltype(least){};
     const auto see = [this](const Value& value) {
       EXPECT_GE(value.number, least[value.thread]);
-      std::this_thread::yield();
+      for (int i = 0; !last && i < 50; ++i) std::this_thread::yield();
       least[value.thread] = value.number + 1;
       last = &value;
     };
@@ -101,36 +103,41 @@ struct Watched {
 };
 
 TEST_F(Bridge, WhatWatchersSeeOnlyGrowsAndEndsWithTheLast) {
-  for (std::size_t round = 0; round < 200 && !HasFailure(); ++round) {
-    Watched::Numbers set{};
-    std::atomic<std::size_t> built{0};
-    Holder holder(kState);
-    Inbox inbox;
-    std::optional<zorvix::InboxThread> drains(inbox);
-    std::vector<std::future<void>> threads;
-    for (std::size_t thread = 0; thread <= round % 3; ++thread) {
-      threads.push_back(std::async(std::launch::async, [&, thread] {
-        do {  // the last one at about the time when the last watcher comes
-          holder.Set(Value(set[thread] + 1, thread));
-          ++set[thread];
-        } while (built < 3 + thread);
-      }));
-    }
-    std::deque<Watched> watched;
-    for (; built < 6; ++built) {
-      const bool odd = built % 2 != 0;
-      Watched(set, odd ? nullptr : &inbox);  // comes and goes
-      watched.emplace_back(set, odd ? &inbox : nullptr);
-    }
-    for (auto& thread : threads) thread.get();
-    drains.reset();
-    const auto last = Watcher(kState).Newest();
-    for (const auto& each : watched) {
-      EXPECT_EQ(each.watcher->Newest(), last);
-      EXPECT_EQ(each.last, last.get());
-    }
-    for (const auto& line : TakeLog()) EXPECT_EQ(line[0], 'I') << line;
+  constexpr int kRounds = 1000;
+  Holder holder(kState);
+  Inbox inbox;
+  std::optional<zorvix::InboxThread> drains(inbox);
+  Watched::Numbers set{};
+  std::atomic<int> round{0};
+  std::vector<std::future<void>> threads;
+  for (std::size_t thread = 0; thread < set.size(); ++thread) {
+    threads.push_back(std::async(std::launch::async, [&, thread] {
+      while (set[thread] < kRounds) {
+        while (set[thread] == round) std::this_thread::yield();
+        holder.Set(Value(set[thread] + 1, thread));
+        ++set[thread];
+      }
+    }));
   }
+  const Watched stays(set, nullptr), drained(set, &inbox);
+  while (round < kRounds && !HasFailure()) {
+    const bool at_once = ++round % 2 == 0;
+    const Watched comes(set, at_once ? nullptr : &inbox);
+    for (const auto& number : set) {
+      while (number < round) std::this_thread::yield();
+    }
+    const auto last = Watcher(kState).Newest();
+    for (const auto* each : {&stays, &drained, &comes}) {
+      EXPECT_EQ(each->watcher->Newest(), last);
+    }
+    EXPECT_EQ(stays.last, last.get());
+    EXPECT_TRUE(!at_once || comes.last == last.get());
+  }
+  round = kRounds;
+  threads.clear();
+  drains.reset();
+  EXPECT_EQ(drained.last, stays.last);
+  for (const auto& line : TakeLog()) EXPECT_EQ(line[0], 'I') << line;
 }
 
 }  // namespace
