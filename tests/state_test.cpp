@@ -112,26 +112,28 @@ TEST_F(Bridge, WhatWatchersSeeOnlyGrowsAndEndsWithTheLast) {
   std::vector<std::future<void>> threads;
   for (std::size_t thread = 0; thread < set.size(); ++thread) {
     threads.push_back(std::async(std::launch::async, [&, thread] {
-      while (set[thread] < kRounds) {
-        while (set[thread] == round) std::this_thread::yield();
-        holder.Set(Value(set[thread] + 1, thread));
-        ++set[thread];
+      for (int turn = 1; turn <= kRounds; ++turn) {
+        while (round < turn) std::this_thread::yield();
+        for (int number = 100 * turn - turn % 2 * 50; number <= 100 * turn; ++number) {
+          holder.Set(Value(number, thread));
+          set[thread] = number;
+        }
       }
     }));
   }
   const Watched stays(set, nullptr), drained(set, &inbox);
   while (round < kRounds && !HasFailure()) {
-    const bool at_once = ++round % 2 == 0;
-    const Watched comes(set, at_once ? nullptr : &inbox);
-    for (const auto& number : set) {
-      while (number < round) std::this_thread::yield();
+    ++round;
+    const Watched comes(set, round % 4 == 1 ? nullptr : &inbox);
+    std::vector<Watcher> come;  // one of them just when the last value is set
+    while (*std::min_element(set.begin(), set.end()) < 100 * round) {
+      if (come.size() == 4) come.clear();
+      come.emplace_back(kState);
     }
-    const auto last = Watcher(kState).Newest();
-    for (const auto* each : {&stays, &drained, &comes}) {
-      EXPECT_EQ(each->watcher->Newest(), last);
-    }
-    EXPECT_EQ(stays.last, last.get());
-    EXPECT_TRUE(!at_once || comes.last == last.get());
+    come.emplace_back(kState);
+    for (const auto& each : come) EXPECT_EQ(each.Newest(), come.back().Newest());
+    EXPECT_EQ(stays.last, come.back().Newest().get());
+    EXPECT_TRUE(round % 4 != 1 || comes.last == stays.last);
   }
   round = kRounds;
   threads.clear();
