@@ -35,6 +35,7 @@ class Walk {
   explicit Walk(unsigned seed) : random_(seed) {
     while (left_ > 0) Act();
     while (!readers_.empty()) Destroy();
+    Replace();
   }
 
  private:
