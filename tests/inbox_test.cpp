@@ -293,7 +293,7 @@ TEST_F(Bridge, QueuedSubscribersRunSideBySide) {
   const auto log = [](auto&) { Log("runs"); };
   const zorvix::Subscriber one(kTopics[0], log, Delivery::Queued);
   const zorvix::Subscriber two(kTopics[0], log, Delivery::Queued);
-  EXPECT_THROW(zorvix::Subscriber(kTopics[0], log, Delivery::Queued, Keep{0}),
+  EXPECT_THROW(zorvix::Subscriber none(kTopics[0], log, Delivery::Queued, Keep{0}),
                std::invalid_argument);
   const zorvix::Workers workers(2);
   HoldLog("runs");

@@ -127,7 +127,8 @@ TEST_F(Bridge, WhatWatchersSeeOnlyGrowsAndEndsWithTheLast) {
     ++round;
     const Watched comes(set, round % 4 == 1 ? nullptr : &inbox);
     std::vector<Watcher> come;  // one of them just when the last value is set
-    while (*std::min_element(set.begin(), set.end()) < 100 * round) {
+    const auto under_way = [&](const auto& number) { return number < 100 * round; };
+    while (std::any_of(set.begin(), set.end(), under_way)) {
       if (come.size() == 4) come.clear();
       come.emplace_back(kState);
     }
