@@ -2,6 +2,7 @@
 #ifndef ZORVIX_TESTS_MODULES_PAYLOAD_H_
 #define ZORVIX_TESTS_MODULES_PAYLOAD_H_
 
+#include <dlfcn.h>
 #include <zorvix/typed.h>
 
 #include <tuple>
@@ -19,31 +20,34 @@ inline auto Payloads() {
   return std::make_tuple(42, std::string("text"), std::vector<std::string>{"a", "b"}, Color::Red,
                          reading, std::optional<Reading>(reading));
 }
-constexpr int kPayloads = std::tuple_size_v<decltype(Payloads())>;
+constexpr int kExchanges = 2 * std::tuple_size_v<decltype(Payloads())>;
 
-// Calls `use` with the name and the value of each payload.
+// Calls `use` with the name, the value and the type of each exchange.
 template <typename Function>
-void ForEachPayload(Function use) {
+void ForEachExchange(Function use) {
   int number = 0;
-  std::apply([&](auto... payload) { (use("payload" + std::to_string(++number), payload), ...); },
-             Payloads());
+  const auto use_all = [&](auto type) {
+    std::apply(
+        [&](auto... payload) { (use("payload" + std::to_string(++number), payload, type), ...); },
+        Payloads());
+  };
+  using bridge::BridgeType;
+  use_all(std::integral_constant<BridgeType, BridgeType::Sync>());
+  use_all(std::integral_constant<BridgeType, BridgeType::Async>());
 }
 
+#define BIND(library, name) reinterpret_cast<decltype(&name)>(dlsym(library, #name))
 #define MODULE_EXPORT extern "C" __attribute__((visibility("default")))
 
-// Of the receiver: subscribes and serves; the number of payloads received right; leaves.
-MODULE_EXPORT void Start(bridge::BridgeType type);
-MODULE_EXPORT int Received();
-MODULE_EXPORT void Stop();
+// Publishes each payload and calls a service with it. Returns how many publications were accepted
+// and how many answers were right. `library` is the bridge's, for who is not linked with it.
+MODULE_EXPORT int Send(void* library);
 
-// Of senders: publishes each payload to a Sync or Async topic and calls a service with each.
-// Returns how many publications and calls were accepted. `library` is the bridge's, for dlsym.
-MODULE_EXPORT int Send(bridge::BridgeType type, void* library);
-MODULE_EXPORT int Answered();  // right
-
-// Of the modules with a state: sets it; returns the newest value, or 0; leaves.
-MODULE_EXPORT void Hold(int value);
-MODULE_EXPORT int Watch();
+// Only of modules that are linked with the bridge:
+MODULE_EXPORT void Receive();  // subscribes and serves
+MODULE_EXPORT int Received();  // returns the number of payloads received right
+MODULE_EXPORT void Hold(int);  // sets a state
+MODULE_EXPORT int Watch();     // returns its newest value, or 0
 MODULE_EXPORT void Leave();
 
 #endif  // ZORVIX_TESTS_MODULES_PAYLOAD_H_
