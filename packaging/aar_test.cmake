@@ -1,16 +1,5 @@
-# Unpacks the AAR, validates every field, builds a user's project from nothing but its contents and
-# runs it; a build of the same sources in another folder must give the same bytes.
-function(expect what actual expected)
-  if(NOT actual STREQUAL expected)
-    message(FATAL_ERROR "${what} is ${actual}, expected ${expected}")
-  endif()
-endfunction()
-function(expect_text path expected)
-  file(READ ${path} text)
-  if(NOT text MATCHES "${expected}")
-    message(FATAL_ERROR "${path} is not as expected: ${text}")
-  endif()
-endfunction()
+# Unpacks the AAR, builds a user's project from nothing but its contents and runs it; a build of the
+# same sources in another folder must give the same bytes.
 function(run)
   execute_process(COMMAND ${ARGV} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
@@ -22,7 +11,6 @@ string(REGEX REPLACE ".*Pkg.Revision *= *([0-9]+).*" "\\1" NDK "${NDK}")
 # The AAR that Gradle finds.
 set(artifact ${BUILD}/maven/com/quenmar/zorvix/${VERSION}/zorvix-${VERSION})
 run(${CMAKE_COMMAND} --build ${BUILD} --target aar)
-file(SHA256 ${artifact}.aar first)
 
 # The same sources in another folder, with the build folder at the same place among them.
 get_filename_component(source ${CMAKE_CURRENT_LIST_DIR} DIRECTORY)
@@ -39,35 +27,22 @@ endforeach()
 run(${CMAKE_COMMAND} -S ${other} -B ${other_build} ${android} -D${build_type}
     -DZORVIX_BUILD_EXAMPLES=OFF)
 run(${CMAKE_COMMAND} --build ${other_build} --target aar)
-file(SHA256 ${other_build}/zorvix-${VERSION}.aar second)
-expect("SHA256 of the AAR from another folder" ${second} ${first})
-
-expect_text(${artifact}.pom "<groupId>com.quenmar</groupId>.*<artifactId>zorvix</artifactId>.*<version>${VERSION}</version>.*<packaging>aar</packaging>")
+run(${CMAKE_COMMAND} -E compare_files ${artifact}.aar ${other_build}/zorvix-${VERSION}.aar)
 
 file(ARCHIVE_EXTRACT INPUT ${artifact}.aar DESTINATION ${WORK}/aar)
-set(module prefab/modules/zorvix)
-set(libs ${module}/libs/android.arm64-v8a)
-file(GLOB headers ${source}/common/zorvix/*.h ${source}/typed/zorvix/*.h)
-list(TRANSFORM headers REPLACE ".*/" "${module}/include/zorvix/")
-set(expected AndroidManifest.xml ${headers} ${libs}/abi.json ${libs}/libcom.quenmar.zorvix.so
-    ${module}/module.json prefab/prefab.json)
-list(SORT expected)
-file(GLOB_RECURSE files RELATIVE ${WORK}/aar ${WORK}/aar/*)
-expect("list of files" "${files}" "${expected}")
-
-function(expect_json path expected)
-  file(READ ${WORK}/aar/${path} json)
-  string(JSON equal EQUAL "${json}" "${expected}")
-  expect("${path} being ${expected}" ${equal} ON)
+set(libs ${WORK}/aar/prefab/modules/zorvix/libs/android.arm64-v8a)
+function(expect_text path expected)
+  file(READ ${path} text)
+  if(NOT text MATCHES "${expected}")
+    message(FATAL_ERROR "${path} has no ${expected}: ${text}")
+  endif()
 endfunction()
-expect_json(prefab/prefab.json
-  "{\"schema_version\": 2, \"name\": \"zorvix\", \"version\": \"${VERSION}\", \"dependencies\": []}")
-expect_json(${libs}/abi.json
-  "{\"abi\": \"arm64-v8a\", \"api\": ${API}, \"ndk\": ${NDK}, \"stl\": \"c++_shared\", \"static\": false}")
-expect_text(${WORK}/aar/AndroidManifest.xml
-  "package=\"com.quenmar.zorvix\".*minSdkVersion=\"${API}\"")
+expect_text(${artifact}.pom "<version>${VERSION}</version>")
+expect_text(${WORK}/aar/AndroidManifest.xml "minSdkVersion=\"${API}\"")
+expect_text(${WORK}/aar/prefab/prefab.json "\"version\": \"${VERSION}\"")
+expect_text(${libs}/abi.json "\"api\": ${API},.*\"ndk\": ${NDK},")
 
-file(SIZE ${WORK}/aar/${libs}/libcom.quenmar.zorvix.so stripped)
+file(SIZE ${libs}/libcom.quenmar.zorvix.so stripped)
 file(SIZE ${BUILD}/zorvix-${VERSION}-unstripped/libcom.quenmar.zorvix.so unstripped)
 if(NOT stripped LESS unstripped)
   message(FATAL_ERROR "the packed library is not stripped")
@@ -77,6 +52,6 @@ run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${WORK}/consumer $
     -DWAY=aar -DZORVIX_AAR=${WORK}/aar)
 run(${CMAKE_COMMAND} --build ${WORK}/consumer)
 if(EMULATOR)
-  file(COPY ${WORK}/aar/${libs}/libcom.quenmar.zorvix.so DESTINATION ${WORK}/consumer)
+  file(COPY ${libs}/libcom.quenmar.zorvix.so DESTINATION ${WORK}/consumer)
   run(${EMULATOR} ${WORK}/consumer/consumer)
 endif()
