@@ -9,16 +9,11 @@
 
 namespace {
 
-// Of this thread. The hook is called once, at the first allocation or at the first that is as large
-// as an earlier one.
+// Of this thread. The hook is called once, by the first allocation of a size that is in sizes,
+// where each allocation puts its own.
 thread_local std::size_t allocations = 0, failing = 0;  // the number of one that fails
 thread_local std::bitset<1000> sizes;
 thread_local void (*hook)() = nullptr;
-
-void HookAllocation(bool first, void (*function)()) {
-  first ? sizes.set() : sizes.reset();
-  hook = function;
-}
 
 }  // namespace
 
@@ -52,8 +47,7 @@ TEST_F(Bridge, DeliveryAtOnceAllocatesNothingAndOneShotsNoMoreThanOthers) {
   }
   EXPECT_EQ(by_type[0], 0u);
   EXPECT_LE(by_type[2], by_type[1] + 1) << "a block of the queue may begin in one of them";
-  auto& service = Service(name, BridgeType::Sync);
-  ZorvixRegisterServer(service, Server([](auto&, auto&) {}));
+  auto& service = Service(name, BridgeType::Sync, Server([](auto&, auto&) {}));
   bridge::RequestCallback request = Request;
   allocations = 0;
   EXPECT_TRUE(ZorvixCall(service, std::move(request)));
@@ -66,7 +60,8 @@ TEST_F(Bridge, TasksPostedBeforeAFailureAreRun) {
   const zorvix::Workers workers(1);
   for (std::size_t round = 1; round <= 20; ++round) {  // most of which find the worker asleep
     WaitForLog("Spin loop once lock.", round);
-    HookAllocation(false, [] { throw std::bad_alloc(); });
+    sizes.reset();
+    hook = [] { throw std::bad_alloc(); };
     EXPECT_THROW(ZorvixPublish(topic, 1), std::bad_alloc);
     WaitForLog("ran", round);
   }
@@ -77,22 +72,21 @@ TEST_F(Bridge, TasksPostedBeforeAFailureAreRun) {
 TEST_F(Bridge, OneShotsAreUsedUpBeforeTheyQueueAndCallsWakeAllWorkers) {
   const auto log = Subscriber([](auto&) { Log("held, running"); });
   const auto server = Server([](auto&, auto&) { Log("held, running"); });
-  const auto hold = [] { Log("held, allocating"); };
+  const auto hold = +[] { Log("held, allocating"); };
   auto& topic = Subscribed("t", BridgeType::SignleAsync, {log, log});
-  auto& one_shot = Service("s", BridgeType::SignleAsync);
-  auto& service = Service("s", BridgeType::Async);
-  ZorvixRegisterServer(one_shot, server);
-  ZorvixRegisterServer(service, server);
+  auto& one_shot = Service("s", BridgeType::SignleAsync, server);
+  auto& service = Service("s", BridgeType::Async, server);
   const zorvix::Workers workers(2);
   WaitForLog("Spin loop once lock.", 2);
   HoldLog("held");
   const auto publication = std::async(std::launch::async, [&] {
-    HookAllocation(false, hold);
+    hook = hold;
     EXPECT_TRUE(ZorvixPublish(topic, 1));
   });
   const auto call = std::async(std::launch::async, [&] {
     bridge::RequestCallback request = Request;
-    HookAllocation(true, hold);
+    sizes.set();
+    hook = hold;
     EXPECT_TRUE(ZorvixCall(one_shot, std::move(request)));
   });
   WaitForLog("held, allocating", 2);
@@ -115,68 +109,41 @@ TEST_F(Bridge, HandleThatCannotBeBuiltLeavesNothingBehind) {
   const zorvix::Topic<int, BridgeType::Async> queued{name};
   const zorvix::Service<int, int> service{name};
   const zorvix::State<int> state{name};
-  bool built = false;
-  const auto made = [&] {  // from here on all goes well
-    built = true;
-    failing = 0;
+  const Endpoint ends[] = {End(name, BridgeModule::Topic, BridgeType::Sync),
+                           End(name, BridgeModule::Topic, BridgeType::Async),
+                           End(name, BridgeModule::Service, BridgeType::Sync),
+                           End(name, BridgeModule::Service, BridgeType::Async)};
+  const auto row = [&](auto build) -> std::function<void()> {
+    return [build] {
+      const auto handle = build();
+      failing = 0;
+    };
   };
-  const std::function<void()> rows[] = {[&] {
-                                          const zorvix::Publisher handle(topic);
-                                          made();
-                                        },
-                                        [&] {
-                                          const zorvix::Subscriber handle(topic, fail);
-                                          made();
-                                        },
-                                        [&] {
-                                          const zorvix::Subscriber handle(topic, fail,
-                                                                          zorvix::Delivery::Queued);
-                                          made();
-                                        },
-                                        [&] {
-                                          const zorvix::Subscriber handle(topic, fail, inbox);
-                                          made();
-                                        },
-                                        [&] {
-                                          const zorvix::Subscriber handle(queued, fail);
-                                          made();
-                                        },
-                                        [&] {
-                                          const zorvix::Server handle(service, fail);
-                                          made();
-                                        },
-                                        [&] {
-                                          const zorvix::Client handle(service);
-                                          made();
-                                        },
-                                        [&] {
-                                          const zorvix::Holder<int> handle(state);
-                                          made();
-                                        },
-                                        [&] {
-                                          const zorvix::Watcher handle(state, fail, inbox);
-                                          made();
-                                        }};
-  for (const auto& row : rows) {
-    built = false;
+  const std::function<void()> rows[] = {
+      row([&] { return zorvix::Publisher(topic); }),
+      row([&] { return zorvix::Subscriber(topic, fail); }),
+      row([&] { return zorvix::Subscriber(topic, fail, zorvix::Delivery::Queued); }),
+      row([&] { return zorvix::Subscriber(topic, fail, inbox); }),
+      row([&] { return zorvix::Subscriber(queued, fail); }),
+      row([&] { return zorvix::Server(service, fail); }),
+      row([&] { return zorvix::Client(service); }),
+      row([&] { return zorvix::Holder<int>(state); }),
+      row([&] { return zorvix::Watcher(state, fail, inbox); })};
+  for (const auto& build : rows) {
+    bool built = false;
     for (std::size_t next = 1; !built; ++next) {
-      SCOPED_TRACE(testing::Message() << "row " << &row - rows << ", allocation " << next);
+      SCOPED_TRACE(testing::Message() << "row " << &build - rows << ", allocation " << next);
       failing = next;
       allocations = 0;
       try {
-        row();
+        build();
+        built = true;
       } catch (const std::bad_alloc&) {
         failing = 0;
       }
-      for (const auto type : {BridgeType::Sync, BridgeType::Async}) {
-        Endpoint ends[] = {
-            std::make_shared<bridge::Control>(bridge::Control{name, BridgeModule::Topic, type}),
-            std::make_shared<bridge::Control>(bridge::Control{name, BridgeModule::Service, type})};
-        TakeLog();
-        ZorvixUnregisterPublisher(ends[0]);
-        ZorvixUnregisterClient(ends[1]);
-        EXPECT_EQ(Count(TakeLog(), "E: Unregister"), 2u) << "no such name";
-      }
+      TakeLog();
+      for (auto end : ends) ZorvixUnregisterPublisher(end);
+      EXPECT_EQ(Count(TakeLog(), "E: Unregister"), 4u) << "no such names";
       ZorvixSpinOnce();
       EXPECT_EQ(inbox.Drain(), 0u);
       EXPECT_EQ(owned.use_count(), owners);

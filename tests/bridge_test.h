@@ -38,22 +38,23 @@ inline void Request(const ServerFunction& serve) {
   serve(1, response);
 }
 
+inline Endpoint End(const std::string& name, BridgeModule module, BridgeType type) {
+  return std::make_shared<bridge::Control>(bridge::Control{name, module, type});
+}
+
 // Owns the endpoints that a test makes and takes them out of the bridge at its end, with their
 // subscribers and servers. The flat functions call the methods, so tests use them for both.
 class Bridge : public testing::Test {
  protected:
-  Endpoint& Topic(const std::string& name, BridgeType type) {
-    return Make({name, BridgeModule::Topic, type});
-  }
-  Endpoint& Service(const std::string& name, BridgeType type) {
-    return Make({name, BridgeModule::Service, type});
-  }
-  Endpoint& Make(const bridge::Control& control) {
-    return endpoints_.emplace_back(std::make_shared<bridge::Control>(control));
+  Endpoint& Service(const std::string& name, BridgeType type,
+                    const bridge::ServerCallback& server = nullptr) {
+    auto& service = endpoints_.emplace_back(End(name, BridgeModule::Service, type));
+    if (server) ZorvixRegisterServer(service, server);
+    return service;
   }
   Endpoint& Subscribed(const std::string& name, BridgeType type,
-                       std::initializer_list<bridge::SubscriberCallback> callbacks) {
-    auto& topic = Topic(name, type);
+                       const std::vector<bridge::SubscriberCallback>& callbacks) {
+    auto& topic = endpoints_.emplace_back(End(name, BridgeModule::Topic, type));
     for (const auto& callback : callbacks) ZorvixRegisterSubscriber(topic, callback);
     return topic;
   }

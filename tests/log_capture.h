@@ -13,9 +13,6 @@ using Lines = std::vector<std::string>;
 // "E(FILE:LINE): text" if not. One with another tag or outer format is marked.
 Lines TakeLog();
 
-// Returns how many lines have been logged since the last TakeLog, fit for polling.
-std::size_t LogCount();
-
 // Blocks until `count` lines that contain `text` have been logged since the last TakeLog.
 void WaitForLog(const std::string& text, std::size_t count = 1);
 

@@ -12,13 +12,12 @@
 namespace {
 
 using bridge::Control;
-using bridge::SubscriberCallback;
+using SubscriberFunction = bridge::SubscriberCallback::element_type;
 
 struct Operation {
   char kind;  // as in Real
   Endpoint& end;
-  SubscriberCallback subscriber;
-  bridge::ServerCallback server;
+  std::shared_ptr<void> receiver;  // a ServerFunction for V, else a SubscriberFunction
   std::any message;
   bridge::RequestCallback request;
   unsigned long number;
@@ -28,22 +27,25 @@ struct Operation {
 struct Real {
   static bool Do(Operation& op) {
     auto& bridge = Zorvix::GetInstance();
+    const auto subscriber = std::static_pointer_cast<SubscriberFunction>(op.receiver);
+    const auto server = std::static_pointer_cast<ServerFunction>(op.receiver);
     if (op.kind == 'P') ZorvixRegisterPublisher(op.end);
     if (op.kind == 'p') ZorvixUnregisterPublisher(op.end);
     if (op.kind == 'C') ZorvixRegisterClient(op.end);
     if (op.kind == 'c') ZorvixUnregisterClient(op.end);
-    if (op.kind == 'S') ZorvixRegisterSubscriber(op.end, op.subscriber);
-    if (op.kind == 's') ZorvixUnregisterSubscriber(op.end, Handle(op.subscriber));
-    if (op.kind == 'V') ZorvixRegisterServer(op.end, op.server);
+    if (op.kind == 'S') ZorvixRegisterSubscriber(op.end, subscriber);
+    if (op.kind == 's') ZorvixUnregisterSubscriber(op.end, Handle(subscriber));
+    if (op.kind == 'V') ZorvixRegisterServer(op.end, server);
     if (op.kind == 'v' && op.number == 0) ZorvixUnregisterServer(op.end);
     if (op.kind == 'v' && op.number != 0) bridge.UnregisterServer(op.end, op.number);
-    if (op.kind == 'a') bridge.SignleAsyncAutoRemove(op.end, op.subscriber);
+    if (op.kind == 'a') bridge.SignleAsyncAutoRemove(op.end, subscriber);
     if (op.kind == '*') op.number == 0 ? ZorvixSpinOnce() : bridge.SpinOnce();
     if (op.kind == '1') return ZorvixRunOneceStep();
     if (op.kind == '!') return ZorvixPublish(op.end, std::move(op.message));
     return op.kind == '?' && ZorvixCall(op.end, std::move(op.request));
   }
-  static void Note(const std::string& text) { bridge::WriteLog(4, "walk", 0, "%s", text.c_str()); }
+  static constexpr int kNoteLine = __LINE__ + 1;
+  static void Note(const std::string& text) { BRIDGE_LOG(bridge::kLogInfo, "%s", text.c_str()); }
   static Lines TakeLog() { return ::TakeLog(); }
 };
 
@@ -52,44 +54,38 @@ class Model {
  public:
   bool Do(Operation& op) {
     if (op.kind == '1') return RunOne();
-    while (op.kind == '*' && RunOne()) {
-    }
+    for (bool more = op.kind == '*'; more;) more = RunOne();
     if (std::strchr("*=0", op.kind)) return false;
-    if (op.kind == 'a') return DropOneShot(op.end.get(), op.subscriber.get()), false;
+    if (op.kind == 'a') return DropOneShot(op.end.get(), op.receiver);
     const auto failed = (op.kind == 'p' || op.kind == 'c' ? "W: " : "E: ") + Failed(op.kind);
     if (!op.end) return Say(failed + "control is nullptr!");
     if (op.kind == '!' && !op.message.has_value()) return Say(failed + "message is empty!");
-    if ((op.kind == 'S' && !op.subscriber) || (op.kind == 'V' && !op.server))
-      return Say(failed + "callback is nullptr!");
+    if (std::strchr("SV", op.kind) && !op.receiver) return Say(failed + "callback is nullptr!");
     const auto name = Name(*op.end);
     if (std::isalpha(op.kind)) return std::isupper(op.kind) ? Join(op, name) : Leave(op, name);
     return Deliver(op, name);
   }
   bool Say(const std::string& text, const std::string& name = "") {  // up to its first zero byte
-    log_.push_back((text + name.c_str()).substr(0, 3 + 1023));
-    return false;
+    return log_.push_back((text + name.c_str()).substr(0, 3 + 1023)), false;
   }
-  void Note(const std::string& text) { Say("I(walk:0): " + text); }
+  void Note(const std::string& text) {
+    Say("I(walk_test.cpp:" + std::to_string(Real::kNoteLine) + "): ", text);
+  }
   Lines TakeLog() { return std::exchange(log_, {}); }
 
  private:
-  struct Receiver {
-    const void* handle;
-    std::function<void(const std::any&, const bridge::RequestCallback&)> run;
-  };
+  using Receiver = std::shared_ptr<void>;
 
   bool Join(Operation& op, const std::string& name) {
     auto& entry = names_.try_emplace(name, op.end).first->second;
     if (entry.expired()) Say("W: register control is expired!"), entry = op.end;
     op.end = entry.lock();
+    if (!std::strchr("SV", op.kind)) return false;
     auto& receivers = receivers_[{op.end.get(), op.kind}];
-    if (op.kind == 'S')
-      receivers.push_back(
-          {op.subscriber.get(), [run = op.subscriber](auto& message, auto&) { (*run)(message); }});
-    if (op.kind != 'V') return false;
-    if (!receivers.empty()) Say("W: callback is motified, real_name: ", name);
-    receivers = {{op.server.get(), [run = op.server](auto&, auto& request) { request(*run); }}};
-    return false;
+    receivers.push_back(op.receiver);
+    if (op.kind == 'S' || receivers.size() == 1) return false;
+    receivers.pop_front();
+    return Say("W: callback is motified, real_name: ", name);
   }
   bool Leave(Operation& op, const std::string& name) {
     const std::string what = op.kind == 's' || op.kind == 'p' ? "real_topic_name: " : "real_name: ";
@@ -106,7 +102,7 @@ class Model {
     if (op.kind == 'p' || op.kind == 'c') return false;
     if (receivers.empty())
       return Say("I: callback not find, maybe has been unregistered, " + what, name);
-    Remove(receivers, op.kind == 'v' ? receivers.front().handle : op.subscriber.get());
+    op.kind == 'v' ? receivers.clear() : receivers.remove(op.receiver);
     if (op.kind == 'v') return Say("I: callback has been unregistered, " + what, name);
     return receivers.empty() && Say("I: callback_list has been clear, " + what, name);
   }
@@ -117,34 +113,26 @@ class Model {
     if (receivers.empty())
       return call ? Say("W: Call failed, no server, server_name: ", name)
                   : Say("W: Publish failed, no subscriber, name: ", op.end->name);
-    for (const auto& receiver : receivers)
-      DropOneShot(op.end.get(), call ? nullptr : receiver.handle);
+    for (const auto& receiver : receivers) DropOneShot(op.end.get(), call ? nullptr : receiver);
     if (type < BridgeType::Sync || type > BridgeType::SignleAsync)
       return Say("E: Call failed, bridge_type is invalid!");
     for (const auto& receiver : receivers) {
-      if (type == BridgeType::Sync) {
-        Run(receiver, op.message, op.request, name);
-        continue;
-      }
+      if (type == BridgeType::Sync) Run(call, receiver, op.message, op.request, name);
+      if (type == BridgeType::Sync) continue;
       if (queue_.size() == 100) Say("W: event queue overflow, size: 100"), queue_.pop_front();
-      queue_.push_back([=, message = std::exchange(op.message, {}),
-                        request = std::exchange(op.request, {}),
-                        name = std::exchange(name, "")] { Run(receiver, message, request, name); });
+      queue_.push_back(
+          [=, message = std::exchange(op.message, {}), request = std::exchange(op.request, {}),
+           name = std::exchange(name, "")] { Run(call, receiver, message, request, name); });
     }
     return true;
   }
-  bool DropOneShot(const Control* control, const void* handle) {
+  bool DropOneShot(const Control* control, const Receiver& subscriber) {
     if (control == nullptr) return Say("E: control is nullptr!");
     if (control->bridge_type != BridgeType::SignleAsync) return false;
-    if (control->bridge_module == BridgeModule::Service)
-      return receivers_.erase({control, 'V'}) != 0;
-    if (control->bridge_module == BridgeModule::Topic && handle != nullptr)
-      return Remove(receivers_[{control, 'S'}], handle);
-    return Say("E: bridge_module is invalid!");
-  }
-  static bool Remove(std::list<Receiver>& receivers, const void* handle) {
-    receivers.remove_if([=](auto& receiver) { return receiver.handle == handle; });
-    return true;
+    const auto module = control->bridge_module;
+    if (module == BridgeModule::Service) return receivers_[{control, 'V'}].clear(), false;
+    if (module != BridgeModule::Topic || !subscriber) return Say("E: bridge_module is invalid!");
+    return receivers_[{control, 'S'}].remove(subscriber), false;
   }
   bool RunOne() {
     if (queue_.empty()) return false;
@@ -153,37 +141,35 @@ class Model {
     Say("I: event queue size: " + std::to_string(queue_.size()));
     return task(), true;
   }
-  void Run(const Receiver& receiver, const std::any& message,
+  void Run(bool call, const Receiver& receiver, const std::any& message,
            const bridge::RequestCallback& request, const std::string& name) {
     const std::string macro = "_LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION";
     const auto who = std::string(", real_name: ") + name.c_str() +
-                     ", callback_handle: " + testing::PrintToString(receiver.handle);
+                     ", callback_handle: " + testing::PrintToString(receiver.get());
     try {
-      receiver.run(message, request);
+      call ? request(*static_cast<ServerFunction*>(receiver.get()))
+           : (*static_cast<SubscriberFunction*>(receiver.get()))(message);
     } catch (const std::bad_cast& error) {
-      Say(std::string("E: error: ") + error.what() + ", " + macro + ": 2" + who +
-          ". make sure that the compiler macro " + macro + "=2");
+      Say("E: error: ", error.what() + (", " + macro + ": 2") + who +
+                            ". make sure that the compiler macro " + macro + "=2");
     } catch (const std::exception& error) {
-      Say(std::string("E: callback failed! error: ") + error.what() + who);
+      Say("E: callback failed! error: ", error.what() + who);
     }
   }
   std::string Name(const Control& control) {
-    static constexpr const char *kModules[] = {"/Topic", "/Service", "/Unknown"},
-                                *kTypes[] = {"/Sync", "/Async", "/SignleAsync", "/Unknown"};
     const auto module = std::min(static_cast<unsigned>(control.bridge_module), 2u);
     const auto type = std::min(static_cast<unsigned>(control.bridge_type), 3u);
     if (module == 2) Say("E(zorvix.h): Unknown BridgeModule!");
     if (type == 3) Say("E(zorvix.h): Unknown BridgeType!");
-    return control.name + kModules[module] + kTypes[type];
+    return control.name + Lines{"/Topic", "/Service", "/Unknown"}[module] +
+           Lines{"/Sync", "/Async", "/SignleAsync", "/Unknown"}[type];
   }
 
   static std::string Failed(char kind) {
-    static const std::map<int, std::string> ends{
-        {'P', "Publisher"}, {'C', "Client"}, {'S', "Subscriber"}, {'V', "Server"}};
-    if (kind == '!') return "Publish failed, ";
-    if (kind == '?') return "Call failed, ";
-    return (std::isupper(kind) ? "Register" : "Unregister") + ends.at(std::toupper(kind)) +
-           " failed, ";
+    const auto end = std::string_view("PCSV!?").find(static_cast<char>(std::toupper(kind)));
+    const std::string verb = end > 3 ? "" : std::isupper(kind) ? "Register" : "Unregister";
+    const Lines ends{"Publisher", "Client", "Subscriber", "Server", "Publish", "Call"};
+    return verb + ends[end] + " failed, ";
   }
 
   Lines log_;
@@ -275,9 +261,10 @@ class Walk {
 
   void Operate(char kind) {
     --left_;
-    Operation op{kind, ends_[Below(6)], {}, {}, {}, {}, Below(2)};
-    if (const auto i = Below(5); i < 4) op.subscriber = {shares_[i], &subscribers[i]};
-    if (const auto i = Below(4); i < 3) op.server = {shares_[4 + i], &servers[i]};
+    Operation op{kind, ends_[Below(6)], {}, {}, {}, Below(2)};
+    const auto i = Below(5);
+    if (kind == 'V' && i < 3) op.receiver = {shares_[4 + i], &servers[i]};
+    if (kind != 'V' && i < 4) op.receiver = {shares_[i], &subscribers[i]};
     if (kind == '!' && Below(16) > 0) op.message = Payload(shares_[7]);
     if (kind == '?' && Below(16) > 0) {
       op.request = [this, payload = Payload(shares_[7])](auto& serve) {
@@ -322,11 +309,6 @@ TEST_F(Bridge, DoesWhatTheModelDoes) {
       ASSERT_EQ(model.Step(most), real.back().Step(most)) << "ZORVIX_WALK_SEED=" << seed;
     }
   }
-}
-
-TEST_F(Bridge, LogLinesOfUsersCarryTheirPosition) {
-  BRIDGE_LOG(bridge::kLogWarn, "%d%%", 1);
-  EXPECT_EQ(TakeLog(), Lines{"W(walk_test.cpp:" + std::to_string(__LINE__ - 1) + "): 1%"});
 }
 
 }  // namespace
