@@ -13,26 +13,23 @@ using bridge::BridgeModule;
 using bridge::BridgeType;
 using bridge::Zorvix;
 using Endpoint = std::shared_ptr<const bridge::Control>;
+using SubscriberFunction = std::function<void(const std::any&)>;
 using ServerFunction = std::function<void(const std::any&, std::any&)>;
 
 inline void Log(const char* text) { BRIDGE_LOG(bridge::kLogInfo, "%s", text); }
 
-template <typename Function>
-bridge::SubscriberCallback Subscriber(Function function) {
-  return std::make_shared<std::function<void(const std::any&)>>(std::move(function));
+inline bridge::SubscriberCallback Subscriber(SubscriberFunction function) {
+  return std::make_shared<SubscriberFunction>(std::move(function));
 }
 
-template <typename Function>
-bridge::ServerCallback Server(Function function) {
+inline bridge::ServerCallback Server(ServerFunction function) {
   return std::make_shared<ServerFunction>(std::move(function));
 }
 
-template <typename Callback>
-unsigned long Handle(const Callback& callback) {
+inline unsigned long Handle(const bridge::SubscriberCallback& callback) {
   return reinterpret_cast<unsigned long>(callback.get());
 }
 
-// A request that calls the server with a number and forgets the response.
 inline void Request(const ServerFunction& serve) {
   std::any response;
   serve(1, response);
@@ -43,7 +40,7 @@ inline Endpoint End(const std::string& name, BridgeModule module, BridgeType typ
 }
 
 // Owns the endpoints that a test makes and takes them out of the bridge at its end, with their
-// subscribers and servers. The flat functions call the methods, so tests use them for both.
+// subscribers and servers.
 class Bridge : public testing::Test {
  protected:
   Endpoint& Service(const std::string& name, BridgeType type,
@@ -61,10 +58,9 @@ class Bridge : public testing::Test {
 
   void SetUp() override { TakeLog(); }
   void TearDown() override {
-    for (auto& endpoint : endpoints_) {
-      Endpoint server = endpoint;
-      ZorvixUnregisterServer(server);
-      ZorvixUnregisterSubscriber(endpoint, 0);
+    for (auto& end : endpoints_) {
+      const bool topic = end->bridge_module == BridgeModule::Topic;
+      topic ? ZorvixUnregisterSubscriber(end, 0) : ZorvixUnregisterServer(end);
     }
   }
 
