@@ -16,6 +16,12 @@ using Endpoint = std::shared_ptr<const bridge::Control>;
 using SubscriberFunction = std::function<void(const std::any&)>;
 using ServerFunction = std::function<void(const std::any&, std::any&)>;
 
+// Where a test's walks begin: as a failure says it, to walk again as in that.
+inline unsigned Seed(unsigned otherwise) {
+  const char* const given = std::getenv("ZORVIX_SEED");
+  return given ? static_cast<unsigned>(std::stoul(given)) : otherwise;
+}
+
 inline void Log(const char* text) { BRIDGE_LOG(bridge::kLogInfo, "%s", text); }
 
 inline bridge::SubscriberCallback Subscriber(SubscriberFunction function) {

@@ -296,12 +296,12 @@ class Walk {
 
 TEST_F(Bridge, DoesWhatTheModelDoes) {
   static std::list<Walk<Real>> real;  // kept, since their Controls have callbacks in the bridge
-  for (unsigned seed = 0; seed < 12; ++seed) {
+  for (unsigned seed = Seed(0), end = seed + 12; seed != end; ++seed) {
     real.emplace_back(seed);
     Walk<Model> model(seed);
     for (int step = 3000; step >= 0; --step) {
       const int most = step > 0 ? 30 : 0;
-      ASSERT_EQ(model.Step(most), real.back().Step(most)) << "seed " << seed;
+      ASSERT_EQ(model.Step(most), real.back().Step(most)) << "ZORVIX_SEED=" << seed;
     }
   }
 }
