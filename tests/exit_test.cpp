@@ -1,6 +1,10 @@
-// A process that never used the bridge before ends with workers that are still there.
+// A process ends with workers that are still there, in an object older than its first use of the
+// bridge.
 #include <zorvix/typed.h>
+#include <zorvix/zorvix_flat.h>
 
 static const zorvix::Workers workers(2);
 
-int main() {}
+int main() {
+  while (!ZorvixIsSpin()) std::this_thread::yield();
+}
