@@ -310,7 +310,6 @@ TEST_F(Bridge, InboxThreadRunsWhatWaitsAndDiesOfItsOwnCallable) {
     thread.reset();
     EXPECT_EQ(ran, i + 1);
   }
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto die = [] {
     Inbox inbox;
     std::optional<InboxThread> thread(inbox);
