@@ -1,5 +1,5 @@
-// What the handles beside this header are made of: participants of a name, and the gate that lets
-// no callable run once its handle has gone. Not for users.
+// The gate that lets no callable run once its handle has gone, and what all headers beside this one
+// need. Not for users.
 #ifndef ZORVIX_GATE_H_
 #define ZORVIX_GATE_H_
 

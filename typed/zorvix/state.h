@@ -7,9 +7,11 @@
 //
 // A watcher built after Set has returned has that value or a newer one when its constructor
 // returns; one that comes before the holder has what is set later. Setting an equal value again is
-// news, too. Values are shared by all watchers, not copied. A watcher keeps what it has when the
-// holder goes; later ones have nothing until there is another, whose values are newer. A watcher
-// without a holder leaves a WARN of the call that nobody answers.
+// news, too. A watcher keeps what it has when the holder goes; later ones have nothing until there
+// is another, whose values are newer. One that finds no holder logs a WARN that nobody answers.
+//
+// Values are shared by all, not copied, and destroyed by the code of the module that set them: it
+// must not be unloaded while anybody has one.
 #ifndef ZORVIX_STATE_H_
 #define ZORVIX_STATE_H_
 
