@@ -22,7 +22,7 @@ inline unsigned Seed(unsigned otherwise) {
   return given ? static_cast<unsigned>(std::stoul(given)) : otherwise;
 }
 
-inline void Log(const char* text) { BRIDGE_LOG(bridge::kLogInfo, "%s", text); }
+inline void Log(const std::string& text) { BRIDGE_LOG(bridge::kLogInfo, "%s", text.c_str()); }
 
 inline bridge::SubscriberCallback Subscriber(SubscriberFunction function) {
   return std::make_shared<SubscriberFunction>(std::move(function));

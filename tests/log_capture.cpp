@@ -38,11 +38,15 @@ extern "C" ZORVIX_EXPORT int __android_log_print(int priority, const char* tag, 
     line += va_arg(arguments, const char*);
   }
   va_end(arguments);
+  AddLine(line);
+  return 1;
+}
+
+void AddLine(const std::string& line) {
   std::unique_lock lock(Log().mutex);
   Log().lines.push_back(line);
   Log().changed.notify_all();
   Log().changed.wait(lock, [&] { return Log().held.empty() || Count({line}, Log().held) == 0; });
-  return 1;
 }
 
 Lines TakeLog() {

@@ -13,6 +13,9 @@ using Lines = std::vector<std::string>;
 // "E(FILE:LINE): text" if not. One with another tag or outer format is marked.
 Lines TakeLog();
 
+// Adds a line to them, as if it had been logged.
+void AddLine(const std::string& line);
+
 // Blocks until `count` lines that contain `text` have been logged since the last TakeLog.
 void WaitForLog(const std::string& text, std::size_t count = 1);
 

@@ -41,9 +41,6 @@ struct Real {
     if (op.kind == '!') return ZorvixPublish(op.end, std::move(op.message));
     return op.kind == '?' && ZorvixCall(op.end, std::move(op.request));
   }
-  static constexpr int kNoteLine = __LINE__ + 1;
-  static void Note(const std::string& text) { BRIDGE_LOG(bridge::kLogInfo, "%s", text.c_str()); }
-  static Lines TakeLog() { return ::TakeLog(); }
 };
 
 // The same as the bridge's header tells it, for one thread.
@@ -63,12 +60,8 @@ class Model {
     return Deliver(op, name);
   }
   bool Say(const std::string& text, const std::string& name = "") {  // up to its first zero byte
-    return log_.push_back((text + name.c_str()).substr(0, 3 + 1023)), false;
+    return AddLine((text + name.c_str()).substr(0, 3 + 1023)), false;
   }
-  void Note(const std::string& text) {
-    Say("I(walk_test.cpp:" + std::to_string(Real::kNoteLine) + "): ", text);
-  }
-  Lines TakeLog() { return std::exchange(log_, {}); }
 
  private:
   using Receiver = std::shared_ptr<void>;
@@ -169,7 +162,6 @@ class Model {
     return verb + ends[end] + " failed, ";
   }
 
-  Lines log_;
   std::map<std::string, std::weak_ptr<const Control>> names_;
   std::map<std::pair<const Control*, int>, std::list<Receiver>> receivers_;  // by S or V
   std::list<bridge::Task> queue_;
@@ -219,7 +211,7 @@ class Walk {
     react = [this](const std::string& what) { React(what); };
     Operate(operations == 0 ? '*' : Choose());
     std::string result;
-    for (const auto& line : subject_.TakeLog()) result += line + '\n';
+    for (const auto& line : TakeLog()) result += line + '\n';
     for (const auto& share : shares_) result += std::to_string(share.use_count()) + " shares ";
     for (const auto& control : alive_) result += std::to_string(control.use_count()) + " owners ";
     return result;
@@ -234,7 +226,7 @@ class Walk {
   }
 
   void React(const std::string& what) {
-    subject_.Note(what);
+    Log(what);
     for (auto i = Below(3); i > 0 && left_ > 0; --i) Operate(Choose());
     const auto fate = left_ > 0 ? Below(12) : 12;
     if (fate < 2) throw std::runtime_error("bad luck");
@@ -268,7 +260,7 @@ class Walk {
         React("request to server " + std::to_string(&serve - servers));
         std::any response;
         serve(42, response);
-        subject_.Note("answer " + std::to_string(std::any_cast<int>(response)));
+        Log("answer " + std::to_string(std::any_cast<int>(response)));
       };
     }
     if (!op.end && Below(std::isupper(kind) ? 16 : 3) > 0) op.end = Describe();
@@ -281,7 +273,7 @@ class Walk {
       note += " throws";
     }
     note += op.message.has_value() || op.request ? " keeps " : " ";
-    subject_.Note(note + std::to_string(op.end ? op.end.get() - controls_ : -1));
+    Log(note + std::to_string(op.end ? op.end.get() - controls_ : -1));
   }
 
   std::mt19937 random_;
