@@ -85,34 +85,28 @@ TEST_F(Bridge, HandleThatCannotBeBuiltLeavesNothingBehind) {
   const zorvix::Topic<int, BridgeType::Async> queued{name};
   const zorvix::Service<int, int> service{name};
   const zorvix::State<int> state{name};
-  const auto row = [&](auto build) -> std::function<void()> {
-    return [build] {
-      const auto handle = build();
-      failing = 0;
-    };
-  };
+  const auto built = [](const auto&) { failing = 0; };
   const std::function<void()> rows[] = {
-      row([&] { return zorvix::Publisher(topic); }),
-      row([&] { return zorvix::Subscriber(topic, fail); }),
-      row([&] { return zorvix::Subscriber(topic, fail, zorvix::Delivery::Queued); }),
-      row([&] { return zorvix::Subscriber(topic, fail, inbox); }),
-      row([&] { return zorvix::Subscriber(queued, fail); }),
-      row([&] { return zorvix::Server(service, fail); }),
-      row([&] { return zorvix::Client(service); }),
-      row([&] { return zorvix::Holder<int>(state); }),
-      row([&] { return zorvix::Watcher(state, fail, inbox); })};
+      [&] { built(zorvix::Publisher(topic)); },
+      [&] { built(zorvix::Subscriber(topic, fail)); },
+      [&] { built(zorvix::Subscriber(topic, fail, zorvix::Delivery::Queued)); },
+      [&] { built(zorvix::Subscriber(topic, fail, inbox)); },
+      [&] { built(zorvix::Subscriber(queued, fail)); },
+      [&] { built(zorvix::Server(service, fail)); },
+      [&] { built(zorvix::Client(service)); },
+      [&] { built(zorvix::Holder<int>(state)); },
+      [&] { built(zorvix::Watcher(state, fail, inbox)); }};
   for (const auto& build : rows) {
-    bool built = false;
-    for (std::size_t next = 1; !built; ++next) {
+    bool more = true;
+    for (std::size_t next = 1; more; ++next) {
       SCOPED_TRACE(testing::Message() << "row " << &build - rows << ", allocation " << next);
-      failing = next;
       allocations = 0;
+      failing = next;
       try {
         build();
-        built = true;
       } catch (const std::bad_alloc&) {
-        failing = 0;
       }
+      more = std::exchange(failing, 0) != 0;
       TakeLog();
       for (const int i : {0, 1, 2, 3}) {
         auto end = End(name, BridgeModule{i / 2}, BridgeType{i % 2});

@@ -12,8 +12,7 @@ const zorvix::Service<int, int, BridgeType::Async> kQueuedService{"s"};
 
 // Ends a handle while its callable is held on another thread, until the destructor says that it
 // waits.
-template <typename Handle>
-void EndWhileRunning(Handle handle, const std::atomic<bool>& running) {
+void EndWhileRunning(std::shared_ptr<void> handle, const std::atomic<bool>& running) {
   HoldLog("running");
   auto run = std::async(std::launch::async, [] {
     zorvix::Publisher(kTopic).Publish(1);
@@ -22,7 +21,7 @@ void EndWhileRunning(Handle handle, const std::atomic<bool>& running) {
   });
   WaitForLog("running");
   auto end = std::async(std::launch::async, [&] {
-    std::optional(std::move(handle)).reset();
+    handle.reset();
     EXPECT_FALSE(running);
   });
   WaitForLog("a destructor waits for its callable to return, name: ");
@@ -33,9 +32,6 @@ void EndWhileRunning(Handle handle, const std::atomic<bool>& running) {
 }
 
 TEST_F(Bridge, NoCallableRunsAfterItsHandle) {
-  const zorvix::Publisher publisher(kTopic);
-  const zorvix::Client client(kService);
-  const zorvix::Client later(kQueuedService);
   std::atomic<bool> running{false};
   const auto callable = [&](int number) {
     running = true;
@@ -43,22 +39,20 @@ TEST_F(Bridge, NoCallableRunsAfterItsHandle) {
     running = false;
     return number;
   };
-  EndWhileRunning(zorvix::Subscriber(kTopic, callable), running);
-  EndWhileRunning(zorvix::Subscriber(kTopic, callable, Delivery::Queued), running);
-  EndWhileRunning(zorvix::Server(kService, callable), running);
+  using OfInts = zorvix::Subscriber<int>;
+  EndWhileRunning(std::make_shared<OfInts>(kTopic, callable), running);
+  EndWhileRunning(std::make_shared<OfInts>(kTopic, callable, Delivery::Queued), running);
+  EndWhileRunning(std::make_shared<zorvix::Server<int, int>>(kService, callable), running);
 
   // Taken by a publication under way, or in the queue.
   Subscribed("t", BridgeType::Sync, {Subscriber([](auto&) { Log("first"); })});
   const auto fail = [](int number) { return ADD_FAILURE(), number; };
-  std::optional queued(zorvix::Subscriber(kTopic, fail, Delivery::Queued));
   std::optional server(zorvix::Server(kQueuedService, fail));
-  publisher.Publish(1);
-  auto answer = later.Call(1);
-  std::optional at_once(zorvix::Subscriber(kTopic, fail));
+  std::optional at_once(OfInts(kTopic, fail));
+  auto answer = zorvix::Client(kQueuedService).Call(1);
   HoldLog("first");
-  auto run = std::async(std::launch::async, [&] { publisher.Publish(1); });
-  WaitForLog("first", 2);
-  queued.reset();
+  auto run = std::async(std::launch::async, [] { zorvix::Publisher(kTopic).Publish(1); });
+  WaitForLog("first");
   server.reset();
   at_once.reset();
   HoldLog("");
@@ -106,11 +100,6 @@ TEST_F(Bridge, HandlesMoveAndNamesGoWithTheLast) {
   EXPECT_FALSE(publisher.Publish(1));
   EXPECT_EQ(client.Call(1), std::nullopt);
   EXPECT_EQ(Count(TakeLog(), "E: "), 0u) << "from what was moved from";
-  const auto onto_itself = [](auto& handle) {
-    auto& same = handle;
-    handle = std::move(same);
-  };
-  onto_itself(moved), onto_itself(a), onto_itself(server), onto_itself(other);
   EXPECT_TRUE(moved.Publish(1));
   EXPECT_EQ(got, "b") << "what was assigned to has left, though the other is there still";
   EXPECT_EQ(other.Call(1), 1);
