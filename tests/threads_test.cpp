@@ -42,22 +42,22 @@ TEST_F(Bridge, WorkersEndTheProcessByWhatIsNoStandardException) {
 TEST_F(Bridge, ReceiversAreEnteredByAllThreadsAtOnceAndOneStopEndsAllSpins) {
   const auto log = Subscriber([](auto&) { Log("runs"); });
   const auto serve = Server([](auto&, auto&) { Log("runs"); });
-  auto& topic = Subscribed("t", BridgeType::SignleAsync, {log, log});
+  auto& topic = Subscribed("t", BridgeType::SignleAsync, {log, log, log, log});
   auto& sync_topic = Subscribed("t", BridgeType::Sync, {log});
   auto& service = Service("s", BridgeType::Async, serve);
   auto& sync_service = Service("s", BridgeType::Sync, serve);
-  const zorvix::Workers first(1), second(3);
-  WaitForLog("Spin loop once lock.", 4);
+  const zorvix::Workers first(1), second(5);
+  WaitForLog("Spin loop once lock.", 6);
   HoldLog("runs");
   ZorvixPublish(topic, 1);
-  WaitForLog("runs", 2);
+  WaitForLog("runs", 4);
   std::vector<std::future<bool>> threads;
   for (int i = 0; i < 2; ++i) {
     ZorvixCall(service, Request);
     threads.push_back(std::async(std::launch::async, [&] { return ZorvixPublish(sync_topic, 1); }));
     threads.push_back(std::async(std::launch::async, ZorvixCall, sync_service, Request));
   }
-  WaitForLog("runs", 8);
+  WaitForLog("runs", 10);
   HoldLog("");
   ZorvixStopSpin();
   WaitForLog("Spin exit.", 2);
