@@ -101,14 +101,14 @@ TEST_F(Bridge, StopGivesUpAfter200MillisecondsAndUntilThenNoSpinBegins) {
   EXPECT_LE(std::stod(end[-2].substr(12)), 200);
 }
 
-// Polling brings the stop close behind a worker's first line.
+// Polling brings the stop close behind a worker's first line; without, it is there before.
 TEST_F(Bridge, StopAtAnyMomentLosesNeitherWorkersNorTasks) {
   std::atomic<int> runs{0};
   auto& topic = Subscribed("t", BridgeType::Async, {Subscriber([&](auto&) { ++runs; })});
   for (int round = 0; round < 600; ++round) {
     {
       const zorvix::Workers workers(1);
-      while (TakeLog().empty()) continue;
+      while (round % 8 != 0 && TakeLog().empty()) continue;
       for (int i = 0; i < round % 4; ++i) ZorvixPublish(topic, 1);
       ZorvixStopSpin();
     }
@@ -122,8 +122,7 @@ TEST_F(Bridge, StopAtAnyMomentLosesNeitherWorkersNorTasks) {
 TEST_F(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
   std::atomic<std::size_t> queued{0}, ran{0};
   const std::vector crowd(500, Subscriber([](auto&) {}));  // makes changes of its list take longer
-  const std::string shared = "shared";
-  Subscribed(shared, BridgeType::Sync, crowd);
+  Subscribed("shared", BridgeType::Sync, crowd);
   const auto use_all = [&](const std::string& own) {
     const auto count = [&ran, own](const std::any& from, auto&...) {
       ran += std::any_cast<std::string>(from) == own;
@@ -134,7 +133,7 @@ TEST_F(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
       const BridgeType type{round % 3};
       const bool queues = type != BridgeType::Sync;
       Endpoint ends[4];
-      for (auto& end : ends) end = End(queues ? own : shared, BridgeModule{round / 3 % 2}, type);
+      for (auto& end : ends) end = End(queues ? own : "shared", BridgeModule{round / 3 % 2}, type);
       ZorvixRegisterPublisher(ends[0]);
       ZorvixRegisterSubscriber(ends[1], subscriber);
       queued += ZorvixPublish(ends[0], own) && queues;
