@@ -4,55 +4,46 @@
 #include "payload.h"
 
 namespace {
-std::vector<std::shared_ptr<void>> handles;
-int received = 0;
+template <typename Payload>
+using Topic = zorvix::Topic<Payload, bridge::BridgeType::Async>;
 const zorvix::State<Reading> kState{"state"};
-std::optional<zorvix::Holder<Reading>> holder;
-std::optional<zorvix::Watcher<Reading>> watcher;
+std::vector<std::shared_ptr<void>> handles;
+
+template <typename Handle>
+void Add(Handle handle) {
+  handles.push_back(std::make_shared<Handle>(std::move(handle)));
+}
 }  // namespace
 
 void Receive() {
-  ForEachExchange([](const std::string& name, const auto& expected, auto type) {
-    using Payload = std::decay_t<decltype(expected)>;
-    handles.push_back(std::make_shared<zorvix::Subscriber<Payload, type()>>(
-        zorvix::Topic<Payload, type()>{name},
-        [expected](const Payload& payload) { received += payload == expected; }));
-    handles.push_back(std::make_shared<zorvix::Server<Payload, Payload, type()>>(
-        zorvix::Service<Payload, Payload, type()>{name},
-        [](const Payload& payload) { return payload; }));
+  ForEachPayload([](const std::string& name, auto payload) {
+    using Payload = decltype(payload);
+    const auto last = std::make_shared<Payload>();
+    Add(zorvix::Subscriber(Topic<Payload>{name}, [last](const Payload& got) { *last = got; }));
+    Add(zorvix::Server(zorvix::Service<Payload, Payload>{name},
+                       [last](const Payload&) { return std::exchange(*last, {}); }));
   });
 }
 
-int Received() { return received; }
-
 int Send(void*) {
   int right = 0;
-  ForEachExchange([&](const std::string& name, const auto& payload, auto type) {
-    using Payload = std::decay_t<decltype(payload)>;
-    right += zorvix::Publisher(zorvix::Topic<Payload, type()>{name}).Publish(payload);
-    auto answer = zorvix::Client(zorvix::Service<Payload, Payload, type()>{name}).Call(payload);
+  ForEachPayload([&](const std::string& name, auto payload) {
+    using Payload = decltype(payload);
+    zorvix::Publisher(Topic<Payload>{name}).Publish(payload);
     bridge::Zorvix::GetInstance().SpinOnce();
-    if constexpr (type() == bridge::BridgeType::Sync) {
-      right += answer == payload;
-    } else {
-      right += answer.get() == payload;
-    }
+    right += zorvix::Client(zorvix::Service<Payload, Payload>{name}).Call(payload) == payload;
   });
   return right;
 }
 
 void Hold(int value) {
-  if (!holder) holder.emplace(kState);
-  holder->Set({"a unit too long to be stored inside a string", value});
+  zorvix::Holder holder(kState);
+  holder.Set({"a unit too long to be stored inside a string", value});
+  Add(std::move(holder));
 }
 
-int Watch() {
-  if (!watcher) watcher.emplace(kState);
-  return watcher->Newest() ? watcher->Newest()->value : 0;
+void Watch(int* newest) {
+  Add(zorvix::Watcher(kState, [newest](const Reading& reading) { *newest = reading.value; }));
 }
 
-void Leave() {
-  handles.clear();
-  holder.reset();
-  watcher.reset();
-}
+void Leave() { handles.clear(); }

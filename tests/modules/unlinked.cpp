@@ -5,24 +5,20 @@
 
 int Send(void* library) {
   int right = 0;
-  ForEachExchange([&](const std::string& name, const auto& payload, auto type) {
-    using Payload = std::decay_t<decltype(payload)>;
-    using bridge::BridgeModule, bridge::Control;
-    std::shared_ptr<const Control> topic(new Control{name, BridgeModule::Topic, type});
+  ForEachPayload([&](const std::string& name, auto payload) {
+    using bridge::BridgeModule, bridge::BridgeType, bridge::Control;
+    std::shared_ptr<const Control> topic(new Control{name, BridgeModule::Topic, BridgeType::Async});
     BIND(library, ZorvixRegisterPublisher)(topic);
-    right += BIND(library, ZorvixPublish)(topic, payload);
-    BIND(library, ZorvixUnregisterPublisher)(topic);
-    std::shared_ptr<const Control> service(new Control{name, BridgeModule::Service, type});
-    BIND(library, ZorvixRegisterClient)(service);
-    BIND(library, ZorvixCall)
-    (service, [&right, payload](const auto& serve) {
-      std::any response;
-      serve(payload, response);
-      right += std::any_cast<const Payload&>(response) == payload;
-    });
+    BIND(library, ZorvixPublish)(topic, payload);
     BIND(library, ZorvixSpinOnce)();
+    BIND(library, ZorvixUnregisterPublisher)(topic);
+    std::shared_ptr<const Control> service(new Control{name, BridgeModule::Service});
+    BIND(library, ZorvixRegisterClient)(service);
+    std::any answer;
+    BIND(library, ZorvixCall)(service, [&](const auto& serve) { serve(payload, answer); });
     BIND(library, ZorvixUnregisterClient)(service);
+    const auto* const got = std::any_cast<decltype(payload)>(&answer);
+    right += got && *got == payload;
   });
-  BRIDGE_LOG(bridge::kLogInfo, "%d", right);
   return right;
 }
