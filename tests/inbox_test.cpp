@@ -1,6 +1,7 @@
 // What inboxes and queued subscribers promise: a walk against a model, and laws under threads.
 #include <poll.h>
 
+#include <array>
 #include <random>
 
 #include "bridge_test.h"
@@ -12,48 +13,34 @@ using zorvix::Inbox;
 using zorvix::InboxThread;
 using zorvix::Keep;
 
-const zorvix::Topic<int> kEnded{"ended"};
-struct Message {
-  explicit Message(int its) : number(its) { ++live; }
-  Message(const Message& other) : number(other.number) { ++live, ++copies; }
-  Message(Message&& other) noexcept : number(other.number) { ++live; }
-  ~Message() {
-    --live;
-    if (publishes) zorvix::Publisher(kEnded).Publish(number);
-  }
+const zorvix::Topic<int> kGone{"gone"};
+struct Message {  // copied where others are moved, too
+  explicit Message(int its) : number(its) {}
+  Message(const Message& other) : number(other.number) { ++copies; }
+  ~Message() { zorvix::Publisher(kGone).Publish(number); }  // as it may: no lock is held
   int number;
-  static inline std::atomic<int> live{0}, copies{0};
-  static inline std::atomic<bool> publishes{false};
+  static inline std::atomic<std::size_t> copies{0};
 };
-const zorvix::Topic<Message> kTopics[] = {{"a"}, {"b"}};
+const zorvix::Topic<Message> kTopic{"t"};
 const auto ignore = [](auto&) {};
 
 // One thread does at random what users may do, also inside callables. A model says what must come
-// of it: what runs, waits and is lost, what a descriptor, the bridge's queue and the log show.
-class Walk {
- public:
-  explicit Walk(unsigned seed) : random_(seed) {
-    while (left_ > 0) Act();
-    while (!readers_.empty()) Destroy();
-    Replace();
-  }
-
- private:
+// of it: what runs, waits and is lost, and what a descriptor, the bridge's queue and the log show.
+class Inboxes : public Bridge {
+ protected:
   struct Reader;
   using Item = std::pair<const Reader*, int>;
   struct Room {  // an inbox, or what a queued subscriber has instead
-    explicit Room(bool of_inbox) : inbox(of_inbox ? std::make_unique<Inbox>() : nullptr) {}
-    std::unique_ptr<Inbox> inbox;
+    std::optional<Inbox> inbox;
     std::deque<Item> items;
     bool open = true, draining = false;
-    int end = 0, ran = 0, fd = -1;
+    int end = 0;          // the newest that the drain may run
+    std::size_t ran = 0;  // in it
   };
   struct Reader {
-    std::string name;
-    int keep = 0;
-    std::shared_ptr<Room> room = {};
+    int keep;
+    std::shared_ptr<Room> room;
     int lost = 0;
-    std::optional<zorvix::Subscriber<Message>> handle = {};
   };
 
   int Any(std::size_t below) { return static_cast<int>(random_() % below); }
@@ -66,50 +53,43 @@ class Walk {
   }
 
   void Act() {
-    if (testing::Test::HasFailure()) left_ = 0;
-    if (--left_ < 0) return;
-    Do(Any(18));
+    if (HasFailure() || --left_ < 0) return;
+    Do(Any(36));
     const bool ready = !room_->draining && !room_->items.empty();
-    if (Any(20) == 0) room_->fd = room_->inbox->fd();
-    pollfd descriptor{room_->fd, POLLIN, 0};
     EXPECT_EQ(room_->inbox->Wait(std::chrono::milliseconds(0)), ready);
-    EXPECT_TRUE(room_->fd < 0 || poll(&descriptor, 1, 0) == ready);
-    Lines log;
-    for (auto& line : TakeLog()) {
-      if (line[1] == '(') log.push_back(line.erase(1, line.find(')')));
-    }
-    EXPECT_EQ(log, std::exchange(expected_, {}));
+    pollfd descriptor{Any(20) == 0 ? room_->inbox->fd() : -1, POLLIN, 0};
+    EXPECT_EQ(poll(&descriptor, 1, 0), descriptor.fd >= 0 && ready);
+    EXPECT_EQ(Count(TakeLog(), "(room.h"), std::exchange(lines_, 0));
   }
 
   void Do(int what) {
     const auto room = room_;
-    if (what < 5) return Publish(kTopics[what % 2]);
-    if (what < 7) {
+    if (what < 11) return Publish();
+    if (what < 15) {
       room->items.emplace_back(&tasks_, ++number_);
       return room->inbox->Post([=, number = number_] { Ran(*room, tasks_, number); });
     }
-    if (what < 9) return void(Drain(*room, [&] { return room->inbox->Drain(); }));
-    if (what < 12) return Step();
-    if (what < 16) return readers_.size() < 5 ? Build() : Destroy();
-    if (Any(4) == 0) what == 16 ? Flood() : Replace();
+    if (what < 19) return Drain(room);
+    if (what < 25 && !queue_.empty()) return Drain(std::shared_ptr(queue_.front()));
+    if (what < 34) return readers_.size() < 5 ? Build() : Destroy();
+    what == 34 ? Flood() : Replace();
   }
 
-  void Publish(const zorvix::Topic<Message>& topic) {
+  void Publish() {
     ++number_;
-    for (const auto& reader : readers_) {
+    for (const auto& [reader, handle] : readers_) {
       auto& room = *reader->room;
-      if (reader->name != topic.name || !room.open) continue;
+      if (!room.open) continue;
       room.items.emplace_back(reader.get(), number_);
       if (Waiting(room, *reader) > reader->keep) {
         room.items.erase(std::find_if(room.items.begin(), room.items.end(), Of(*reader)));
-        if (reader->keep > 1 && reader->lost++ == 0) {
-          expected_.push_back("W: a subscriber loses its oldest messages, name: " + topic.name +
-                              ", kept: " + std::to_string(reader->keep));
-        }
+        if (reader->keep > 1) lines_ += reader->lost++ == 0;
       }
       Post(reader->room);
     }
-    zorvix::Publisher(topic).Publish(Message(number_));
+    Message::copies = 0;
+    zorvix::Publisher(kTopic).Publish(Message(number_));
+    EXPECT_EQ(Message::copies, 1 + readers_.size());
   }
 
   // One task stands in the queue while anything waits.
@@ -123,69 +103,51 @@ class Walk {
                 room.items.front() == Item(&reader, number));
     room.items.pop_front();
     ++room.ran;
-    if (reader.lost > 0 && Waiting(room, reader) == 0) {
-      expected_.push_back("I: a subscriber has caught up, name: " + reader.name +
-                          ", lost: " + std::to_string(std::exchange(reader.lost, 0)));
-    }
+    if (Waiting(room, reader) == 0) lines_ += std::exchange(reader.lost, 0) > 0;
     for (int acts = Any(3); acts > 0; --acts) Act();
     const int end = Any(12);
     if (end == 0) throw 0;
     if (end > 1) return;
-    expected_.push_back("E: callable failed! error: bad luck, name: " + reader.name);
+    ++lines_;
     throw std::runtime_error("bad luck");
   }
 
-  // Returns false if what a callable threw left the drain.
-  template <typename Function>
-  bool Drain(Room& room, Function drain) {
-    const bool nested = std::exchange(room.draining, true);
-    if (!nested) room.end = number_, room.ran = 0;
-    bool returned = false;
+  // After what was thrown, a queued subscriber's messages wait for the next one.
+  void Drain(const std::shared_ptr<Room>& room) {
+    const bool nested = std::exchange(room->draining, true);
+    if (!nested) room->end = number_, room->ran = 0;
+    if (!room->inbox) queue_.pop_front();
     try {
-      const auto ran = static_cast<int>(drain());
-      EXPECT_EQ(ran, nested ? 0 : room.ran);
-      EXPECT_TRUE(nested || room.items.empty() || room.items.front().second > room.end);
-      returned = true;
+      const auto ran = room->inbox ? room->inbox->Drain() : ZorvixRunOneceStep() ? room->ran : 0;
+      EXPECT_EQ(ran, nested ? 0 : room->ran);
+      EXPECT_TRUE(nested || room->items.empty() || room->items.front().second > room->end);
+      room->draining = nested;
+      Post(room);
     } catch (int) {
+      room->draining = nested;
     }
-    room.draining = nested;
-    return returned;
-  }
-
-  void Step() {
-    const bool any = !queue_.empty();
-    const auto room = any ? queue_.front() : std::make_shared<Room>(false);
-    if (any) queue_.pop_front();
-    const auto step = [&] {
-      EXPECT_EQ(ZorvixRunOneceStep(), any);
-      return room->ran;
-    };
-    if (Drain(*room, step)) Post(room);
   }
 
   void Build() {
-    const auto& topic = kTopics[Any(2)];
     const Keep keep{1 + random_() % 3};
-    const auto room = Any(2) == 0 ? std::make_shared<Room>(false) : room_;
-    const auto reader =
-        std::make_shared<Reader>(Reader{topic.name, static_cast<int>(keep.last), room});
+    const auto room = Any(2) == 0 ? std::make_shared<Room>() : room_;
+    const auto reader = std::make_shared<Reader>(Reader{static_cast<int>(keep.last), room});
     const auto run = [=](const Message& message) { Ran(*room, *reader, message.number); };
-    room->inbox ? reader->handle.emplace(topic, run, *room->inbox, keep)
-                : reader->handle.emplace(topic, run, Delivery::Queued, keep);
-    readers_.push_back(reader);
+    readers_.emplace_back(reader, room->inbox
+                                      ? zorvix::Subscriber(kTopic, run, *room->inbox, keep)
+                                      : zorvix::Subscriber(kTopic, run, Delivery::Queued, keep));
   }
 
   void Destroy() {
     const auto place = readers_.begin() + Any(readers_.size());
-    const auto reader = *place;
+    auto& items = place->first->room->items;
+    items.erase(std::remove_if(items.begin(), items.end(), Of(*place->first)), items.end());
     readers_.erase(place);
-    auto& items = reader->room->items;
-    items.erase(std::remove_if(items.begin(), items.end(), Of(*reader)), items.end());
-    reader->handle.reset();
   }
 
   void Replace() {
-    const auto old = std::exchange(room_, std::make_shared<Room>(true));
+    const auto old = std::exchange(room_, std::make_shared<Room>());
+    room_->inbox.emplace();
     old->open = false;
     old->items.clear();
     old->inbox.reset();
@@ -200,120 +162,96 @@ class Walk {
     ZorvixSpinOnce();
   }
 
-  std::mt19937 random_;
-  std::shared_ptr<Room> room_ = std::make_shared<Room>(true);
-  std::vector<std::shared_ptr<Reader>> readers_;  // in the order of their registration
-  std::deque<std::shared_ptr<Room>> queue_;       // the bridge's
-  Reader tasks_{"task of an inbox"};
-  Lines expected_;
-  int number_ = 0, left_ = 100;
+  const unsigned seed_ = Seed(std::random_device()());
+  std::mt19937 random_{seed_};
+  std::shared_ptr<Room> room_ = std::make_shared<Room>();
+  std::vector<std::pair<std::shared_ptr<Reader>, zorvix::Subscriber<Message>>> readers_;
+  std::deque<std::shared_ptr<Room>> queue_;  // the bridge's
+  Reader tasks_{};                           // of all inboxes
+  std::size_t lines_ = 0;                    // that are to be logged
+  int number_ = 0, left_ = 20000;
 };
 
-TEST_F(Bridge, InboxesDoWhatTheModelSays) {
-  unsigned seed = Seed(std::random_device()());
-  for (const unsigned end = seed + 200; seed != end && !HasFailure(); ++seed) {
-    SCOPED_TRACE("ZORVIX_SEED=" + std::to_string(seed));
-    const Walk walk(seed);
-    ZorvixSpinOnce();
-    TakeLog();
-    EXPECT_EQ(Message::live, 0);
-  }
+TEST_F(Inboxes, DoWhatTheModelSays) {
+  SCOPED_TRACE("ZORVIX_SEED=" + std::to_string(seed_));
+  Replace();
+  while (left_ > 0 && !HasFailure()) Act();
+  readers_.clear();
+  ZorvixSpinOnce();
 }
 
 TEST_F(Bridge, NothingIsLostOrStuckOrOutOfItsPublishersOrder) {
-  constexpr int kPublishers = 3, kCount = 200;
+  constexpr int kPublishers = 3, kCount = 600;
+  EXPECT_THROW(zorvix::Subscriber none(kTopic, ignore, Delivery::Queued, Keep{0}),
+               std::invalid_argument);
   for (const bool queued : {false, true}) {
     SCOPED_TRACE(queued);
     std::optional<Inbox> inbox(std::in_place);
     const auto subscribe = [&](auto callable, std::size_t last) {
-      return queued ? zorvix::Subscriber(kTopics[0], callable, Delivery::Queued, Keep{last})
-                    : zorvix::Subscriber(kTopics[0], callable, *inbox, Keep{last});
+      return queued ? zorvix::Subscriber(kTopic, callable, Delivery::Queued, Keep{last})
+                    : zorvix::Subscriber(kTopic, callable, *inbox, Keep{last});
     };
-    int taken[2] = {};  // by one who keeps all, and one who keeps two
-    std::atomic<int> last[2][kPublishers] = {};
-    std::atomic<bool> runs[2] = {};
+    std::atomic<int> taken[2] = {};  // by one who keeps all, and one who keeps two
+    std::atomic<int> newest[2][kPublishers] = {};
     const auto take = [&](int reader) {
       return [&, reader](const Message& message) {
-        auto& running = runs[queued ? reader : 0];  // one at a time for a subscriber, or an inbox
-        EXPECT_FALSE(running.exchange(true));
-        const int count = message.number % kCount + 1;
-        EXPECT_LT(last[reader][message.number / kCount].exchange(count), count);
-        ++taken[reader];
-        running = false;
+        if (taken[reader]++ == 0) Log("first");
+        auto& before = newest[reader][message.number % kPublishers];
+        EXPECT_LT(before.exchange(message.number), message.number);
       };
     };
-    const auto all = subscribe(take(0), kPublishers * kCount), few = subscribe(take(1), 2);
-    const zorvix::Subscriber ended(kEnded, ignore, *inbox, Keep{1});
-    Message::publishes = true;  // no lock is held where messages are destroyed
-    EXPECT_GE(inbox->fd(), 0);
+    const auto all = subscribe(take(0), kCount), few = subscribe(take(1), 2);
+    const zorvix::Subscriber gone(kGone, ignore, *inbox, Keep{1});
+    inbox->fd();
+    HoldLog("first");
     std::optional<InboxThread> thread(*inbox);
     std::optional<zorvix::Workers> workers(3);
-    std::atomic<int> left{kPublishers};
     std::vector<std::future<void>> publishers;
-    for (int publisher = 0; publisher < kPublishers; ++publisher) {
-      publishers.push_back(std::async(std::launch::async, [&, publisher] {
-        for (int i = 0; i < kCount; ++i) {
-          zorvix::Publisher(kTopics[0]).Publish(Message(kCount * publisher + i));
-          while (i % 5 == 4 && last[0][publisher] <= i) std::this_thread::yield();  // not stuck
+    for (int first = 1; first <= kPublishers; ++first) {
+      publishers.push_back(std::async(std::launch::async, [&, first] {
+        const auto& taken_of_this = newest[0][first % kPublishers];
+        for (int number = first; number <= kCount; number += kPublishers) {
+          zorvix::Publisher(kTopic).Publish(Message(number));
+          while (number % 5 == 0 && taken_of_this < number) std::this_thread::yield();
         }
-        --left;
       }));
     }
-    while (left > 0) {  // others come and go
-      const auto over = std::make_shared<std::atomic<bool>>(false);
-      const std::shared_ptr<void> at_the_end(nullptr, [over](void*) { *over = true; });
-      const auto comes_and_goes = subscribe(
-          [over](auto&) {
-            for (int i = 0; i < 20; ++i, std::this_thread::yield()) EXPECT_FALSE(*over);
-          },
-          1);
+    WaitForLog("first", queued ? 2 : 1);  // queued subscribers run side by side
+    HoldLog("");
+    for (std::atomic<int> round{0}; taken[0] < kCount; ++round) {  // others come and go
+      const auto run = [&round, its = round.load()](auto&) {
+        for (int i = 0; i < 20; ++i, std::this_thread::yield()) EXPECT_EQ(round, its);
+      };
+      const auto comes_and_goes = subscribe(run, 1);
       std::this_thread::yield();
     }
-    for (auto& publisher : publishers) publisher.get();
+    publishers.clear();
     thread.reset();
     workers.reset();
     inbox->Post([message = Message(0)] {});
     inbox.reset();
-    Message::publishes = false;
     const auto log = TakeLog();
     for (const auto& line : log) {
       if (Count({line}, "caught up") > 0) taken[1] += std::stoi(line.substr(line.rfind(' ')));
     }
-    EXPECT_EQ(taken[0], kPublishers * kCount);
-    EXPECT_EQ(taken[1], kPublishers * kCount) << "with those lost";
-    EXPECT_EQ(Count(log, "loses its oldest"), Count(log, "caught up"));
-    EXPECT_EQ(Count(log, "overflow"), 0u);
-    EXPECT_EQ(Message::live, 0);
+    EXPECT_EQ(taken[1], kCount) << "with those lost";
+    EXPECT_EQ(Count(log, "subscriber loses its oldest messages, name: t, kept: 2"),
+              Count(log, "subscriber has caught up, name: t, lost: "));
   }
 }
 
-TEST_F(Bridge, QueuedSubscribersRunSideBySide) {
-  const auto log = [](auto&) { Log("runs"); };
-  const zorvix::Subscriber one(kTopics[0], log, Delivery::Queued);
-  const zorvix::Subscriber two(kTopics[0], log, Delivery::Queued);
-  EXPECT_THROW(zorvix::Subscriber none(kTopics[0], log, Delivery::Queued, Keep{0}),
-               std::invalid_argument);
-  const zorvix::Workers workers(2);
-  HoldLog("runs");
-  Message::copies = 0;
-  zorvix::Publisher(kTopics[0]).Publish(Message(1));
-  WaitForLog("runs", 2);
-  EXPECT_EQ(Message::copies, 2);
-  HoldLog("");
-}
-
 TEST_F(Bridge, InboxThreadRunsWhatWaitsAndDiesOfItsOwnCallable) {
+  Inbox inbox;
+  std::optional<InboxThread> thread;
   for (int i = 0, ran = 0; i < 100; ++i) {
-    Inbox inbox;
-    std::optional<InboxThread> thread(inbox);
+    thread.emplace(inbox);
     inbox.Post([&] { ++ran; });
     thread.reset();
     EXPECT_EQ(ran, i + 1);
   }
-  const auto die = [] {
-    Inbox inbox;
-    std::optional<InboxThread> thread(inbox);
+  const auto die = [&] {
     HoldLog("E(inbox.h");
+    thread.emplace(inbox);
     inbox.Post([&] { thread.reset(); });
     WaitForLog("E(inbox.h");
     std::_Exit(7);
