@@ -13,19 +13,16 @@ cd "$work"
 cmake -S "$source" -B build -DZORVIX_BUILD_EXAMPLES=OFF "$@"
 grep -x CMAKE_BUILD_TYPE:STRING=Release build/CMakeCache.txt
 cmake --build build
-cmake --install build --prefix staged
+cmake --install build --prefix 'installed here'
 rm -rf build
-mv staged 'installed here'
 [ "$(ls 'installed here/include/zorvix')" = \
   "$(cd "$source" && basename -a common/zorvix/*.h typed/zorvix/*.h | sort)" ]
 
-consume() { # WAY [CMAKE-OPTION...]
-  way=$1
-  shift
-  cmake -S "$source/packaging/consumer" -B "$way" -DWAY="$way" "$@"
-  cmake --build "$way"
-  cmake --install "$way" --prefix "$way/installed"
-  "$way/installed/bin/consumer" | grep -x 'message received by consumer'
+consume() { # FOLDER [CMAKE-OPTION...]
+  cmake -S "$source/packaging/consumer" -B "$@"
+  cmake --build "$1"
+  cmake --install "$1" --prefix "$1/installed"
+  "$1/installed/bin/consumer" | grep -x message
 }
 consume find_package -DCMAKE_PREFIX_PATH="$work/installed here"
 consume FetchContent -DZORVIX_SOURCE="$source" "$@"
