@@ -25,8 +25,8 @@ const auto ignore = [](auto&) {};
 // of it: what runs, waits and is lost, and what a descriptor, the bridge's queue and the log show.
 class Inboxes : public Bridge {
  protected:
-  struct Reader;
-  using Item = std::pair<const Reader*, int>;
+  using Item = std::pair<const void*, int>;  // whose, and its number
+
   struct Room {  // an inbox, or what a queued subscriber has instead
     std::optional<Inbox> inbox;
     std::deque<Item> items;
@@ -151,9 +151,7 @@ class Inboxes : public Bridge {
 
   // Others' tasks push out what the queue holds.
   void Flood() {
-    const zorvix::Topic<int, BridgeType::Async> topic{"flood"};
-    const zorvix::Subscriber others(topic, ignore);
-    for (int i = 0; i < 100; ++i) zorvix::Publisher(topic).Publish(i);
+    for (int i = 0; i < 100; ++i) ZorvixPublish(others_, i);
     queue_.clear();
     ZorvixSpinOnce();
   }
@@ -163,8 +161,9 @@ class Inboxes : public Bridge {
   std::shared_ptr<Room> room_ = std::make_shared<Room>();
   std::vector<std::pair<std::shared_ptr<Reader>, zorvix::Subscriber<Message>>> readers_;
   std::deque<std::shared_ptr<Room>> queue_;  // the bridge's
-  Reader tasks_{};                           // of all inboxes
-  std::size_t lines_ = 0;                    // that are to be logged
+  Endpoint& others_ = Subscribed("others", BridgeType::Async, {Subscriber(ignore)});
+  Reader tasks_{};         // of all inboxes
+  std::size_t lines_ = 0;  // that are to be logged
   int number_ = 0, left_ = 20000;
 };
 
@@ -181,17 +180,17 @@ TEST_F(Bridge, NothingIsLostOrStuckOrOutOfItsPublishersOrder) {
   for (const bool queued : {false, true}) {
     SCOPED_TRACE(queued);
     std::optional<Inbox> inbox(std::in_place);
-    const auto subscribe = [&](auto callable, std::size_t last) {
-      return queued ? zorvix::Subscriber(kTopic, callable, zorvix::Delivery::Queued, Keep{last})
-                    : zorvix::Subscriber(kTopic, callable, *inbox, Keep{last});
+    const auto subscribe = [&](auto callable, std::size_t keep) {
+      return queued ? zorvix::Subscriber(kTopic, callable, zorvix::Delivery::Queued, Keep{keep})
+                    : zorvix::Subscriber(kTopic, callable, *inbox, Keep{keep});
     };
     EXPECT_THROW(subscribe(ignore, 0), std::invalid_argument);
     std::atomic<int> taken[2] = {};  // by one who keeps all, and one who keeps two
-    std::atomic<int> newest[2][kPublishers] = {};
+    std::atomic<int> last[2][kPublishers] = {};
     const auto take = [&](int reader) {
       return [&, reader](const Message& message) {
         if (taken[reader]++ == 0) Log("first");
-        auto& before = newest[reader][message.number % kPublishers];
+        auto& before = last[reader][message.number % kPublishers];
         EXPECT_LT(before.exchange(message.number), message.number);
       };
     };
@@ -200,10 +199,9 @@ TEST_F(Bridge, NothingIsLostOrStuckOrOutOfItsPublishersOrder) {
     inbox->fd();
     HoldLog("first");
     const auto publish = [&](int first) {
-      const auto& taken_of_these = newest[0][first % kPublishers];
       for (int number = first; number <= kCount; number += kPublishers) {
         zorvix::Publisher(kTopic).Publish(Message(number));
-        while (number % 5 == 0 && taken_of_these < number) std::this_thread::yield();
+        while (number % 5 == 0 && last[0][number % kPublishers] < number) std::this_thread::yield();
       }
     };
     {
@@ -236,11 +234,11 @@ TEST_F(Bridge, NothingIsLostOrStuckOrOutOfItsPublishersOrder) {
 TEST_F(Bridge, InboxThreadRunsWhatWaitsAndDiesOfItsOwnCallable) {
   Inbox inbox;
   std::optional<zorvix::InboxThread> thread;
-  for (int i = 0, ran = 0; i < 100; ++i) {
+  for (int i = 0; i < 100; ++i) {
     thread.emplace(inbox);
-    inbox.Post([&] { ++ran; });
+    inbox.Post([] { throw std::runtime_error("bad luck"); });
     thread.reset();
-    EXPECT_EQ(ran, i + 1);
+    EXPECT_EQ(Count(TakeLog(), "callable failed! error: bad luck, name: task of an inbox"), 1u);
   }
   const auto die = [&] {
     HoldLog("E(inbox.h");
