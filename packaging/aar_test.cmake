@@ -15,14 +15,12 @@ file(STRINGS ${BUILD}/CMakeCache.txt build_type REGEX "^CMAKE_BUILD_TYPE:")
 set(android -G Ninja -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN} -DANDROID_ABI=arm64-v8a
     -DANDROID_PLATFORM=${PLATFORM} -DANDROID_STL=c++_shared)
 file(REMOVE_RECURSE ${WORK})
-foreach(name CMakeLists.txt cmake common typed packaging)
-  file(COPY ${source}/${name} DESTINATION ${WORK}/other)
-endforeach()
-set(other ${WORK}/other/${place})
-run(${CMAKE_COMMAND} -S ${WORK}/other -B ${other} ${android} -D${build_type}
+file(COPY ${source}/CMakeLists.txt ${source}/cmake ${source}/common ${source}/typed
+     ${source}/packaging DESTINATION ${WORK}/other)
+run(${CMAKE_COMMAND} -S ${WORK}/other -B ${WORK}/other/${place} ${android} -D${build_type}
     -DZORVIX_BUILD_EXAMPLES=OFF)
-run(${CMAKE_COMMAND} --build ${other} --target aar)
-run(${CMAKE_COMMAND} -E compare_files ${artifact}.aar ${other}/zorvix-${VERSION}.aar)
+run(${CMAKE_COMMAND} --build ${WORK}/other/${place} --target aar)
+run(${CMAKE_COMMAND} -E compare_files ${artifact}.aar ${WORK}/other/${place}/zorvix-${VERSION}.aar)
 
 file(ARCHIVE_EXTRACT INPUT ${artifact}.aar DESTINATION ${WORK}/aar)
 set(libs ${WORK}/aar/prefab/modules/zorvix/libs/android.arm64-v8a)

@@ -1,16 +1,15 @@
 #!/bin/sh
-# install_test.sh SOURCE WORK [CMAKE-OPTION...]: installs the library and lets the project in
-# consumer/ take it in each way it is offered and be installed itself, from paths with a space in
-# them, after the build tree is gone.
+# install_test.sh SOURCE WORK [CMAKE-OPTION...]: installs the library and lets the project consumer/
+# take it in each way it is offered and be installed itself, from paths with a space in them.
 set -eux
 source=$1 work="$2/a folder"
 shift 2
-export CMAKE_GENERATOR=Ninja
+export CMAKE_GENERATOR=Ninja PKG_CONFIG_PATH="$work/installed here/lib/pkgconfig"
 rm -rf "$work"
 mkdir -p "$work"
 cd "$work"
 
-cmake -S "$source" -B build -DZORVIX_BUILD_EXAMPLES=OFF "$@"
+cmake -S "$source" -B build -DCMAKE_INSTALL_LIBDIR=lib -DZORVIX_BUILD_EXAMPLES=OFF "$@"
 grep -x CMAKE_BUILD_TYPE:STRING=Release build/CMakeCache.txt
 cmake --build build
 cmake --install build --prefix 'installed here'
@@ -33,8 +32,6 @@ cmake --install FetchContent --prefix part --component zorvix
 [ "$(find part -type f ! -name libzorvix_log.so -printf %f)" = libcom.quenmar.zorvix.so ]
 
 # The guide's line, evaluated twice because of the space in what pkg-config prints.
-PKG_CONFIG_PATH=$(find "$work/installed here" -name pkgconfig)
-export PKG_CONFIG_PATH
 cp "$source/packaging/consumer/main.cpp" .
 eval "$(eval "echo \"$(grep '^c++ .*pkg-config' "$source/docs/guide.md")\"")"
 ./main

@@ -67,7 +67,7 @@ says 'is here, 4 messages did not go out' # 3 that could not, 1 while it was awa
 exec 3>&- # the sender ends while the broker is there, and says goodbye
 wait "${pid[send]}"
 await says 'disconnected\.$'
-kill "${pid[broker]}"
-wait "${pid[broker]}"
+kill "${pid[broker]}" # the receiver ends while it is away
+await says 'is away' 5
 exec 4>&-
 wait "${pid[receive]}"

@@ -25,13 +25,13 @@ void Receive() {
   });
 }
 
-int Send(void*) {
-  int right = 0;
+bool Send(void*) {
+  bool right = true;
   ForEachPayload([&](const std::string& name, auto payload) {
     using Payload = decltype(payload);
     zorvix::Publisher(Topic<Payload>{name}).Publish(payload);
     bridge::Zorvix::GetInstance().SpinOnce();
-    right += zorvix::Client(zorvix::Service<Payload, Payload>{name}).Call(payload) == payload;
+    right &= zorvix::Client(zorvix::Service<Payload, Payload>{name}).Call(payload) == payload;
   });
   return right;
 }

@@ -18,13 +18,12 @@ void ForEachPayload(Function use) {
   use("text", std::string("text"));
   use("readings", std::vector<Reading>{{"a unit too long to be stored inside a string", 7}});
 }
-constexpr int kPayloads = 3;
 
 #define BIND(library, name) reinterpret_cast<decltype(&name)>(dlsym(library, #name))
 
-// Publishes each payload and asks the service for it. Returns the number of right answers.
+// Publishes each payload and asks the service for it. Returns whether all answers are right.
 // `library` is the bridge's, for who is not linked with it.
-extern "C" ZORVIX_EXPORT int Send(void* library);
+extern "C" ZORVIX_EXPORT bool Send(void* library);
 
 // Only of modules that are linked with the bridge:
 extern "C" ZORVIX_EXPORT void Receive();        // subscribes, and serves what has come, once

@@ -3,8 +3,8 @@
 
 #include "payload.h"
 
-int Send(void* library) {
-  int right = 0;
+bool Send(void* library) {
+  bool right = true;
   ForEachPayload([&](const std::string& name, auto payload) {
     using bridge::BridgeModule, bridge::BridgeType, bridge::Control;
     std::shared_ptr<const Control> topic(new Control{name, BridgeModule::Topic, BridgeType::Async});
@@ -18,7 +18,7 @@ int Send(void* library) {
     BIND(library, ZorvixCall)(service, [&](const auto& serve) { serve(payload, answer); });
     BIND(library, ZorvixUnregisterClient)(service);
     const auto* const got = std::any_cast<decltype(payload)>(&answer);
-    right += got && *got == payload;
+    right &= got && *got == payload;
   });
   return right;
 }
