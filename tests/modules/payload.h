@@ -21,11 +21,11 @@ void ForEachPayload(Function use) {
 
 #define BIND(library, name) reinterpret_cast<decltype(&name)>(dlsym(library, #name))
 
-// Publishes each payload and asks the service for it. Returns whether all answers are right.
-// `library` is the bridge's, for who is not linked with it.
+// Of the module that is not linked with the bridge, which `library` is: publishes each payload and
+// asks the service for it. Returns whether all answers are right.
 extern "C" ZORVIX_EXPORT bool Send(void* library);
 
-// Only of modules that are linked with the bridge:
+// Of the modules that are linked with it:
 extern "C" ZORVIX_EXPORT void Receive();        // subscribes, and serves what has come, once
 extern "C" ZORVIX_EXPORT void Hold(int value);  // sets a state
 extern "C" ZORVIX_EXPORT void Watch(int* newest);
