@@ -208,7 +208,7 @@ TEST_F(Bridge, ServerThatTookOverStaysWhenTheEarlierOneGoes) {
     second.emplace(kQueuedService, two);
     (first_goes_first ? first : second).reset();
     EXPECT_EQ(ask(), first_goes_first ? std::optional(2) : std::nullopt);
-    TakeLog();
+    EXPECT_EQ(Count(TakeLog(), "no server"), first_goes_first ? 0u : 1u);
     (first_goes_first ? second : first).reset();
     EXPECT_EQ(Count(TakeLog(), "control has been unregistered"), 1u);
   }
