@@ -160,9 +160,9 @@ TEST_F(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
   ZorvixSpinOnce();
   const auto log = TakeLog();
   const auto run_from_queue = Count(log, "event queue size");
-  EXPECT_EQ(queued, 4u * 600 * 8);
+  EXPECT_EQ(queued, 4ul * 600 * 8);
   EXPECT_EQ(run_from_queue + Count(log, "event queue overflow"), queued);
-  EXPECT_EQ(ran, run_from_queue + 4u * 1200);
+  EXPECT_EQ(ran, run_from_queue + 4ul * 1200);
 }
 
 }  // namespace
