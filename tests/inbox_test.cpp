@@ -201,6 +201,7 @@ TEST_F(Bridge, NothingIsLostOrStuckOrOutOfItsPublishersOrder) {
     const auto publish = [&](int first) {
       for (int number = first; number <= kCount; number += kPublishers) {
         zorvix::Publisher(kTopic).Publish(Message(number));
+        // Now and then until it has run, which it never does if a wake-up was lost.
         while (number % 5 == 0 && last[0][number % kPublishers] < number) std::this_thread::yield();
       }
     };
