@@ -7,6 +7,8 @@
 #include <zorvix/typed.h>
 #include <zorvix/zorvix_flat.h>
 
+#include <iostream>
+
 #include "log_capture.h"
 
 using bridge::BridgeModule;
@@ -16,10 +18,12 @@ using Endpoint = std::shared_ptr<const bridge::Control>;
 using SubscriberFunction = std::function<void(const std::any&)>;
 using ServerFunction = std::function<void(const std::any&, std::any&)>;
 
-// Where a test's walks begin: as a failure says it, to walk again as in that.
-inline unsigned Seed(unsigned otherwise) {
+// Where a walk begins. Printed at once, since what a crash or a leak leaves does not tell it.
+inline unsigned Seed() {
   const char* const given = std::getenv("ZORVIX_SEED");
-  return given ? static_cast<unsigned>(std::stoul(given)) : otherwise;
+  const auto seed = given ? static_cast<unsigned>(std::stoul(given)) : 0;
+  std::cout << "ZORVIX_SEED=" << seed << std::endl;
+  return seed;
 }
 
 inline void Log(const std::string& text) { BRIDGE_LOG(bridge::kLogInfo, "%s", text.c_str()); }

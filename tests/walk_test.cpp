@@ -288,7 +288,7 @@ class Walk {
 
 TEST_F(Bridge, DoesWhatTheModelDoes) {
   static std::list<Walk<Real>> real;  // kept, since their Controls have callbacks in the bridge
-  for (unsigned seed = Seed(0), end = seed + 12; seed != end; ++seed) {
+  for (unsigned seed = Seed(), end = seed + 12; seed != end; ++seed) {
     real.emplace_back(seed);
     Walk<Model> model(seed);
     for (int step = 3000; step >= 0; --step) {
