@@ -24,7 +24,7 @@ int main() try {
   // Drained by the loop below. Of what comes while that is elsewhere the newest is enough.
   zorvix::Inbox main_inbox;
   const auto show = [&](int sample) { shown += Say("shown: sample", sample); };
-  const zorvix::Subscriber showing(kSamples, show, main_inbox, zorvix::Keep{1});
+  const zorvix::Subscriber showing(kSamples, show, main_inbox, zorvix::KeepLast{1});
 
   // Drained by a thread of its own, which keeps all.
   zorvix::Inbox store;

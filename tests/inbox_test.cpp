@@ -8,7 +8,7 @@
 namespace {
 
 using zorvix::Inbox;
-using zorvix::Keep;
+using zorvix::KeepLast;
 
 const zorvix::Topic<int> kGone{"gone"};
 struct Message {  // copied where others are moved, too
@@ -125,9 +125,9 @@ class Inboxes : public Bridge {
   }
 
   void Build() {
-    const Keep keep{1 + random_() % 3};
+    const KeepLast keep{1 + random_() % 3};
     const auto room = Any(2) == 0 ? std::make_shared<Room>() : room_;
-    const auto reader = std::make_shared<Reader>(Reader{static_cast<int>(keep.last), room});
+    const auto reader = std::make_shared<Reader>(Reader{static_cast<int>(keep.depth), room});
     const auto run = [=](const Message& message) { Ran(*room, *reader, message.number); };
     readers_.emplace_back(
         reader, room->inbox ? zorvix::Subscriber(kTopic, run, *room->inbox, keep)
@@ -180,8 +180,8 @@ TEST_F(Bridge, NothingIsLostOrStuckOrOutOfItsPublishersOrder) {
     SCOPED_TRACE(queued);
     std::optional<Inbox> inbox(std::in_place);
     const auto subscribe = [&](auto callable, std::size_t keep) {
-      return queued ? zorvix::Subscriber(kTopic, callable, zorvix::Delivery::Queued, Keep{keep})
-                    : zorvix::Subscriber(kTopic, callable, *inbox, Keep{keep});
+      return queued ? zorvix::Subscriber(kTopic, callable, zorvix::Delivery::Queued, KeepLast{keep})
+                    : zorvix::Subscriber(kTopic, callable, *inbox, KeepLast{keep});
     };
     EXPECT_THROW(subscribe(ignore, 0), std::invalid_argument);
     std::atomic<int> taken[2] = {};  // by one who keeps all, and one who keeps two
@@ -194,7 +194,7 @@ TEST_F(Bridge, NothingIsLostOrStuckOrOutOfItsPublishersOrder) {
       };
     };
     const auto all = subscribe(take(0), kCount), few = subscribe(take(1), 2);
-    const zorvix::Subscriber gone(kGone, ignore, *inbox, Keep{1});
+    const zorvix::Subscriber gone(kGone, ignore, *inbox, KeepLast{1});
     inbox->fd();
     HoldLog("first");
     const auto publish = [&](int first) {

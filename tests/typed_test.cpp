@@ -84,7 +84,7 @@ TEST_F(Bridge, CallableMayDestroyItsHandleAndGoesWithItsLastRun) {
     EXPECT_EQ(seen.use_count(), owners - 1) << "though queued tasks share the gate";
     ZorvixSpinOnce();
   };
-  destroy(kTopic, Delivery::AtOnce, 2);
+  destroy(kTopic, Delivery::Direct, 2);
   destroy(kTopic, Delivery::Queued, 0);
   destroy(kQueuedTopic, Delivery::Queued, 0);
 }

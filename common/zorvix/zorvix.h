@@ -29,7 +29,7 @@
 #define ZORVIX_ZORVIX_H_
 
 // Major * 10000 + minor * 100 + patch.
-#define ZORVIX_VERSION 10200
+#define ZORVIX_VERSION 20000
 
 #include <algorithm>
 #include <any>

@@ -23,7 +23,7 @@ class Recorder {
   // Destroyed from the last to the first: what waits has run when the thread has gone.
   zorvix::Inbox inbox_;
   zorvix::Subscriber<demo::Sample> recording_{
-      demo::kSamples, [this](auto& sample) { Record(sample); }, inbox_, zorvix::Keep{10'000}};
+      demo::kSamples, [this](auto& sample) { Record(sample); }, inbox_, zorvix::KeepLast{10'000}};
   zorvix::InboxThread thread_{inbox_};
 };
 

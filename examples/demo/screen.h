@@ -53,11 +53,11 @@ class Screen {
   zorvix::Subscriber<demo::Line> lines_{demo::kLines, [this](auto& line) { Show(line); }, inbox_};
   // Of values that are shown in place the newest is enough.
   zorvix::Subscriber<demo::Sample> samples_{demo::kSamples, [this](auto& it) { Take(it); }, inbox_,
-                                            zorvix::Keep{1}};
+                                            zorvix::KeepLast{1}};
   zorvix::Subscriber<demo::Account> recorded_{
-      demo::kRecorded, [this](auto& account) { recorded = account; }, inbox_, zorvix::Keep{1}};
+      demo::kRecorded, [this](auto& account) { recorded = account; }, inbox_, zorvix::KeepLast{1}};
   zorvix::Subscriber<demo::Account> uploaded_{
-      demo::kUploaded, [this](auto& account) { uploaded = account; }, inbox_, zorvix::Keep{1}};
+      demo::kUploaded, [this](auto& account) { uploaded = account; }, inbox_, zorvix::KeepLast{1}};
   zorvix::Subscriber<int> sent_{demo::kSent, [this](int number) { sent = number; }, inbox_};
 };
 

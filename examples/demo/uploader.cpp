@@ -19,7 +19,7 @@ class Uploader {
   const zorvix::Publisher<demo::Account> uploaded_{demo::kUploaded};
   zorvix::Inbox inbox_;
   zorvix::Subscriber<demo::Sample> uploading_{
-      demo::kSamples, [this](auto& sample) { Upload(sample); }, inbox_, zorvix::Keep{2}};
+      demo::kSamples, [this](auto& sample) { Upload(sample); }, inbox_, zorvix::KeepLast{2}};
   zorvix::InboxThread thread_{inbox_};
 };
 

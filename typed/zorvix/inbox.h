@@ -2,8 +2,8 @@
 // them. They never touch the bridge's queue.
 //
 //   zorvix::Inbox inbox;
-//   zorvix::Subscriber show(kSamples, [](const Sample& sample) { ... }, inbox, zorvix::Keep{1});
-//   inbox.Drain();  // once a frame, or when inbox.fd() is readable
+//   zorvix::Subscriber show(kSamples, [](const Sample& sample) { ... }, inbox,
+//   zorvix::KeepLast{1}); inbox.Drain();  // once a frame, or when inbox.fd() is readable
 //
 // Callables run inside Drain and nowhere else, one at a time whoever drains, in the order in which
 // what they get came to the inbox. One that throws a std::exception is logged and contained;
@@ -23,7 +23,7 @@ namespace detail ZORVIX_HIDDEN {
 struct Box final : Room {
   using Task = std::function<void()>;
   const std::shared_ptr<Line> tasks = MakeLine<Task>(
-      "task of an inbox", [](const Task& task) { task(); }, Keep{~std::size_t{0}});
+      "task of an inbox", [](const Task& task) { task(); }, KeepLast{~std::size_t{0}});
 };
 }  // namespace detail
 

@@ -17,8 +17,8 @@ namespace zorvix {
 // How many messages of one subscriber wait; 0 throws std::invalid_argument. Past that it loses its
 // own oldest, with a WARN when that begins and an INFO with their number when it has caught up. Of
 // 1, the newest only, neither is logged.
-struct Keep {
-  std::size_t last = 100;
+struct KeepLast {
+  std::size_t depth = 100;
 };
 
 namespace detail ZORVIX_HIDDEN {
@@ -67,11 +67,11 @@ struct Line {
 };
 
 template <typename Message, typename Callable>
-std::shared_ptr<Line> MakeLine(const std::string& name, Callable callable, Keep keep) {
-  if (keep.last == 0) throw std::invalid_argument("a subscriber must keep one message at least");
+std::shared_ptr<Line> MakeLine(const std::string& name, Callable callable, KeepLast keep) {
+  if (keep.depth == 0) throw std::invalid_argument("a subscriber must keep one message at least");
   const auto gated = std::make_shared<Gated<Callable>>(name, std::move(callable));
   return std::make_shared<Line>(Line{
-      gated, [gated](const void* it) { (*gated)(*static_cast<const Message*>(it)); }, keep.last});
+      gated, [gated](const void* it) { (*gated)(*static_cast<const Message*>(it)); }, keep.depth});
 }
 
 // Where items wait that are drained together, in the order in which they came.

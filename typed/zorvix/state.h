@@ -127,7 +127,7 @@ struct Watching {
     };
     const bool here = !inbox;
     if (here) inbox = std::make_shared<Here>();
-    lodging.emplace(inbox, MakeLine<Look>(name, std::move(show), Keep{1}));
+    lodging.emplace(inbox, MakeLine<Look>(name, std::move(show), KeepLast{1}));
     const auto number =
         Watch(name, [seen = seen, inbox, line = lodging->line](const Version<Value>& version) {
           if (seen->Take(version)) inbox->Push(line, Pack(Look()));

@@ -47,7 +47,7 @@ struct Service {
 // one message at a time with any number of workers. All that waits for it shares one task; if a
 // full queue loses that, it goes on waiting until the next message. For other topics both are the
 // same.
-enum class Delivery { AtOnce, Queued };
+enum class Delivery { Direct, Queued };
 
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Publisher {
@@ -74,7 +74,8 @@ class Subscriber {
   // `keep` is for what is queued.
   template <typename Callable>
   [[nodiscard]] ZORVIX_INLINED Subscriber(const Topic<Message, kType>& topic, Callable callable,
-                                          Delivery delivery = Delivery::AtOnce, Keep keep = {}) {
+                                          Delivery delivery = Delivery::Direct,
+                                          KeepLast keep = {}) {
     static_assert(kCalls<Callable>, "a subscriber is called with a const Message&");
     if (kType == bridge::BridgeType::Sync && delivery == Delivery::Queued) {
       registration_ = std::make_shared<detail::Queued<Message>>(
@@ -87,7 +88,7 @@ class Subscriber {
   // From the inbox.
   template <typename Callable>
   [[nodiscard]] ZORVIX_INLINED Subscriber(const Topic<Message, kType>& topic, Callable callable,
-                                          Inbox& inbox, Keep keep = {})
+                                          Inbox& inbox, KeepLast keep = {})
       : registration_(std::make_shared<detail::Boxed<Message>>(
             std::static_pointer_cast<detail::Box>(inbox.box_), topic.name,
             detail::MakeLine<Message>(topic.name, std::move(callable), keep))) {
