@@ -14,8 +14,8 @@ grep -x CMAKE_BUILD_TYPE:STRING=Release build/CMakeCache.txt
 cmake --build build
 cmake --install build --prefix 'installed here'
 rm -rf build
-[ "$(ls 'installed here/include/zorvix')" = \
-  "$(cd "$source" && basename -a common/zorvix/*.h typed/zorvix/*.h | sort)" ]
+[ "$(cd 'installed here/include/zorvix' && find . -name '*.h' | sort)" = \
+  "$(cd "$source" && (cd common/zorvix && find . -name '*.h'; cd ../../typed/zorvix && find . -name '*.h') | sort)" ]
 
 consume() { # FOLDER [CMAKE-OPTION...]
   cmake -S "$source/packaging/consumer" -B "$@"

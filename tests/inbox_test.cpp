@@ -56,7 +56,7 @@ class Inboxes : public Bridge {
     EXPECT_EQ(room_->inbox->Wait(std::chrono::milliseconds(0)), ready);
     pollfd descriptor{Any(20) == 0 ? room_->inbox->fd() : -1, POLLIN, 0};
     EXPECT_EQ(poll(&descriptor, 1, 0), descriptor.fd >= 0 && ready);
-    EXPECT_EQ(Count(TakeLog(), "(room.h"), std::exchange(lines_, 0));
+    EXPECT_EQ(Count(TakeLog(), "(queue.h"), std::exchange(lines_, 0));
   }
 
   void Do(int what) {

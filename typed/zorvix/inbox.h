@@ -1,108 +1,168 @@
-// Inboxes: places of one's own in which messages wait until a thread that the owner chooses drains
-// them. They never touch the bridge's queue.
+// Inboxes: pending messages, requests, answers and tasks for a thread of the user's choice. They do
+// not use the bridge's queue.
 //
 //   zorvix::Inbox inbox;
 //   zorvix::Subscriber show(kSamples, [](const Sample& sample) { ... }, inbox,
-//   zorvix::KeepLast{1}); inbox.Drain();  // once a frame, or when inbox.fd() is readable
+//                           zorvix::KeepLast{1});
+//   inbox.Drain();  // once a frame, or when inbox.fd() is readable
 //
-// Callables run inside Drain and nowhere else, one at a time whoever drains, in the order in which
-// what they get came to the inbox. One that throws a std::exception is logged and contained;
-// anything else it throws leaves Drain, and what waits goes on waiting.
+// Callables are invoked inside Drain and nowhere else, one at a time, whichever thread drains. Each
+// subscriber gets its messages in the order in which they arrived. Across subscribers, too, the
+// order is that of arrival, until a subscriber drops messages: its next message then takes the turn
+// of the dropped one. A callable that throws a std::exception is logged and the drain goes on;
+// anything else it throws leaves Drain, and the other messages stay pending.
 #ifndef ZORVIX_INBOX_H_
 #define ZORVIX_INBOX_H_
 
-#include <zorvix/room.h>
+#include <zorvix/detail/message_queue.h>
 
-#include <cstdlib>
-#include <thread>
+#include <functional>
 
 namespace zorvix {
 
 namespace detail ZORVIX_HIDDEN {
+
 // What an inbox shares with its subscribers.
-struct Box final : Room {
-  using Task = std::function<void()>;
-  const std::shared_ptr<Line> tasks = MakeLine<Task>(
-      "task of an inbox", [](const Task& task) { task(); }, KeepLast{~std::size_t{0}});
+class InboxMailbox final : public Mailbox {
+ public:
+  using Mailbox::Mailbox;
 };
+
+struct InvokeTask {
+  void operator()(const std::function<void()>& task) const { task(); }
+};
+using TaskQueue = MessageQueue<std::function<void()>, InvokeTask>;
+
+struct InboxState {
+  explicit InboxState(const std::string& name)
+      : mailbox(std::make_shared<InboxMailbox>(name)),
+        tasks(std::make_shared<TaskQueue>("Inbox", name, mailbox, InvokeTask(), KeepAll())) {}
+  const std::shared_ptr<Mailbox> mailbox;
+  const std::shared_ptr<TaskQueue> tasks;
+};
+
+// The function of a thread. A type of its own, since a lambda in a visible class would leave the
+// standard library's code for threads visible.
+template <typename Object>
+struct RunObject {
+  void operator()() const { object->Run(); }
+  Object* object;
+};
+
 }  // namespace detail
 
-// Owns no thread. Any thread may call it at any time, but none may be inside when it goes, unless
-// it goes in its own drain. It may go before its subscribers: they drop what comes then. Memory is
-// bounded by what they keep. Another module's subscribers must go before their module does.
+// Any thread may call any function at any time. The destructor discards what is pending; no other
+// thread may be inside a function then, but a callable of a drain may destroy the inbox. The inbox
+// may be destroyed before its subscribers, servers and clients: what arrives later is ignored, and
+// pending requests are answered with none. After fork, the child must not drain a copy: both
+// processes share the descriptor.
 class Inbox {
  public:
-  ZORVIX_HIDDEN Inbox() : box_(std::make_shared<detail::Box>()) {}
-  ZORVIX_HIDDEN ~Inbox() { box().Shut(); }
+  // The name appears in log lines about tasks, and in traces.
+  ZORVIX_HIDDEN explicit Inbox(const std::string& name = "inbox")
+      : state_(std::make_shared<detail::InboxState>(name)) {}
+  ZORVIX_HIDDEN ~Inbox() { state().mailbox->Shut(); }
   Inbox(const Inbox&) = delete;
   Inbox& operator=(const Inbox&) = delete;
 
-  // Runs what waited when it began, on this thread, and returns how many that were. What comes
-  // meanwhile is the next one's. A second drain at a time, or a nested one, returns 0 at once.
+  // Invokes the callables for what is pending now, on this thread, and returns how many it has
+  // invoked. What arrives meanwhile is left to the next drain. Returns 0 while another drain is in
+  // progress, also on this thread.
   ZORVIX_HIDDEN std::size_t Drain() {
-    const auto outlives_this = box_;
-    return box().Drain();
+    const auto mailbox = state().mailbox;  // a callable may destroy the inbox
+    return mailbox->Drain([] { return true; });
   }
 
-  // Blocks until something waits and nobody drains, or for that long; negative: without limit.
-  // Returns whether something waits.
-  ZORVIX_HIDDEN bool Wait(std::chrono::milliseconds at_most) const {
-    return box().Wait(detail::Deadline(at_most), false);
+  // Does the same, but begins no further invocation once that time is over, after one at least. The
+  // rest stays pending, in order.
+  ZORVIX_HIDDEN std::size_t Drain(std::chrono::milliseconds limit) {
+    const auto mailbox = state().mailbox;
+    const auto end = detail::Deadline(limit);
+    return mailbox->Drain([end] { return detail::Clock::now() < end; });
   }
 
-  // Returns a descriptor that is readable while something waits and nobody drains: for poll, epoll
-  // or ALooper_addFd, not to be read or closed. The first call makes it; without, nothing costs a
-  // system call. Throws std::system_error when there is none to be had.
-  ZORVIX_HIDDEN int fd() const { return box().fd(); }
-
-  // Has `task` run in a drain, after what waits already. Tasks are not lost, however many wait.
-  ZORVIX_HIDDEN void Post(std::function<void()> task) {
-    box().Push(box().tasks, detail::Pack(std::move(task)));
+  // Blocks until something is pending and no drain is in progress, or for that long; a negative
+  // limit means without limit. Returns whether that is so.
+  ZORVIX_HIDDEN bool Wait(std::chrono::milliseconds limit) const {
+    return state().mailbox->Wait(detail::Deadline(limit), false);
   }
+
+  // Returns a descriptor for poll, epoll or ALooper_addFd. It is readable while something is
+  // pending and no drain is in progress. Do not read or close it. It is created by the first call;
+  // without it, no function makes a system call for it. Throws std::system_error.
+  ZORVIX_HIDDEN int fd() const { return state().mailbox->fd(); }
+
+  // Has the task invoked in a drain, in its turn. Tasks are never dropped.
+  ZORVIX_HIDDEN void Post(std::function<void()> task) { state().tasks->Push(std::move(task)); }
 
  private:
   friend class InboxThread;
   template <typename Message, bridge::BridgeType kType>
   friend class Subscriber;
+  template <typename Request, typename Response, bridge::BridgeType kType>
+  friend class Server;
+  template <typename Request, typename Response, bridge::BridgeType kType>
+  friend class Client;
   template <typename Value>
   friend class Watcher;
-  ZORVIX_HIDDEN detail::Box& box() const { return *static_cast<detail::Box*>(box_.get()); }
+  ZORVIX_HIDDEN detail::InboxState& state() const {
+    return *static_cast<detail::InboxState*>(state_.get());
+  }
 
-  const std::shared_ptr<void> box_;
+  const std::shared_ptr<void> state_;
 };
 
-// Drains an inbox, which must outlive it, on a thread of its own. Nobody else should drain that.
+// Drains an inbox on a thread of its own. The inbox must live longer. No other thread should drain
+// it meanwhile.
 class InboxThread {
  public:
+  // Throws std::system_error if the thread cannot be started.
   [[nodiscard]] ZORVIX_HIDDEN explicit InboxThread(Inbox& inbox)
-      : inbox_(inbox), thread_([this] { Run(); }) {}
-  // Runs what waits, then joins. On its own thread it ends the process, with an ERROR.
-  ZORVIX_HIDDEN ~InboxThread() {
-    if (thread_.get_id() == std::this_thread::get_id()) {
-      BRIDGE_LOG(bridge::kLogError, "an InboxThread is destroyed by what it runs");
-      std::abort();
-    }
-    {
-      const std::lock_guard lock(inbox_.box().mutex);
-      stop_ = true;
-    }
-    inbox_.box().changed.notify_all();
-    thread_.join();
-  }
+      : mailbox_(inbox.state().mailbox), thread_(detail::RunObject<InboxThread>{this}) {}
+  // As Stop without a limit.
+  ZORVIX_HIDDEN ~InboxThread() { Stop(std::chrono::milliseconds(-1)); }
   InboxThread(const InboxThread&) = delete;
   InboxThread& operator=(const InboxThread&) = delete;
 
- private:
-  ZORVIX_HIDDEN void Run() {
-    while (!stop_) {
-      inbox_.box().Wait(detail::Deadline(std::chrono::milliseconds(-1)), stop_);
-      inbox_.Drain();
+  // Processes what is pending for at most that long, then ends the thread; a negative limit means
+  // without limit. Blocks until an invocation in progress has returned. Returns whether everything
+  // was processed: the rest stays in the inbox, for whoever drains it next. Called again, it does
+  // nothing and returns the same. Must not be called by two threads at the same time. Called on the
+  // inbox's own thread, it logs an ERROR and ends the process.
+  ZORVIX_HIDDEN bool Stop(std::chrono::milliseconds limit) {
+    if (!thread_.joinable()) return processed_all_;
+    if (thread_.get_id() == std::this_thread::get_id()) {
+      ZORVIX_LOG("inbox.h", bridge::kLogError,
+                 "an InboxThread is stopped by a callable it invokes");
+      std::abort();
     }
-    inbox_.Drain();  // what came behind the one before
+    end_ = detail::Deadline(limit);
+    mailbox()->Stop(stop_);
+    thread_.join();
+    return processed_all_;
   }
 
-  Inbox& inbox_;
+ private:
+  friend struct detail::RunObject<InboxThread>;
+  ZORVIX_HIDDEN std::shared_ptr<detail::Mailbox> mailbox() const {
+    return std::static_pointer_cast<detail::Mailbox>(mailbox_);
+  }
+  ZORVIX_HIDDEN void Run() {
+    const auto mailbox = this->mailbox();
+    const auto may_go_on = [this] { return !stop_ || detail::Clock::now() < end_; };
+    while (!stop_) {
+      mailbox->Wait(detail::Deadline(std::chrono::milliseconds(-1)), stop_);
+      mailbox->Drain(may_go_on);
+    }
+    // What arrived during the last drain.
+    if (may_go_on()) mailbox->Drain(may_go_on);
+    processed_all_ = !mailbox->ready();
+  }
+
+  const std::shared_ptr<void> mailbox_;
   std::atomic<bool> stop_{false};
+  detail::Clock::time_point end_;  // written before stop_
+  bool processed_all_ = false;
   std::thread thread_;
 };
 

@@ -1,176 +1,140 @@
-// Handles with types: endpoints of the bridge as objects that live as long as their registration.
+// Typed handles for the bridge. A handle registers in its constructor and unregisters in its
+// destructor.
 //
 //   const zorvix::Topic<Sample> kSamples{"samples"};  // in a header that modules share
 //   zorvix::Subscriber print(kSamples, [](const Sample& sample) { ... });
 //   zorvix::Publisher(kSamples).Publish({1, 0.5});
 //
-// Modules with and without handles meet under the same names. A handle can be moved, by one thread
-// at a time; what it was moved from does nothing. The last participant of a name takes it along. A
+// Handles and endpoints without handles match by the same names. Any thread may use a handle. A
 // constructor that throws leaves nothing behind; a destructor that cannot allocate ends the
 // process.
 //
-// When the destructor of a Subscriber or Server returns, its callable runs on no other thread and
-// never runs again, whatever is under way or queued. So it waits for runs on other threads, with a
-// WARN after a second, and deadlocks by nature with a lock held for which the callable waits, and
-// when two callables destroy each other's handles. A callable may destroy its own handle, may be
-// entered by many threads, and may run before the constructor of its handle has returned. One that
-// suspends a fiber must not resume on another thread: runs are told apart by their threads.
+// Lifetime: once the destructor of a Subscriber or Server has returned, its callable is not running
+// on any other thread and is not invoked again, not even for messages that were published or queued
+// earlier. The destructor therefore blocks while another thread is inside the callable; after one
+// second it logs a WARN with the endpoint's name. Do not destroy a handle while holding a lock that
+// its callable takes, and do not let two callables destroy each other's handles. A callable may
+// destroy its own handle.
 //
-// The bridge dies at process exit, before every static object that was there when it was first
-// used. Handles must go before: a static one inside a function that has used the bridge does, a
-// global std::optional that main fills does not unless main empties it.
+// Callables: a callable with direct delivery may be entered by several threads at the same time,
+// and before the constructor of its handle has returned. It must return on the thread that invoked
+// it, which matters to fibers. A std::exception that it throws is logged and contained.
+//
+// Moving: a handle may be moved, but not by two threads at the same time. A moved-from handle does
+// nothing.
+//
+// Exit: the bridge is destroyed at process exit, before every static object that existed when the
+// bridge was first used. Destroy handles before. A function-local static handle in a function that
+// has used the bridge is destroyed early enough; a global std::optional that main fills is not,
+// unless main empties it.
 #ifndef ZORVIX_TYPED_H_
 #define ZORVIX_TYPED_H_
 
-#include <zorvix/endpoint.h>
+#include <zorvix/client.h>
+#include <zorvix/detail/handle.h>
 #include <zorvix/inbox.h>
+#include <zorvix/topic.h>
+#include <zorvix/workers.h>
 
 namespace zorvix {
-
-// What modules agree on, in a header that they share. Messages, requests and responses are values
-// that can be copied and moved.
-template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
-struct Topic {
-  static_assert(detail::kTravels<Message>, "a message must be a value, to be copied and moved");
-  ZORVIX_HIDDEN ~Topic() = default;
-  std::string name;
-};
-template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
-struct Service {
-  static_assert(detail::kTravels<Request>, "a request must be a value, to be copied and moved");
-  static_assert(detail::kTravels<Response>, "a response must be a value, to be copied and moved");
-  ZORVIX_HIDDEN ~Service() = default;
-  std::string name;
-};
-
-// When a subscriber to a Sync topic runs. Queued: when the bridge's queue is drained, in order and
-// one message at a time with any number of workers. All that waits for it shares one task; if a
-// full queue loses that, it goes on waiting until the next message. For other topics both are the
-// same.
-enum class Delivery { Direct, Queued };
 
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Publisher {
  public:
-  [[nodiscard]] ZORVIX_HIDDEN explicit Publisher(const Topic<Message, kType>& topic)
-      : end_(detail::Join(detail::Describe(topic.name, kType))) {}
+  [[nodiscard]] ZORVIX_HIDDEN explicit Publisher(const Topic<Message, kType>& topic,
+                                                 Audience audience = Audience::Expected)
+      : sender_(detail::MakePublisher(topic.name, kType, audience)) {}
   ZORVIX_MOVE_ONLY(Publisher);
 
-  // Returns whether there was a subscriber. A Sync topic blocks for as long as its subscribers do;
-  // of the subscribers of a queued one only the first gets the message.
+  // Returns whether there was a subscriber; always true with Audience::Optional. A Sync topic
+  // blocks while subscribers with direct delivery are invoked. Of the subscribers of an Async or
+  // SignleAsync topic only the first gets the message.
   ZORVIX_HIDDEN bool Publish(Message message) const {
+    const auto* const sender = static_cast<const detail::Sender*>(sender_.get());
+    if (sender == nullptr) return false;
+    const detail::Section section(sender->process, "Publish", sender->name);
     std::any any(std::in_place_type<Message>, std::move(message));
-    return end_ && detail::Bridge().Publish(end_, std::move(any));
+    return detail::Bridge().Publish(sender->participant.control, std::move(any));
   }
 
  private:
-  detail::Endpoint end_;
+  std::shared_ptr<void> sender_;
 };
 
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Subscriber {
  public:
-  // Runs callable(const Message&) for each message but those of another type, which are logged.
-  // `keep` is for what is queued.
+  // Invokes callable(const Message&) for each message. A message of another type is logged instead.
+  // The depth applies to Delivery::Queued. A queued subscriber gets its messages in order and one
+  // at a time, with any number of workers. Both delivery and depth apply to Sync topics only.
   template <typename Callable>
   [[nodiscard]] ZORVIX_INLINED Subscriber(const Topic<Message, kType>& topic, Callable callable,
                                           Delivery delivery = Delivery::Direct,
                                           KeepLast keep = {}) {
-    static_assert(kCalls<Callable>, "a subscriber is called with a const Message&");
+    static_assert(kIsCallable<Callable>, "a subscriber is called with a const Message&");
+    detail::CheckedDepth(keep);
     if (kType == bridge::BridgeType::Sync && delivery == Delivery::Queued) {
-      registration_ = std::make_shared<detail::Queued<Message>>(
-          topic.name, detail::MakeLine<Message>(topic.name, std::move(callable), keep));
+      registration_ = detail::SubscribeWithMailbox<Message>(
+          topic.name, detail::MakeQueuedMailbox(topic.name), std::move(callable), keep);
     } else {
-      registration_ = std::make_shared<detail::Subscription>(
-          topic.name, kType, detail::Receive<Message>(topic.name, std::move(callable)));
+      registration_ = detail::SubscribeDirectly<Message>(topic.name, kType, std::move(callable));
     }
   }
-  // From the inbox.
+
+  // Invokes the callable in drains of the inbox.
   template <typename Callable>
   [[nodiscard]] ZORVIX_INLINED Subscriber(const Topic<Message, kType>& topic, Callable callable,
                                           Inbox& inbox, KeepLast keep = {})
-      : registration_(std::make_shared<detail::Boxed<Message>>(
-            std::static_pointer_cast<detail::Box>(inbox.box_), topic.name,
-            detail::MakeLine<Message>(topic.name, std::move(callable), keep))) {
-    static_assert(kType == bridge::BridgeType::Sync, "only what comes at once can go to an inbox");
-    static_assert(kCalls<Callable>, "a subscriber is called with a const Message&");
+      : registration_(detail::SubscribeWithMailbox<Message>(topic.name, inbox.state().mailbox,
+                                                            std::move(callable), keep)) {
+    static_assert(kType == bridge::BridgeType::Sync, "only a Sync topic can have an inbox");
+    static_assert(kIsCallable<Callable>, "a subscriber is called with a const Message&");
   }
   ZORVIX_MOVE_ONLY(Subscriber);
 
  private:
   template <typename Callable>
-  static constexpr bool kCalls = std::is_invocable_v<Callable&, const Message&>;
+  static constexpr bool kIsCallable = std::is_invocable_v<Callable&, const Message&>;
   std::shared_ptr<void> registration_;
 };
 
-// A service has one server; a later one takes over, with a line in the log. Handles of one name
-// come and go in any order, and none takes another along. Beside a server without a handle one
-// does, if that took over while calls to the handle's were queued or under way; so it is among
-// handles, too, where a participant without one was the first under the name.
+// A service has one server at a time. A new server replaces the current one, and the bridge logs a
+// WARN. Server handles of one service may be destroyed in any order: destroying a handle that was
+// replaced does not remove its successor.
+//
+// Limitation: this is not guaranteed when a server without a handle (Zorvix::RegisterServer) is
+// involved: if it has replaced a handle that still has calls in progress, or if a participant
+// without a handle was the first to use the name, destroying the handle may remove that server.
 template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Server {
  public:
-  // Answers each call with callable(const Request&).
+  // Answers each call with callable(const Request&): of a Sync service on the caller's thread.
   template <typename Callable>
   [[nodiscard]] ZORVIX_INLINED Server(const Service<Request, Response, kType>& service,
                                       Callable callable)
-      : registration_(detail::Serve<Request, Response>(service.name, kType, std::move(callable))) {
-    static_assert(std::is_invocable_r_v<Response, Callable&, const Request&>,
+      : registration_(
+            detail::ServeDirectly<Request, Response>(service.name, kType, std::move(callable))) {
+    static_assert(kAnswers<Callable>,
+                  "a server is called with a const Request& and returns a Response");
+  }
+
+  // Answers in drains of the inbox. At most `keep` requests are pending: the oldest is dropped and
+  // answered with none. So are those that are pending when the server or the inbox is destroyed.
+  template <typename Callable>
+  [[nodiscard]] ZORVIX_INLINED Server(const Service<Request, Response, kType>& service,
+                                      Callable callable, Inbox& inbox, KeepLast keep = {})
+      : registration_(detail::ServeWithMailbox<Request, Response>(
+            service.name, inbox.state().mailbox, std::move(callable), keep)) {
+    static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
+    static_assert(kAnswers<Callable>,
                   "a server is called with a const Request& and returns a Response");
   }
   ZORVIX_MOVE_ONLY(Server);
 
  private:
+  template <typename Callable>
+  static constexpr bool kAnswers = std::is_invocable_r_v<Response, Callable&, const Request&>;
   std::shared_ptr<void> registration_;
-};
-
-template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
-class Client {
- public:
-  [[nodiscard]] ZORVIX_HIDDEN explicit Client(const Service<Request, Response, kType>& service)
-      : end_(detail::Join(detail::DescribeService(service.name, kType))) {}
-  ZORVIX_MOVE_ONLY(Client);
-
-  // Returns the answer as a std::optional<Response>: none when there is no server, or it throws or
-  // answers with another type. Of a queued service returns a std::future of it, which becomes ready
-  // in any case while the queue is drained; none also when the queue loses the call, or the server
-  // goes before its turn. A task that waits for it needs another worker that is free.
-  ZORVIX_HIDDEN auto Call(Request request) const {
-    std::any any(std::in_place_type<Request>, std::move(request));
-    if constexpr (kType == bridge::BridgeType::Sync) {
-      return detail::Call<Response>(end_, any);
-    } else {
-      return detail::CallLater<Response>(end_, std::move(any));
-    }
-  }
-
- private:
-  detail::Endpoint end_;
-};
-
-// Worker threads that drain the queue. One stop ends all workers of the process: those of every
-// object of this class and of every Spin. A thread that cannot be started ends the process.
-class Workers {
- public:
-  [[nodiscard]] ZORVIX_HIDDEN explicit Workers(unsigned long count) {
-    detail::Bridge();  // older than a static object of this class, so it dies later
-    left_ = std::async(std::launch::async, [=]() noexcept { detail::Bridge().Spin(count); });
-  }
-  // Blocks until the workers have left, however early it comes and however long a task takes. Those
-  // that have begun leave when they see the queue empty: never, while tasks post tasks or come
-  // faster than they run, so end first what posts. Must not be called by a task on one of them.
-  ZORVIX_HIDDEN ~Workers() {
-    // A stop may come before Spin has begun, and gives up on a long task.
-    for (std::chrono::milliseconds pause(1); left_.wait_for(pause) != std::future_status::ready;
-         pause *= 2) {
-      detail::Bridge().StopSpin();
-    }
-  }
-  Workers(const Workers&) = delete;
-  Workers& operator=(const Workers&) = delete;
-
- private:
-  std::future<void> left_;
 };
 
 }  // namespace zorvix

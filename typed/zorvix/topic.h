@@ -1,0 +1,27 @@
+// Topics and services: what modules agree on, in a header that they share.
+#ifndef ZORVIX_TOPIC_H_
+#define ZORVIX_TOPIC_H_
+
+#include <zorvix/detail/endpoint.h>
+
+namespace zorvix {
+
+// Messages, requests and responses are values that can be copied and moved.
+template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
+struct Topic {
+  static_assert(detail::kIsValue<Message>, "a message must be a value, to be copied and moved");
+  ZORVIX_HIDDEN ~Topic() = default;
+  std::string name;
+};
+
+template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
+struct Service {
+  static_assert(detail::kIsValue<Request>, "a request must be a value, to be copied and moved");
+  static_assert(detail::kIsValue<Response>, "a response must be a value, to be copied and moved");
+  ZORVIX_HIDDEN ~Service() = default;
+  std::string name;
+};
+
+}  // namespace zorvix
+
+#endif  // ZORVIX_TOPIC_H_
