@@ -96,7 +96,7 @@ class Watcher {
   static constexpr bool kIsCallable = std::is_invocable_v<Callable&, const Value&>;
   ZORVIX_HIDDEN explicit Watcher(std::shared_ptr<void> watch) : watch_(std::move(watch)) {}
   ZORVIX_HIDDEN detail::WatchQueue& queue() const {
-    return **static_cast<detail::Watch*>(watch_.get())->owner;
+    return static_cast<detail::Watch*>(watch_.get())->queue();
   }
   std::shared_ptr<void> watch_;
 };

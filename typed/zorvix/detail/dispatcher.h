@@ -18,8 +18,9 @@ class QueuedMailbox final : public Mailbox {
 
  private:
   friend class Dispatcher;
-  void AfterPush() override;
-  void AfterClose() override;
+  // Inline here, or every file that includes this would have the code.
+  inline void AfterPush() override;
+  inline void AfterClose() override;
 
   const std::shared_ptr<Dispatcher> dispatcher_;
   // Written under the dispatcher's mutex:

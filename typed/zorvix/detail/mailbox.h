@@ -25,9 +25,9 @@ namespace detail ZORVIX_HIDDEN {
 
 class Mailbox : public std::enable_shared_from_this<Mailbox> {
  public:
-  // The name is that of its counter in traces; none: no counter.
+  // Without a name, it has no counter in traces.
   explicit Mailbox(const std::string& name)
-      : process_(ThisProcess()), counter_name_(name.empty() ? "" : "pending " + name) {}
+      : process_(ThisProcess()), counter_name_(CounterName(name)) {}
   virtual ~Mailbox() {
     if (fd_ >= 0) close(fd_);
   }
@@ -92,6 +92,11 @@ class Mailbox : public std::enable_shared_from_this<Mailbox> {
   void EndInvocation(Lock& lock) ZORVIX_NO_THREAD_SAFETY_ANALYSIS;
   void EndDrain() ZORVIX_REQUIRES(mutex_);
   void UpdateReadiness() ZORVIX_REQUIRES(mutex_);
+  static std::string CounterName(const std::string& name) {
+    if (name.empty()) return {};
+    return "pending " + name + ", " + ModuleName();
+  }
+  // Called under the mutex, so that the counter never shows an older number after a later one.
   void Trace(std::size_t pending) const {
     if (process_.set_counter == nullptr || !process_.IsTracing() || counter_name_.empty()) return;
     process_.set_counter(counter_name_.c_str(), static_cast<std::int64_t>(pending));

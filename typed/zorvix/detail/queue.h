@@ -44,9 +44,8 @@ class Queue : public Record, public std::enable_shared_from_this<Queue> {
     mailbox_->UpdateReadiness();
   }
   void Unlock(Lock& lock) const ZORVIX_NO_THREAD_SAFETY_ANALYSIS {
-    const std::size_t pending = turns().size();
+    mailbox_->Trace(turns().size());
     lock.unlock();
-    mailbox_->Trace(pending);
   }
   void AfterPush() const { mailbox_->AfterPush(); }
 

@@ -206,19 +206,28 @@ class DirectMailbox final : public Mailbox {
   }
 };
 
-using Watch = Receiver<WatchQueue, Subscription>;
+struct Watch {
+  template <typename Function>
+  Watch(std::shared_ptr<WatchQueue> queue, const std::string& name, Function push)
+      : client(DescribeService(StateName(name), bridge::BridgeType::Sync)),
+        receiver(std::move(queue), StateName(name), bridge::BridgeType::Sync, std::move(push)) {}
 
-// Pushes the holder's version, if there is a holder.
-inline void AskHolder(WatchQueue& queue, const std::type_info& type) {
-  const Participant client(DescribeService(StateName(queue.name), bridge::BridgeType::Sync));
-  Version latest;
-  const std::any request(&type);
-  Bridge().Call(client.control, [&](auto& serve) {
-    std::any response(&latest);
-    serve(request, response);
-  });
-  queue.Push(std::move(latest));
-}
+  WatchQueue& queue() const { return **receiver.owner; }
+
+  // Pushes the holder's version, if there is a holder.
+  void AskHolder(const std::type_info& type) const {
+    Version latest;
+    const std::any request(&type);
+    Bridge().Call(client.control, [&](auto& serve) {
+      std::any response(&latest);
+      serve(request, response);
+    });
+    queue().Push(std::move(latest));
+  }
+
+  const Participant client;
+  const Receiver<WatchQueue, Subscription> receiver;
+};
 
 template <typename Value, typename Callable>
 std::shared_ptr<void> MakeWatcher(const std::string& name, std::shared_ptr<Mailbox> mailbox,
@@ -232,8 +241,8 @@ std::shared_ptr<void> MakeWatcher(const std::string& name, std::shared_ptr<Mailb
     }
     queue->Push(version);
   };
-  auto watch = std::make_shared<Watch>(queue, StateName(name), bridge::BridgeType::Sync, push);
-  AskHolder(*queue, typeid(Value));
+  auto watch = std::make_shared<Watch>(queue, name, push);
+  watch->AskHolder(typeid(Value));
   return watch;
 }
 
