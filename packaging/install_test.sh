@@ -17,11 +17,18 @@ rm -rf build
 [ "$(cd 'installed here/include/zorvix' && find . -name '*.h' | sort)" = \
   "$(cd "$source" && (cd common/zorvix && find . -name '*.h'; cd ../../typed/zorvix && find . -name '*.h') | sort)" ]
 
+stays_loaded() { # MODULE
+  readelf -d "$1" | grep 'FLAGS_1.*NODELETE'
+}
+
 consume() { # FOLDER [CMAKE-OPTION...]
   cmake -S "$source/packaging/consumer" -B "$@"
   cmake --build "$1"
   cmake --install "$1" --prefix "$1/installed"
   "$1/installed/bin/consumer" | grep -x message
+  stays_loaded "$1/libmodule.so"
+  if stays_loaded "$1/libunloadable.so"; then exit 1; fi
+  if nm -D --defined-only "$1/libunloadable.so" | grep ' _ZNSt'; then exit 1; fi
 }
 consume find_package -DCMAKE_PREFIX_PATH="$work/installed here"
 consume FetchContent -DZORVIX_SOURCE="$source" "$@"
@@ -33,5 +40,8 @@ cmake --install FetchContent --prefix part --component zorvix
 
 # The guide's line, evaluated twice because of the space in what pkg-config prints.
 cp "$source/packaging/consumer/main.cpp" .
-eval "$(eval "echo \"$(grep '^c++ .*pkg-config' "$source/docs/guide.md")\"")"
+line=$(eval "echo \"$(grep '^c++ .*pkg-config' "$source/docs/guide.md")\"")
+eval "$line"
 ./main
+eval "$line -shared -fPIC -o module.so"
+stays_loaded module.so
