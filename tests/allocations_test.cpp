@@ -109,7 +109,7 @@ TEST_F(Bridge, HandleThatCannotBeBuiltLeavesNothingBehind) {
       more = std::exchange(failing, 0) != 0;
       TakeLog();
       for (const int i : {0, 1, 2, 3}) {
-        auto end = End(name, BridgeModule{i / 2}, BridgeType{i % 2});
+        auto end = MakeControl(name, BridgeModule{i / 2}, BridgeType{i % 2});
         ZorvixUnregisterPublisher(end);
       }
       EXPECT_EQ(Count(TakeLog(), "E: Unregister"), 4u) << "no such names";

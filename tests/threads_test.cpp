@@ -133,7 +133,8 @@ TEST_F(Bridge, BooksBalanceWhenEverythingRunsAtOnce) {
       const BridgeType type{round % 3};
       const bool queues = type != BridgeType::Sync;
       Endpoint ends[4];
-      for (auto& end : ends) end = End(queues ? own : "shared", BridgeModule{round / 3 % 2}, type);
+      for (auto& end : ends)
+        end = MakeControl(queues ? own : "shared", BridgeModule{round / 3 % 2}, type);
       ZorvixRegisterPublisher(ends[0]);
       ZorvixRegisterSubscriber(ends[1], subscriber);
       queued += ZorvixPublish(ends[0], own) && queues;
