@@ -1,8 +1,8 @@
-// A walk of random operations that the bridge and a plain model of it take in step, on one thread.
-#include <cctype>
-#include <cstring>
+// Random walks: the bridge and a plain model of it execute the same operations, on one thread, and
+// must return the same, log the same and own the same.
 #include <list>
 #include <map>
+#include <numeric>
 #include <random>
 
 #include "bridge_test.h"
@@ -10,193 +10,307 @@
 namespace {
 
 using bridge::Control;
+using bridge::RequestCallback;
+using bridge::ServerCallback;
+using bridge::SubscriberCallback;
 
-struct Operation {
-  char kind;  // as in Real
-  Endpoint& end;
-  std::shared_ptr<void> receiver;  // a ServerFunction for V, else a SubscriberFunction
-  std::any message;
-  bridge::RequestCallback request;
-  unsigned long number;
-};
-
-// Through the flat functions where there is one.
+// The bridge, through its flat functions.
 struct Real {
-  static bool Do(Operation& op) {
-    auto& bridge = Zorvix::GetInstance();
-    const auto subscriber = std::static_pointer_cast<SubscriberFunction>(op.receiver);
-    const auto server = std::static_pointer_cast<ServerFunction>(op.receiver);
-    if (op.kind == 'P') ZorvixRegisterPublisher(op.end);
-    if (op.kind == 'p') ZorvixUnregisterPublisher(op.end);
-    if (op.kind == 'C') ZorvixRegisterClient(op.end);
-    if (op.kind == 'c') ZorvixUnregisterClient(op.end);
-    if (op.kind == 'S') ZorvixRegisterSubscriber(op.end, subscriber);
-    if (op.kind == 's') ZorvixUnregisterSubscriber(op.end, Handle(subscriber));
-    if (op.kind == 'V') ZorvixRegisterServer(op.end, server);
-    if (op.kind == 'v' && op.number == 0) ZorvixUnregisterServer(op.end);
-    if (op.kind == 'v' && op.number != 0) bridge.UnregisterServer(op.end, op.number);
-    if (op.kind == 'a') bridge.SignleAsyncAutoRemove(op.end, subscriber);
-    if (op.kind == '*') op.number == 0 ? ZorvixSpinOnce() : bridge.SpinOnce();
-    if (op.kind == '1') return ZorvixRunOneceStep();
-    if (op.kind == '!') return ZorvixPublish(op.end, std::move(op.message));
-    return op.kind == '?' && ZorvixCall(op.end, std::move(op.request));
+  static constexpr auto RegisterPublisher = ZorvixRegisterPublisher;
+  static constexpr auto UnregisterPublisher = ZorvixUnregisterPublisher;
+  static constexpr auto RegisterSubscriber = ZorvixRegisterSubscriber;
+  static constexpr auto UnregisterSubscriber = ZorvixUnregisterSubscriber;
+  static constexpr auto Publish = ZorvixPublish;
+  static constexpr auto RegisterClient = ZorvixRegisterClient;
+  static constexpr auto UnregisterClient = ZorvixUnregisterClient;
+  static constexpr auto RegisterServer = ZorvixRegisterServer;
+  static constexpr auto UnregisterServer = ZorvixUnregisterServer;
+  static constexpr auto Call = ZorvixCall;
+  static constexpr auto RunOneceStep = ZorvixRunOneceStep;
+  static constexpr auto SpinOnce = ZorvixSpinOnce;
+  static void SignleAsyncAutoRemove(const Endpoint& control, const SubscriberCallback& callback) {
+    Zorvix::GetInstance().SignleAsyncAutoRemove(control, callback);
   }
 };
 
-// The same as the bridge's header tells it, for one thread.
+// What the comments in zorvix.h promise, for one thread.
 class Model {
  public:
-  bool Do(Operation& op) {
-    if (op.kind == '1') return RunOne();
-    for (bool more = op.kind == '*'; more;) more = RunOne();
-    if (std::strchr("*=0", op.kind)) return false;
-    if (op.kind == 'a') return DropOneShot(op.end.get(), op.receiver);
-    const auto failed = (op.kind == 'p' || op.kind == 'c' ? "W: " : "E: ") + Failed(op.kind);
-    if (!op.end) return Say(failed + "control is nullptr!");
-    if (op.kind == '!' && !op.message.has_value()) return Say(failed + "message is empty!");
-    if (std::strchr("SV", op.kind) && !op.receiver) return Say(failed + "callback is nullptr!");
-    const auto name = Name(*op.end);
-    if (std::isalpha(op.kind)) return std::isupper(op.kind) ? Join(op, name) : Leave(op, name);
-    return Deliver(op, name);
+  void RegisterPublisher(Endpoint& control) { Join(control, "RegisterPublisher"); }
+  void RegisterClient(Endpoint& control) { Join(control, "RegisterClient"); }
+  void UnregisterPublisher(Endpoint& control) {
+    if (LogIf(!control, "W: UnregisterPublisher failed, control is nullptr!")) return;
+    Leave(control, "UnregisterPublisher", "real_topic_name: ");
   }
-  bool Say(const std::string& text, const std::string& name = "") {  // up to its first zero byte
-    return AddLine((text + name.c_str()).substr(0, 3 + 1023)), false;
+  void UnregisterClient(Endpoint& control) {
+    if (LogIf(!control, "W: UnregisterClient failed, control is nullptr!")) return;
+    Leave(control, "UnregisterClient", "real_name: ");
   }
 
- private:
-  using Receiver = std::shared_ptr<void>;
+  void RegisterSubscriber(Endpoint& control, const SubscriberCallback& callback) {
+    if (!Join(control, "RegisterSubscriber", callback != nullptr)) return;
+    subscribers_[control.get()].push_back(callback);
+  }
+  void UnregisterSubscriber(Endpoint& control, unsigned long callback_handle) {
+    if (LogIf(!control, "E: UnregisterSubscriber failed, control is nullptr!")) return;
+    const Control* const key = control.get();
+    const auto [others, name] = Leave(control, "UnregisterSubscriber", "real_topic_name: ");
+    if (others == Others::kNone) subscribers_.erase(key);
+    if (others != Others::kSome) return;
+    const bool found = subscribers_.count(key) == 1;
+    RemoveSubscriber(key, callback_handle);
+    LogIf(!found, "I: callback not find, maybe has been unregistered, " + name);
+    LogIf(found && subscribers_.count(key) == 0, "I: callback_list has been clear, " + name);
+  }
 
-  bool Join(Operation& op, const std::string& name) {
-    auto& entry = names_.try_emplace(name, op.end).first->second;
-    if (entry.expired()) Say("W: register control is expired!"), entry = op.end;
-    op.end = entry.lock();
-    if (!std::strchr("SV", op.kind)) return false;
-    auto& receivers = receivers_[{op.end.get(), op.kind}];
-    receivers.push_back(op.receiver);
-    if (op.kind == 'S' || receivers.size() == 1) return false;
-    receivers.pop_front();
-    return Say("W: callback is motified, real_name: ", name);
+  void RegisterServer(Endpoint& control, const ServerCallback& callback) {
+    const auto name = Join(control, "RegisterServer", callback != nullptr);
+    if (!name) return;
+    auto& server = servers_[control.get()];
+    LogIf(server != nullptr, "W: callback is motified, real_name: " + Printed(*name));
+    server = callback;
   }
-  bool Leave(Operation& op, const std::string& name) {
-    const std::string what = op.kind == 's' || op.kind == 'p' ? "real_topic_name: " : "real_name: ";
-    const auto entry = names_.find(name);
-    auto& receivers = receivers_[{op.end.get(), std::toupper(op.kind)}];
-    op.end.reset();
-    if (entry == names_.end())
-      return Say("E: " + Failed(op.kind == 'v' ? 's' : op.kind) + what, name);
-    if (entry->second.expired()) {
-      names_.erase(entry);
-      receivers.clear();
-      return Say("I: control has been unregistered, " + what, name);
-    }
-    if (op.kind == 'p' || op.kind == 'c') return false;
-    if (receivers.empty())
-      return Say("I: callback not find, maybe has been unregistered, " + what, name);
-    op.kind == 'v' ? receivers.clear() : receivers.remove(op.receiver);
-    if (op.kind == 'v') return Say("I: callback has been unregistered, " + what, name);
-    return receivers.empty() && Say("I: callback_list has been clear, " + what, name);
+  void UnregisterServer(Endpoint& control) {
+    if (LogIf(!control, "E: UnregisterServer failed, control is nullptr!")) return;
+    const Control* const key = control.get();
+    const auto [others, name] = Leave(control, "UnregisterSubscriber", "real_name: ");
+    if (others == Others::kNone) servers_.erase(key);
+    if (others != Others::kSome) return;
+    const bool removed = servers_.erase(key) == 1;
+    LogIf(removed, "I: callback has been unregistered, " + name);
+    LogIf(!removed, "I: callback not find, maybe has been unregistered, " + name);
   }
-  bool Deliver(Operation& op, std::string name) {
-    const bool call = op.kind == '?';
-    const auto receivers = receivers_[{op.end.get(), call ? 'V' : 'S'}];
-    const auto type = op.end->bridge_type;
-    if (receivers.empty())
-      return call ? Say("W: Call failed, no server, server_name: ", name)
-                  : Say("W: Publish failed, no subscriber, name: ", op.end->name);
-    for (const auto& receiver : receivers) DropOneShot(op.end.get(), call ? nullptr : receiver);
-    if (type < BridgeType::Sync || type > BridgeType::SignleAsync)
-      return Say("E: Call failed, bridge_type is invalid!");
+
+  bool Publish(const Endpoint& control, std::any&& message) {
+    if (LogIf(!control, "E: Publish failed, control is nullptr!")) return false;
+    if (LogIf(!message.has_value(), "E: Publish failed, message is empty!")) return false;
+    auto name = RealName(*control);
+    const auto missing = "W: Publish failed, no subscriber, name: " + Printed(control->name);
+    if (LogIf(subscribers_.count(control.get()) == 0, missing)) return false;
+    const auto receivers = subscribers_[control.get()];
+    for (const auto& receiver : receivers) SignleAsyncAutoRemove(control, receiver);
+    if (!IsValid(control->bridge_type)) return false;
+    const bool sync = control->bridge_type == BridgeType::Sync;
     for (const auto& receiver : receivers) {
-      if (type == BridgeType::Sync) Run(call, receiver, op.message, op.request, name);
-      if (type == BridgeType::Sync) continue;
-      if (queue_.size() == 100) Say("W: event queue overflow, size: 100"), queue_.pop_front();
-      queue_.push_back(
-          [=, message = std::exchange(op.message, {}), request = std::exchange(op.request, {}),
-           name = std::exchange(name, "")] { Run(call, receiver, message, request, name); });
+      if (sync) {
+        Guard(*receiver, message, name, receiver.get());
+      } else {  // the first receiver takes the message and the name
+        Post([receiver, message = std::exchange(message, {}), name = std::exchange(name, {})] {
+          Guard(*receiver, message, name, receiver.get());
+        });
+      }
     }
     return true;
   }
-  bool DropOneShot(const Control* control, const Receiver& subscriber) {
-    if (control == nullptr) return Say("E: control is nullptr!");
-    if (control->bridge_type != BridgeType::SignleAsync) return false;
-    const auto module = control->bridge_module;
-    if (module == BridgeModule::Service) return receivers_[{control, 'V'}].clear(), false;
-    if (module != BridgeModule::Topic || !subscriber) return Say("E: bridge_module is invalid!");
-    return receivers_[{control, 'S'}].remove(subscriber), false;
+
+  bool Call(const Endpoint& control, RequestCallback&& request) {
+    if (LogIf(!control, "E: Call failed, control is nullptr!")) return false;
+    const auto name = RealName(*control);
+    const auto missing = "W: Call failed, no server, server_name: " + Printed(name);
+    if (LogIf(servers_.count(control.get()) == 0, missing)) return false;
+    const auto server = servers_[control.get()];
+    SignleAsyncAutoRemove(control, nullptr);
+    if (!IsValid(control->bridge_type)) return false;
+    if (control->bridge_type == BridgeType::Sync) {
+      Guard(request, *server, name, server.get());
+    } else {
+      Post([server, name, request = std::exchange(request, {})] {
+        Guard(request, *server, name, server.get());
+      });
+    }
+    return true;
   }
-  bool RunOne() {
+
+  void SignleAsyncAutoRemove(const Endpoint& control, const SubscriberCallback& callback) {
+    if (LogIf(!control, "E: control is nullptr!")) return;
+    if (control->bridge_type != BridgeType::SignleAsync) return;
+    if (control->bridge_module == BridgeModule::Service) {
+      servers_.erase(control.get());
+    } else if (control->bridge_module == BridgeModule::Topic && callback) {
+      RemoveSubscriber(control.get(), Handle(callback));
+    } else {
+      LogLine("E: bridge_module is invalid!");
+    }
+  }
+
+  bool RunOneceStep() {
     if (queue_.empty()) return false;
     const auto task = std::move(queue_.front());
     queue_.pop_front();
-    Say("I: event queue size: " + std::to_string(queue_.size()));
-    return task(), true;
+    LogLine("I: event queue size: " + std::to_string(queue_.size()));
+    task();
+    return true;
   }
-  void Run(bool call, const Receiver& receiver, const std::any& message,
-           const bridge::RequestCallback& request, const std::string& name) {
-    const std::string macro = "_LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION";
-    const auto who = std::string(", real_name: ") + name.c_str() +
-                     ", callback_handle: " + testing::PrintToString(receiver.get());
-    try {
-      call ? request(*static_cast<ServerFunction*>(receiver.get()))
-           : (*static_cast<SubscriberFunction*>(receiver.get()))(message);
-    } catch (const std::bad_cast& error) {
-      Say("E: error: ", error.what() + (", " + macro + ": 2") + who +
-                            ". make sure that the compiler macro " + macro + "=2");
-    } catch (const std::exception& error) {
-      Say("E: callback failed! error: ", error.what() + who);
+  void SpinOnce() {
+    while (RunOneceStep()) {
     }
   }
-  std::string Name(const Control& control) {
-    const auto module = std::min(static_cast<unsigned>(control.bridge_module), 2u);
-    const auto type = std::min(static_cast<unsigned>(control.bridge_type), 3u);
-    if (module == 2) Say("E(zorvix.h): Unknown BridgeModule!");
-    if (type == 3) Say("E(zorvix.h): Unknown BridgeType!");
-    return control.name + Lines{"/Topic", "/Service", "/Unknown"}[module] +
-           Lines{"/Sync", "/Async", "/SignleAsync", "/Unknown"}[type];
+
+ private:
+  enum class Others { kUnknown, kNone, kSome };
+
+  // The log prints a name up to its first zero byte, and the first 1023 characters of a message.
+  static std::string Printed(const std::string& name) { return name.c_str(); }
+  static void LogLine(const std::string& line) { AddLine(line.substr(0, 3 + 1023)); }
+  static bool LogIf(bool condition, const std::string& line) {
+    if (condition) LogLine(line);
+    return condition;
+  }
+  static bool IsValid(BridgeType type) {
+    const bool valid = type >= BridgeType::Sync && type <= BridgeType::SignleAsync;
+    LogIf(!valid, "E: Call failed, bridge_type is invalid!");
+    return valid;
   }
 
-  static std::string Failed(char kind) {
-    const auto end = std::string_view("PCSV!?").find(static_cast<char>(std::toupper(kind)));
-    const std::string verb = end > 3 ? "" : std::isupper(kind) ? "Register" : "Unregister";
-    const Lines ends{"Publisher", "Client", "Subscriber", "Server", "Publish", "Call"};
-    return verb + ends[end] + " failed, ";
+  static std::string RealName(const Control& control) {
+    static const Lines modules{"/Topic", "/Service", "/Unknown"};
+    static const Lines types{"/Sync", "/Async", "/SignleAsync", "/Unknown"};
+    const auto module = std::min(static_cast<unsigned>(control.bridge_module), 2u);
+    const auto type = std::min(static_cast<unsigned>(control.bridge_type), 3u);
+    LogIf(module == 2, "E(zorvix.h): Unknown BridgeModule!");
+    LogIf(type == 3, "E(zorvix.h): Unknown BridgeType!");
+    return control.name + modules[module] + types[type];
+  }
+
+  // Replaces `control` by the object that is registered under its name. Returns the name.
+  std::optional<std::string> Join(Endpoint& control, const std::string& operation,
+                                  bool has_callback = true) {
+    if (LogIf(!control, "E: " + operation + " failed, control is nullptr!")) return {};
+    if (LogIf(!has_callback, "E: " + operation + " failed, callback is nullptr!")) return {};
+    const auto name = RealName(*control);
+    auto& registered = names_.try_emplace(name, control).first->second;
+    if (LogIf(registered.expired(), "W: register control is expired!")) registered = control;
+    control = registered.lock();
+    return name;
+  }
+  // Empties `control` and removes the name if there is no other owner. Returns the name to print.
+  std::pair<Others, std::string> Leave(Endpoint& control, const std::string& operation,
+                                       const std::string& label) {
+    const auto real_name = RealName(*control);
+    const auto name = label + Printed(real_name);
+    const auto entry = names_.find(real_name);
+    control.reset();
+    const bool unknown = entry == names_.end();
+    if (LogIf(unknown, "E: " + operation + " failed, " + name)) return {Others::kUnknown, name};
+    if (!entry->second.expired()) return {Others::kSome, name};
+    names_.erase(entry);
+    LogLine("I: control has been unregistered, " + name);
+    return {Others::kNone, name};
+  }
+
+  void RemoveSubscriber(const Control* key, unsigned long callback_handle) {
+    auto& callbacks = subscribers_[key];
+    callbacks.remove_if([=](const auto& callback) { return Handle(callback) == callback_handle; });
+    if (callbacks.empty()) subscribers_.erase(key);
+  }
+
+  void Post(bridge::Task task) {
+    if (LogIf(queue_.size() == 100, "W: event queue overflow, size: 100")) queue_.pop_front();
+    queue_.push_back(std::move(task));
+  }
+  // Calls `function` and logs what it throws.
+  template <typename Function, typename Argument>
+  static void Guard(const Function& function, const Argument& argument, const std::string& name,
+                    const void* callback_handle) {
+    const std::string macro = "_LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION";
+    const auto where = ", real_name: " + Printed(name) +
+                       ", callback_handle: " + testing::PrintToString(callback_handle);
+    try {
+      function(argument);
+    } catch (const std::bad_cast& error) {
+      LogLine(std::string("E: error: ") + error.what() + ", " + macro + ": 2" + where +
+              ". make sure that the compiler macro " + macro + "=2");
+    } catch (const std::exception& error) {
+      LogLine(std::string("E: callback failed! error: ") + error.what() + where);
+    }
   }
 
   std::map<std::string, std::weak_ptr<const Control>> names_;
-  std::map<std::pair<const Control*, int>, std::list<Receiver>> receivers_;  // by S or V
+  std::map<const Control*, std::list<SubscriberCallback>> subscribers_;
+  std::map<const Control*, ServerCallback> servers_;
   std::list<bridge::Task> queue_;
 };
 
-std::function<void(const std::string&)> react;  // of the walk that takes a step
+std::function<void(const std::string&)> react;  // what callbacks do in the walk that takes a step
 
 struct Payload {
   explicit Payload(std::shared_ptr<int> share) : owner(std::move(share)) {}
-  Payload(const Payload&) { throw 0; }  // the bridge moves what it is given
+  Payload(const Payload&) { throw 0; }  // the bridge moves messages and requests
   Payload(Payload&&) noexcept = default;
   std::shared_ptr<int> owner;
 };
 
 struct Named {
   void operator()(const std::any& message) const {
-    react(std::string(name) + (message.has_value() ? " gets the message" : " gets nothing"));
+    react(name + (message.has_value() ? " gets the message" : " gets nothing"));
   }
   void operator()(const std::any& request, std::any& response) const {
     react(name);
     response = request;
   }
-  const char* name;
+  std::string name;
 };
 
-// Both walks share the function objects, since lines tell their addresses. The last are empty.
+// Shared by both walks, since the log contains their addresses. The last ones are empty.
 SubscriberFunction subscribers[] = {Named{"a"}, Named{"b"}, Named{"c"}, {}};
 ServerFunction servers[] = {Named{"server a"}, Named{"server b"}, {}};
+
+template <typename Value>
+struct Choice {
+  unsigned weight;
+  Value value;
+};
+constexpr Choice<int> kModules[] = {{5, 0}, {5, 1}, {1, 2}, {1, -1}};
+constexpr Choice<int> kTypes[] = {{3, 0}, {3, 1}, {3, 2}, {1, 3}, {1, -1}};
+constexpr Choice<void (*)()> kEnds[] = {{8, [] {}},
+                                        {2, [] { throw std::runtime_error("bad luck"); }},
+                                        {1, [] { throw std::bad_any_cast(); }},
+                                        {1, [] { throw std::bad_cast(); }},
+                                        {1, [] { throw 1; }}};
+
+struct Arguments {
+  Endpoint& control;
+  SubscriberCallback subscriber;
+  ServerCallback server;
+  std::any message;
+  RequestCallback request;
+  bool result = false;
+};
+
+template <typename Subject>
+struct Operation {
+  unsigned weight;
+  const char* name;
+  void (*execute)(Subject&, Arguments&);
+};
+template <typename Subject>
+constexpr Operation<Subject> kOperations[] = {
+    {3, "RegisterPublisher", [](auto& s, auto& a) { s.RegisterPublisher(a.control); }},
+    {2, "UnregisterPublisher", [](auto& s, auto& a) { s.UnregisterPublisher(a.control); }},
+    {9, "RegisterSubscriber",
+     [](auto& s, auto& a) { s.RegisterSubscriber(a.control, a.subscriber); }},
+    {4, "UnregisterSubscriber",
+     [](auto& s, auto& a) { s.UnregisterSubscriber(a.control, Handle(a.subscriber)); }},
+    {12, "Publish",
+     [](auto& s, auto& a) { a.result = s.Publish(a.control, std::move(a.message)); }},
+    {1, "SignleAsyncAutoRemove",
+     [](auto& s, auto& a) { s.SignleAsyncAutoRemove(a.control, a.subscriber); }},
+    {3, "RegisterClient", [](auto& s, auto& a) { s.RegisterClient(a.control); }},
+    {2, "UnregisterClient", [](auto& s, auto& a) { s.UnregisterClient(a.control); }},
+    {6, "RegisterServer", [](auto& s, auto& a) { s.RegisterServer(a.control, a.server); }},
+    {2, "UnregisterServer", [](auto& s, auto& a) { s.UnregisterServer(a.control); }},
+    {12, "Call", [](auto& s, auto& a) { a.result = s.Call(a.control, std::move(a.request)); }},
+    {6, "RunOneceStep", [](auto& s, auto& a) { a.result = s.RunOneceStep(); }},
+    {1, "SpinOnce", [](auto& s, auto&) { s.SpinOnce(); }},
+    {1, "drop the control", [](auto&, auto& a) { a.control.reset(); }},
+};
 
 template <typename Subject>
 class Walk {
  public:
   explicit Walk(unsigned seed) : random_(seed) {
-    // Around what is composed in place, around what a line holds, and longer; and in each walk two
-    // that are equal up to a zero byte. Seeds have names of their own, since some are left behind.
+    // Of sizes around those of the library's buffers, and longer. The two names are equal up to a
+    // zero byte. No other walk has them, since some stay registered.
     static constexpr std::size_t kSizes[] = {0, 115, 970, 1030};
     names_[0] = seed == 0 ? "" : std::to_string(seed);
     names_[0].resize(std::max(names_[0].size(), kSizes[seed % 4]), '%');
@@ -204,12 +318,16 @@ class Walk {
     for (auto& share : shares_) share = std::make_shared<int>();
   }
 
-  // Takes a step of so many operations at most and returns all that came of it. The last one has
-  // none and empties the queue.
-  std::string Step(int operations) {
-    left_ = operations;
-    react = [this](const std::string& what) { React(what); };
-    Operate(operations == 0 ? '*' : Choose());
+  // Executes an operation, and at most `limit` in its callbacks. With a limit of 0 it empties the
+  // queue. Returns what was logged, and how many owners everything has.
+  std::string Step(int limit) {
+    left_ = limit;
+    react = [this](const std::string& event) { React(event); };
+    if (limit > 0) {
+      Execute(Choose(kOperations<Subject>));
+    } else {
+      subject_.SpinOnce();
+    }
     std::string result;
     for (const auto& line : TakeLog()) result += line + '\n';
     for (const auto& share : shares_) result += std::to_string(share.use_count()) + " shares ";
@@ -218,82 +336,96 @@ class Walk {
   }
 
  private:
-  unsigned long Below(unsigned long bound) { return random_() % bound; }
+  unsigned Below(unsigned bound) { return static_cast<unsigned>(random_() % bound); }
 
-  // One of Real, or copying or dropping an endpoint.
-  char Choose() {
-    return "PPPCCCSSSSSSSSSVVVVVVppccssssvv!!!!!!!!!!!!????????????a==0111111*"[Below(66)];
+  template <typename Row, std::size_t kSize>
+  const Row& Choose(const Row (&rows)[kSize]) {
+    const auto add = [](unsigned sum, const Row& row) { return sum + row.weight; };
+    unsigned left = Below(std::accumulate(rows, rows + kSize, 0u, add));
+    const Row* row = rows;
+    while (left >= row->weight) {
+      left -= row->weight;
+      ++row;
+    }
+    return *row;
   }
 
-  void React(const std::string& what) {
-    Log(what);
-    for (auto i = Below(3); i > 0 && left_ > 0; --i) Operate(Choose());
-    const auto fate = left_ > 0 ? Below(12) : 12;
-    if (fate < 2) throw std::runtime_error("bad luck");
-    if (fate == 2) throw std::bad_any_cast();
-    if (fate == 3) throw std::bad_cast();
-    if (fate == 4) throw 1;
+  void React(const std::string& event) {
+    Log(event);
+    for (auto i = Below(3); i > 0 && left_ > 0; --i) {
+      --left_;
+      Execute(Choose(kOperations<Subject>));
+    }
+    if (left_ > 0) Choose(kEnds).value();
   }
 
-  // Takes the first free place, where an earlier Control may have left its callbacks.
-  Endpoint Describe() {
+  // Takes the first free place, where an earlier Control may have left callbacks.
+  Endpoint NewControl() {
     std::size_t place = 0;
     while (!alive_[place].expired()) ++place;
-    const BridgeModule module{"00000111112/"[Below(12)] - '0'};
-    const BridgeType type{"0001112223/"[Below(11)] - '0'};
-    const auto& other = ends_[Below(6)];
-    controls_[place] = other && Below(2) ? *other : Control{names_[Below(2)], module, type};
-    Endpoint end(std::make_shared<int>(), &controls_[place]);
-    alive_[place] = end;
-    return end;
+    const auto& other = controls_[Below(6)];
+    if (other && Below(2) == 0) {
+      places_[place] = *other;
+    } else {
+      places_[place] = {names_[Below(2)], BridgeModule{Choose(kModules).value},
+                        BridgeType{Choose(kTypes).value}};
+    }
+    Endpoint control(std::make_shared<int>(), &places_[place]);
+    alive_[place] = control;
+    return control;
   }
 
-  void Operate(char kind) {
-    --left_;
-    Operation op{kind, ends_[Below(6)], {}, {}, {}, Below(2)};
+  Arguments ChooseArguments() {
+    Arguments a{controls_[Below(6)], {}, {}, {}, {}};
+    if (!a.control && Below(8) > 0) a.control = NewControl();
     const auto i = Below(5);
-    if (kind == 'V' && i < 3) op.receiver = {shares_[4 + i], &servers[i]};
-    if (kind != 'V' && i < 4) op.receiver = {shares_[i], &subscribers[i]};
-    if (kind == '!' && Below(16) > 0) op.message = Payload(shares_[7]);
-    if (kind == '?' && Below(16) > 0) {
-      op.request = [this, payload = Payload(shares_[7])](auto& serve) {
-        React("request to server " + std::to_string(&serve - servers));
-        std::any response;
-        serve(42, response);
-        Log("answer " + std::to_string(std::any_cast<int>(response)));
-      };
-    }
-    if (!op.end && Below(std::isupper(kind) ? 16 : 3) > 0) op.end = Describe();
-    if (kind == '=') op.end = ends_[Below(6)];
-    if (kind == '0') op.end.reset();
-    std::string note(1, kind);
+    if (i < 4) a.subscriber = {shares_[i], &subscribers[i]};
+    if (i < 3) a.server = {shares_[4 + i], &servers[i]};
+    if (Below(16) == 0) return a;
+    a.message = Payload(shares_[7]);
+    a.request = [this, payload = Payload(shares_[7])](auto& serve) {
+      React("request to server " + std::to_string(&serve - servers));
+      std::any response;
+      serve(42, response);
+      Log("answer " + std::to_string(std::any_cast<int>(response)));
+    };
+    return a;
+  }
+
+  void Execute(const Operation<Subject>& operation) {
+    auto arguments = ChooseArguments();
+    std::string result = operation.name;
     try {
-      note += subject_.Do(op) ? " true" : "";
+      operation.execute(subject_, arguments);
     } catch (int) {
-      note += " throws";
+      result += " throws";
     }
-    note += op.message.has_value() || op.request ? " keeps " : " ";
-    Log(note + std::to_string(op.end ? op.end.get() - controls_ : -1));
+    if (arguments.result) result += " true";
+    if (arguments.message.has_value()) result += " keeps the message";
+    if (arguments.request) result += " keeps the request";
+    if (arguments.control) result += " " + std::to_string(arguments.control.get() - places_);
+    Log(result);
   }
 
   std::mt19937 random_;
   int left_ = 0;  // operations of this step
   std::string names_[2];
-  Control controls_[12];
+  Control places_[12];
   std::weak_ptr<const Control> alive_[12];
   std::shared_ptr<int> shares_[8];  // of subscribers, servers, and all messages and requests
   Subject subject_;
-  Endpoint ends_[6];
+  Endpoint controls_[6];
 };
 
 TEST_F(Bridge, DoesWhatTheModelDoes) {
-  static std::list<Walk<Real>> real;  // kept, since their Controls have callbacks in the bridge
-  for (unsigned seed = Seed(), end = seed + 12; seed != end; ++seed) {
+  static std::list<Walk<Real>> real;  // never destroyed, since their Controls have callbacks
+  const unsigned first = Seed();
+  for (unsigned seed = first; seed != first + 12; ++seed) {
     real.emplace_back(seed);
     Walk<Model> model(seed);
     for (int step = 3000; step >= 0; --step) {
-      const int most = step > 0 ? 30 : 0;
-      ASSERT_EQ(model.Step(most), real.back().Step(most)) << "ZORVIX_SEED=" << seed;
+      const int limit = step > 0 ? 30 : 0;
+      ASSERT_EQ(model.Step(limit), real.back().Step(limit)) << "ZORVIX_SEED=" << seed;
     }
   }
 }
