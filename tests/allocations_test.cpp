@@ -1,7 +1,6 @@
-// What the bridge allocates, and what holds while it does or cannot.
+// What allocates nothing, and what happens when an allocation fails.
 #include <zorvix/state.h>
 
-#include <bitset>
 #include <cstdlib>
 #include <new>
 
@@ -9,20 +8,14 @@
 
 namespace {
 
-// Of this thread. The hook is called once, by the first allocation of a size that is in sizes,
-// where each allocation puts its own.
-thread_local std::size_t allocations = 0, failing = 0;  // the number of one that fails
-thread_local std::bitset<1000> sizes;
-thread_local void (*hook)() = nullptr;
+// Of this thread. The allocation with the number in `failing` fails.
+thread_local std::size_t allocations = 0;
+thread_local std::size_t failing = 0;
 
 }  // namespace
 
 void* operator new(std::size_t size) {
   if (++allocations == failing) throw std::bad_alloc();
-  if (hook != nullptr && size < sizes.size()) {
-    if (sizes[size]) std::exchange(hook, nullptr)();
-    sizes.set(size);
-  }
   if (void* const memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
@@ -32,46 +25,17 @@ void* operator new(std::size_t size) {
 
 namespace {
 
-TEST_F(Bridge, DeliveryAtOnceAllocatesNothing) {
+TEST_F(Bridge, SyncDeliveryAllocatesNothing) {
   const std::string name(60, 'n');
   auto& topic = Subscribed(name, BridgeType::Sync, {Subscriber([](auto&) {})});
   auto& service = Service(name, BridgeType::Sync, Server([](auto&, auto&) {}));
   bridge::RequestCallback request = Request;
   allocations = 0;
-  EXPECT_TRUE(ZorvixPublish(topic, 1));
-  EXPECT_TRUE(ZorvixCall(service, std::move(request)));
-  EXPECT_EQ(allocations, 0u);
-}
 
-// A publication is held between its tasks, with all workers asleep beside a queue of one, and a
-// call before its task.
-TEST_F(Bridge, OneShotsAreUsedUpBeforeTheyQueueAndCallsWakeAllWorkers) {
-  const auto log = Subscriber([](auto&) { Log("held, running"); });
-  const auto server = Server([](auto&, auto&) { Log("held, running"); });
-  const auto hold = +[] { Log("held, allocating"); };
-  auto& topic = Subscribed("t", BridgeType::SignleAsync, {log, log});
-  auto& one_shot = Service("s", BridgeType::SignleAsync, server);
-  auto& service = Service("s", BridgeType::Async, server);
-  const zorvix::Workers workers(2);
-  WaitForLog("Spin loop once lock.", 2);
-  HoldLog("held");
-  const auto publication = std::async(std::launch::async, [&] {
-    hook = hold;
-    EXPECT_TRUE(ZorvixPublish(topic, 1));
-  });
-  const auto call = std::async(std::launch::async, [&] {
-    bridge::RequestCallback request = Request;
-    sizes.set();
-    hook = hold;
-    EXPECT_TRUE(ZorvixCall(one_shot, std::move(request)));
-  });
-  WaitForLog("held, allocating", 2);
-  EXPECT_FALSE(ZorvixPublish(topic, 1));
-  EXPECT_FALSE(ZorvixCall(one_shot, Request));
-  EXPECT_TRUE(ZorvixCall(service, Request));
-  WaitForLog("held, running", 2);
-  HoldLog("");
-  WaitForLog("held, running", 4);
+  ZorvixPublish(topic, 1);
+  ZorvixCall(service, std::move(request));
+
+  EXPECT_EQ(allocations, 0u);
 }
 
 // Each allocation fails in turn; what had been entered by then is gone.

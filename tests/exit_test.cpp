@@ -1,5 +1,5 @@
-// A process ends with workers that are still there, in an object older than its first use of the
-// bridge.
+// A process may end while workers run. Their owner is a static object that is constructed before
+// the bridge is first used, and must stop them before the bridge is destroyed.
 #include <zorvix/typed.h>
 #include <zorvix/zorvix_flat.h>
 

@@ -2,7 +2,6 @@
 // must return the same, log the same and own the same.
 #include <list>
 #include <map>
-#include <numeric>
 #include <random>
 
 #include "bridge_test.h"
@@ -231,7 +230,7 @@ class Model {
   std::list<bridge::Task> queue_;
 };
 
-std::function<void(const std::string&)> react;  // what callbacks do in the walk that takes a step
+std::function<void(const std::string&)> react;  // called by callbacks; set by the walk that steps
 
 struct Payload {
   explicit Payload(std::shared_ptr<int> share) : owner(std::move(share)) {}
@@ -255,18 +254,20 @@ struct Named {
 SubscriberFunction subscribers[] = {Named{"a"}, Named{"b"}, Named{"c"}, {}};
 ServerFunction servers[] = {Named{"server a"}, Named{"server b"}, {}};
 
+// How often a random choice gives which value.
 template <typename Value>
 struct Choice {
-  unsigned weight;
+  unsigned percent;
   Value value;
 };
-constexpr Choice<int> kModules[] = {{5, 0}, {5, 1}, {1, 2}, {1, -1}};
-constexpr Choice<int> kTypes[] = {{3, 0}, {3, 1}, {3, 2}, {1, 3}, {1, -1}};
-constexpr Choice<void (*)()> kEnds[] = {{8, [] {}},
-                                        {2, [] { throw std::runtime_error("bad luck"); }},
-                                        {1, [] { throw std::bad_any_cast(); }},
-                                        {1, [] { throw std::bad_cast(); }},
-                                        {1, [] { throw 1; }}};
+constexpr Choice<int> kModules[] = {{42, 0}, {42, 1}, {8, 2}, {8, -1}};
+constexpr Choice<int> kTypes[] = {{28, 0}, {28, 1}, {28, 2}, {8, 3}, {8, -1}};
+// How callbacks end.
+constexpr Choice<void (*)()> kEnds[] = {{58, [] {}},
+                                        {18, [] { throw std::runtime_error("bad luck"); }},
+                                        {8, [] { throw std::bad_any_cast(); }},
+                                        {8, [] { throw std::bad_cast(); }},
+                                        {8, [] { throw 1; }}};
 
 struct Arguments {
   Endpoint& control;
@@ -279,30 +280,30 @@ struct Arguments {
 
 template <typename Subject>
 struct Operation {
-  unsigned weight;
+  unsigned percent;
   const char* name;
   void (*execute)(Subject&, Arguments&);
 };
 template <typename Subject>
 constexpr Operation<Subject> kOperations[] = {
-    {3, "RegisterPublisher", [](auto& s, auto& a) { s.RegisterPublisher(a.control); }},
-    {2, "UnregisterPublisher", [](auto& s, auto& a) { s.UnregisterPublisher(a.control); }},
-    {9, "RegisterSubscriber",
+    {5, "RegisterPublisher", [](auto& s, auto& a) { s.RegisterPublisher(a.control); }},
+    {3, "UnregisterPublisher", [](auto& s, auto& a) { s.UnregisterPublisher(a.control); }},
+    {14, "RegisterSubscriber",
      [](auto& s, auto& a) { s.RegisterSubscriber(a.control, a.subscriber); }},
-    {4, "UnregisterSubscriber",
+    {6, "UnregisterSubscriber",
      [](auto& s, auto& a) { s.UnregisterSubscriber(a.control, Handle(a.subscriber)); }},
-    {12, "Publish",
+    {19, "Publish",
      [](auto& s, auto& a) { a.result = s.Publish(a.control, std::move(a.message)); }},
-    {1, "SignleAsyncAutoRemove",
+    {2, "SignleAsyncAutoRemove",
      [](auto& s, auto& a) { s.SignleAsyncAutoRemove(a.control, a.subscriber); }},
-    {3, "RegisterClient", [](auto& s, auto& a) { s.RegisterClient(a.control); }},
-    {2, "UnregisterClient", [](auto& s, auto& a) { s.UnregisterClient(a.control); }},
-    {6, "RegisterServer", [](auto& s, auto& a) { s.RegisterServer(a.control, a.server); }},
-    {2, "UnregisterServer", [](auto& s, auto& a) { s.UnregisterServer(a.control); }},
-    {12, "Call", [](auto& s, auto& a) { a.result = s.Call(a.control, std::move(a.request)); }},
-    {6, "RunOneceStep", [](auto& s, auto& a) { a.result = s.RunOneceStep(); }},
+    {5, "RegisterClient", [](auto& s, auto& a) { s.RegisterClient(a.control); }},
+    {3, "UnregisterClient", [](auto& s, auto& a) { s.UnregisterClient(a.control); }},
+    {9, "RegisterServer", [](auto& s, auto& a) { s.RegisterServer(a.control, a.server); }},
+    {3, "UnregisterServer", [](auto& s, auto& a) { s.UnregisterServer(a.control); }},
+    {19, "Call", [](auto& s, auto& a) { a.result = s.Call(a.control, std::move(a.request)); }},
+    {9, "RunOneceStep", [](auto& s, auto& a) { a.result = s.RunOneceStep(); }},
     {1, "SpinOnce", [](auto& s, auto&) { s.SpinOnce(); }},
-    {1, "drop the control", [](auto&, auto& a) { a.control.reset(); }},
+    {2, "drop the control", [](auto&, auto& a) { a.control.reset(); }},
 };
 
 template <typename Subject>
@@ -340,13 +341,8 @@ class Walk {
 
   template <typename Row, std::size_t kSize>
   const Row& Choose(const Row (&rows)[kSize]) {
-    const auto add = [](unsigned sum, const Row& row) { return sum + row.weight; };
-    unsigned left = Below(std::accumulate(rows, rows + kSize, 0u, add));
     const Row* row = rows;
-    while (left >= row->weight) {
-      left -= row->weight;
-      ++row;
-    }
+    for (unsigned left = Below(100); left >= row->percent; ++row) left -= row->percent;
     return *row;
   }
 
