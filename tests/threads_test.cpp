@@ -111,7 +111,11 @@ TEST_F(Bridge, EmptyQueueIsPolledWithoutItsLock) {
 
 TEST_F(Bridge, WorkersEndTheProcessByWhatIsNoStandardException) {
   ZorvixPublish(Subscribed("t", BridgeType::Async, {Subscriber([](auto&) { throw 1; })}), 1);
-  EXPECT_DEATH(ZorvixSpin(1), "");
+  const auto work = [] {
+    const zorvix::Workers workers(1);
+    WaitForLog("event queue size");
+  };
+  EXPECT_DEATH(work(), "");
   EXPECT_THROW(ZorvixSpinOnce(), int);
 }
 
