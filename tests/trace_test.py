@@ -1,0 +1,112 @@
+"""trace_test.py LIBRARY [EMULATOR...] PROGRAM: the file has what trace_test.cpp traces, as JSON."""
+
+import collections
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+LIBRARY, *COMMAND = sys.argv[1:]
+# What a section is called, and what the trace calls it.
+NAMES = {
+    b'Subscriber "readings"': 'Subscriber "readings"',
+    b"C:\\new": "C:\\new",
+    b"line 1\nline 2\t\x01\x1f\x7f": "line 1\nline 2\t\x01\x1f\x7f",
+    "Außen, 温度, 😀".encode(): "Außen, 温度, 😀",
+    b"": "",
+    b"cut \xc3": "cut \ufffd",
+    b"\xff\x80 overlong \xc0\xaf": "\ufffd\ufffd overlong \ufffd\ufffd",
+    b"surrogate \xed\xa0\x80": "surrogate \ufffd\ufffd\ufffd",
+}
+
+
+def run(end, traced=True):
+    """Returns what the program says, and the text of the trace, or None if there is no file."""
+    environment = {**os.environ, "ASAN_OPTIONS": "verify_asan_link_order=0"}
+    if len(COMMAND) > 1:
+        environment["QEMU_SET_ENV"] = f"LD_PRELOAD={LIBRARY}"
+    else:
+        environment["LD_PRELOAD"] = LIBRARY
+    with tempfile.TemporaryDirectory() as folder:
+        path = pathlib.Path(folder, "trace.json")
+        environment["ZORVIX_TRACE"] = str(path) if traced else ""
+        program = subprocess.run([*COMMAND, end, *NAMES], env=environment, stdout=subprocess.PIPE,
+                                 check=end == "exit")
+        return program.stdout.decode(), path.read_text("utf-8") if path.exists() else None
+
+
+def by_thread(events):
+    """Returns the events of each thread, under its name."""
+    names = {e["tid"]: e["args"]["name"] for e in events if e.get("name") == "thread_name"}
+    threads = collections.defaultdict(list)
+    for event in events:
+        if event["ph"] != "M":
+            threads[names.get(event["tid"], "unnamed")].append(event)
+    return threads
+
+
+class TraceTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.said, text = run("exit")
+        cls.events = json.loads(text)
+        cls.threads = by_thread(cls.events)
+
+    def test_threads_have_their_names(self):
+        self.assertEqual(set(self.threads), {'"main" \\', "first", "second", "running", "unnamed"})
+
+    def test_names_of_sections_arrive(self):
+        main = [e["name"] for e in self.threads['"main" \\'] if e["ph"] == "B"]
+
+        self.assertEqual(main, [*NAMES.values(), "static destructor"])
+
+    def test_no_section_ends_that_did_not_begin(self):
+        for name, events in self.threads.items():
+            with self.subTest(name):
+                depth = 0
+                for event in events:
+                    depth += {"B": 1, "E": -1, "C": 0}[event["ph"]]
+                    self.assertGreaterEqual(depth, 0)
+                self.assertEqual(depth, 1 if name == "running" else 0)
+
+    def test_no_section_of_two_threads_is_missing(self):
+        for name in ("first", "second"):
+            sections = [e["name"] for e in self.threads[name] if e["ph"] == "B"]
+            self.assertEqual(sections, ["outer", "inner"] * 500)
+
+    def test_counters_have_their_values(self):
+        values = collections.defaultdict(list)
+        for event in self.events:
+            if event["ph"] == "C":
+                values[event["name"], event["tid"]].append(event["args"]["value"])
+
+        self.assertEqual(sorted(values.values()),
+                         [[-(2**63), 2**63 - 1], list(range(500)), list(range(500))])
+
+    def test_times_are_microseconds_in_order(self):
+        for name, events in self.threads.items():
+            times = [e["ts"] for e in events]
+            self.assertEqual(times, sorted(times), name)
+        begin, end = [e["ts"] for e in self.threads["unnamed"]]
+        self.assertGreaterEqual(end - begin, 20_000)
+        self.assertLess(end - begin, 20_000_000)
+
+    def test_child_of_a_fork_is_not_traced(self):
+        self.assertEqual(len({e["pid"] for e in self.events}), 1)
+        self.assertNotIn("child", [e.get("name") for e in self.events])
+
+    def test_tracing_is_on_only_with_a_file(self):
+        self.assertEqual(self.said, "on\n")
+        self.assertEqual(run("exit", traced=False), ("off\n", None))
+
+    def test_crash_leaves_an_array_without_its_end(self):
+        _, text = run("abort")
+
+        main = by_thread(json.loads(text + "]"))['"main" \\']
+        self.assertEqual([e["name"] for e in main if e["ph"] == "B"], [*NAMES.values()])
+
+
+unittest.main(argv=sys.argv[:1])
