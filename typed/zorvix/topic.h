@@ -6,7 +6,8 @@
 
 namespace zorvix {
 
-// Messages, requests and responses are values that can be copied and moved.
+// Messages, requests and responses are values that can be copied and moved. Names that begin with
+// "zorvix/" are the library's own.
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 struct Topic {
   static_assert(detail::kIsValue<Message>, "a message must be a value, to be copied and moved");

@@ -131,8 +131,10 @@ inline void Queue::Close() {
     const auto ended = [&]() ZORVIX_NO_THREAD_SAFETY_ANALYSIS { return mailbox.invoking_ != this; };
     ++mailbox.closing_;
     if (!mailbox.invocation_ended_.wait_for(lock, std::chrono::seconds(1), ended)) {
+      lock.unlock();
       ZORVIX_LOG("detail/queue.h", bridge::kLogWarn,
                  "a destructor waits for its callable to return, name: %s", name.c_str());
+      lock.lock();
       mailbox.invocation_ended_.wait(lock, ended);
     }
     --mailbox.closing_;

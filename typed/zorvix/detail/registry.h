@@ -116,7 +116,9 @@ struct PageAllocator {
 // The bridge gives all participants of a name one object: here the one that has the Process. It
 // owns itself, so that nobody ever runs the code that would destroy it, which may be unloaded.
 struct ProcessControl : bridge::Control {
-  ProcessControl() : Control{"zorvix/handles", bridge::BridgeModule::Topic} {}
+  // With the version, since modules must agree on the layout of what they share. The name is short
+  // enough to be stored inside the string.
+  ProcessControl() : Control{"zorvix/" + std::to_string(ZORVIX_VERSION)} {}
   Process process;
   std::shared_ptr<const bridge::Control> itself;
 };
