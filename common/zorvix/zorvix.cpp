@@ -215,25 +215,28 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
       }
       return true;
     case BridgeType::Async:
-    case BridgeType::SignleAsync: {
-      // Notifies on every way out: when a later task cannot be built, the first ones wait already.
-      const auto notify_all = [](std::condition_variable* cv) { cv->notify_all(); };
-      const std::unique_ptr<std::condition_variable, decltype(notify_all)> notifier(&events_cv_,
-                                                                                    notify_all);
-      // The first task takes the name and the message; std::exchange leaves empty ones for the
-      // others, which a moved-from object need not be.
-      std::string name = real_name;
-      for (const auto& callback : *callbacks) {
-        PostEvent([name = std::exchange(name, {}), callback = callback,
-                   message = std::exchange(message, {})] {
-          GuardedInvoke(*callback, message, name.c_str(), callback.get());
-        });
-      }
+    case BridgeType::SignleAsync:
+      PostToSubscribers(*callbacks, real_name, std::move(message));
       return true;
-    }
   }
   BRIDGE_LOG(kLogError, "Call failed, bridge_type is invalid!");
   return false;
+}
+
+void Zorvix::PostToSubscribers(const std::vector<SubscriberCallback>& callbacks, std::string name,
+                               Message&& message) {
+  // Notifies in any case: if a later task cannot be built, the earlier ones are already queued.
+  const auto notify_all = [](std::condition_variable* cv) { cv->notify_all(); };
+  const std::unique_ptr<std::condition_variable, decltype(notify_all)> notifier(&events_cv_,
+                                                                                notify_all);
+  // The first task takes the name and the message. std::exchange leaves empty ones for the others,
+  // whereas std::move would leave them unspecified.
+  for (const auto& callback : callbacks) {
+    PostEvent([name = std::exchange(name, {}), callback = callback,
+               message = std::exchange(message, {})] {
+      GuardedInvoke(*callback, message, name.c_str(), callback.get());
+    });
+  }
 }
 
 void Zorvix::AutoRemoveSubscribers(const Control& control,

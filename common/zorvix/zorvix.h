@@ -254,6 +254,11 @@ class Zorvix {
   void RegisterControl(std::shared_ptr<const Control>& control, const std::string& real_name)
       ZORVIX_REQUIRES(controls_mutex_);
 
+  // Queues one task for each callback: the first gets the message, the others an empty one. The
+  // name is for log lines.
+  void PostToSubscribers(const std::vector<SubscriberCallback>& callbacks, std::string name,
+                         Message&& message);
+
   // What a delivery to a SignleAsync endpoint removes. No name comes or goes meanwhile.
   void AutoRemoveSubscribers(const Control& control,
                              const std::vector<SubscriberCallback>& callbacks)
