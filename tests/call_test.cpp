@@ -148,6 +148,7 @@ class Unanswered : public Calls {
         {"throws an int directly", ServeDirectly(throw_int), nothing, "no std::exception"},
         {"without a handle, of another response", serve_char, nothing, "the answer is a char"},
         {"of another request", ServeOthers<char, int>(), drain, "the request is an int"},
+        {"of another response", ServeOthers<int, char>(), nothing, "the answer is a char"},
     };
   }
 

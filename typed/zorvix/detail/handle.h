@@ -88,8 +88,8 @@ std::shared_ptr<void> ServeWithMailbox(const std::string& service, std::shared_p
       "Server", service, std::move(mailbox), std::move(answer), keep);
   const auto serve = [queue](const std::any& any, std::any& response) {
     const auto& request = Cast<Request>(any, "request", "server");
-    auto* const offer = std::any_cast<ReplyOffer<Response>*>(&response);
-    const bool caller_waits = offer == nullptr || (*offer)->caller_waits();
+    auto* const offer = FindOffer<Response>(response);
+    const bool caller_waits = offer == nullptr || offer->caller_waits();
     if (caller_waits && queue->mailbox().IsDrainedByThisThread()) {
       ZORVIX_LOG("detail/handle.h", bridge::kLogError,
                  "a callable calls a server of the inbox that invokes it and would wait forever, "
@@ -98,7 +98,7 @@ std::shared_ptr<void> ServeWithMailbox(const std::string& service, std::shared_p
       return;
     }
     if (offer != nullptr) {
-      queue->Push(Pending{request, (*offer)->Take()});
+      queue->Push(Pending{request, offer->Take()});
       return;
     }
     // A client without a handle, which expects the answer in the response.
@@ -143,7 +143,7 @@ void Ask(const ServerFunction& serve, const std::any& request, std::any response
          const Give& give) {
   try {
     serve(request, response);
-    const bool is_offer = std::any_cast<ReplyOffer<Response>*>(&response) != nullptr;
+    const bool is_offer = std::any_cast<AnyReplyOffer*>(&response) != nullptr;
     if (response.has_value() && !is_offer) {
       give(std::move(Cast<Response>(response, "answer", "client")));
     }
@@ -158,7 +158,7 @@ template <typename Response>
 std::optional<Response> CallAndWait(const Control& control, const std::any& request,
                                     Clock::time_point end) {
   WaitingOffer<Response> waiting;
-  ReplyOffer<Response>* const offer = &waiting;
+  AnyReplyOffer* const offer = &waiting;
   std::optional<Response> answer;
   const auto give = [&](Response&& given) { answer.emplace(std::move(given)); };
   Bridge().Call(control, [&](auto& serve) { Ask<Response>(serve, request, offer, give); });
@@ -170,7 +170,7 @@ template <typename Response>
 void CallAndReply(const Control& control, const std::any& request,
                   const std::shared_ptr<Reply<Response>>& reply) {
   CallOffer<Response> call(reply);
-  ReplyOffer<Response>* const offer = &call;
+  AnyReplyOffer* const offer = &call;
   const auto give = [&](Response&& given) { reply->Answer(std::move(given)); };
   Bridge().Call(control, [&](auto& serve) { Ask<Response>(serve, request, offer, give); });
 }

@@ -1,6 +1,6 @@
 // Where the answer of a call goes when the server has an inbox. Not for users.
 //
-// A client passes the address of a ReplyOffer in the response. A server with an inbox finds it
+// A client passes the address of an AnyReplyOffer in the response. A server with an inbox finds it
 // there and takes the Reply along with the request. Every other server overwrites the response.
 #ifndef ZORVIX_DETAIL_REPLY_H_
 #define ZORVIX_DETAIL_REPLY_H_
@@ -24,23 +24,46 @@ class Reply {
   virtual void Answer(Response response) = 0;
 };
 
+// What a server sees of a ReplyOffer before it knows that both agree about the type.
+class AnyReplyOffer {
+ public:
+  AnyReplyOffer(const std::type_info& response, bool caller_waits)
+      : response_(response), caller_waits_(caller_waits) {}
+  AnyReplyOffer(const AnyReplyOffer&) = delete;
+  AnyReplyOffer& operator=(const AnyReplyOffer&) = delete;
+  const std::type_info& response() const { return response_; }
+  bool caller_waits() const { return caller_waits_; }  // on the calling thread
+
+ protected:
+  ~AnyReplyOffer() = default;
+
+ private:
+  const std::type_info& response_;
+  const bool caller_waits_;
+};
+
 // Lives on the stack of the client during the call.
 template <typename Response>
-class ReplyOffer {
+class ReplyOffer : public AnyReplyOffer {
  public:
-  explicit ReplyOffer(bool caller_waits) : caller_waits_(caller_waits) {}
-  ReplyOffer(const ReplyOffer&) = delete;
-  ReplyOffer& operator=(const ReplyOffer&) = delete;
+  explicit ReplyOffer(bool caller_waits) : AnyReplyOffer(typeid(Response), caller_waits) {}
   virtual std::shared_ptr<Reply<Response>> Take() = 0;
-  // Whether the calling thread waits for the answer.
-  bool caller_waits() const { return caller_waits_; }
 
  protected:
   ~ReplyOffer() = default;
-
- private:
-  const bool caller_waits_;
 };
+
+// Returns the offer of a client, or null if the client has no handle. Throws TypeMismatch if the
+// client expects another response.
+template <typename Response>
+ReplyOffer<Response>* FindOffer(const std::any& response) {
+  auto* const found = std::any_cast<AnyReplyOffer*>(&response);
+  if (found == nullptr) return nullptr;
+  if ((*found)->response() != typeid(Response)) {
+    throw TypeMismatch("answer", typeid(Response), "client", (*found)->response());
+  }
+  return static_cast<ReplyOffer<Response>*>(*found);
+}
 
 // Lets a thread wait for an answer.
 template <typename Response>
