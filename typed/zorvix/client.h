@@ -2,6 +2,7 @@
 #ifndef ZORVIX_CLIENT_H_
 #define ZORVIX_CLIENT_H_
 
+#include <zorvix/detail/call_queue.h>
 #include <zorvix/detail/handle.h>
 #include <zorvix/inbox.h>
 #include <zorvix/topic.h>
@@ -11,15 +12,15 @@ namespace zorvix {
 namespace detail ZORVIX_HIDDEN {
 
 template <typename Response, typename Function>
-class CallFunction final : public CallQueue<Response>::Callable {
+class CallFunction final : public PendingCall<Response> {
  public:
-  explicit CallFunction(Function function) : function_(std::move(function)) {}
-  void Invoke(std::optional<Response> answer) override {
-    static_cast<void>(std::invoke(function_, std::move(answer)));
-  }
+  CallFunction(std::shared_ptr<CallQueue<Response>> queue, Function function)
+      : PendingCall<Response>(std::move(queue)), function_(std::move(function)) {}
 
  private:
-  Function function_;
+  void Invoke() override { static_cast<void>(std::invoke(*function_, std::move(this->answer_))); }
+  void DestroyCallable() override { function_.reset(); }
+  std::optional<Function> function_;
 };
 
 template <typename Response>
@@ -92,10 +93,11 @@ class Client {
     if (its == nullptr) return;
     if (!its->calls) throw std::logic_error("a call with a callable needs a client with an inbox");
     const detail::Section section(its->sender.process, "Call", its->sender.name);
-    using Function = detail::CallFunction<Response, Callable>;
     const std::any any(std::in_place_type<Request>, std::move(request));
-    const auto reply = (*its->calls)->Add(std::make_unique<Function>(std::move(callable)));
-    detail::CallAndReply<Response>(its->sender.participant.control, any, reply);
+    using Function = detail::CallFunction<Response, Callable>;
+    const auto& calls = **its->calls;
+    const auto call = std::make_shared<Function>(calls, std::move(callable));
+    detail::CallAndReply<Response>(its->sender.participant.control, any, calls->Add(call));
   }
 
  private:

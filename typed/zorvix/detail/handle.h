@@ -74,15 +74,18 @@ std::shared_ptr<void> ServeDirectly(const std::string& service, bridge::BridgeTy
 template <typename Request, typename Response>
 struct PendingRequest {
   Request request;
-  std::shared_ptr<Reply<Response>> reply;
+  ReplyOwner<Response> reply;
 };
+// Moving a reply runs no code of users.
+template <typename Request, typename Response>
+constexpr bool kIsStoredInPlace<PendingRequest<Request, Response>> = kIsStoredInPlace<Request>;
 
 template <typename Request, typename Response, typename Callable>
 std::shared_ptr<void> ServeWithMailbox(const std::string& service, std::shared_ptr<Mailbox> mailbox,
                                        Callable callable, KeepLast keep) {
   using Pending = PendingRequest<Request, Response>;
   auto answer = [callable = std::move(callable)](const Pending& pending) mutable {
-    pending.reply->Answer(std::invoke(callable, pending.request));
+    pending.reply.Answer(std::invoke(callable, pending.request));
   };
   const auto queue = std::make_shared<MessageQueue<Pending, decltype(answer)>>(
       "Server", service, std::move(mailbox), std::move(answer), keep);
@@ -136,43 +139,53 @@ inline std::shared_ptr<Sender> MakePublisher(const std::string& topic, bridge::B
   return sender;
 }
 
-// Asks, and hands on the answer if the server has given one. The bridge contains and logs a
-// std::exception.
+// Calls the server's function, and hands on the answer if the server has given one:
+// give(Response&&). The bridge contains and logs a std::exception.
 template <typename Response, typename Give>
-void Ask(const ServerFunction& serve, const std::any& request, std::any response,
-         const Give& give) {
-  try {
-    serve(request, response);
-    const bool is_offer = std::any_cast<AnyReplyOffer*>(&response) != nullptr;
-    if (response.has_value() && !is_offer) {
-      give(std::move(Cast<Response>(response, "answer", "client")));
+struct Asking {
+  void operator()(const ServerFunction& serve) {
+    try {
+      serve(request, response);
+      const bool is_offer = std::any_cast<AnyReplyOffer*>(&response) != nullptr;
+      if (response.has_value() && !is_offer) {
+        give(std::move(Cast<Response>(response, "answer", "client")));
+      }
+    } catch (const std::exception&) {
+      throw;
+    } catch (...) {
+      throw std::runtime_error("the server, or its answer, threw what is no std::exception");
     }
-  } catch (const std::exception&) {
-    throw;
-  } catch (...) {
-    throw std::runtime_error("the server, or its answer, threw what is no std::exception");
   }
+
+  const std::any& request;
+  std::any response;
+  const Give& give;
+};
+
+template <typename Response, typename Give>
+void CallNow(const Control& control, const std::any& request, AnyReplyOffer* offer,
+             const Give& give) {
+  Asking<Response, Give> asking{request, offer, give};
+  // A reference only, so that the bridge's std::function needs no allocation.
+  Bridge().Call(control, [&asking](const ServerFunction& serve) { asking(serve); });
 }
 
 template <typename Response>
 std::optional<Response> CallAndWait(const Control& control, const std::any& request,
                                     Clock::time_point end) {
-  WaitingOffer<Response> waiting;
-  AnyReplyOffer* const offer = &waiting;
+  WaitingOffer<Response> offer;
   std::optional<Response> answer;
   const auto give = [&](Response&& given) { answer.emplace(std::move(given)); };
-  Bridge().Call(control, [&](auto& serve) { Ask<Response>(serve, request, offer, give); });
+  CallNow<Response>(control, request, &offer, give);
   if (answer.has_value()) return answer;
-  return waiting.Wait(end);
+  return offer.Wait(end);
 }
 
 template <typename Response>
-void CallAndReply(const Control& control, const std::any& request,
-                  const std::shared_ptr<Reply<Response>>& reply) {
-  CallOffer<Response> call(reply);
-  AnyReplyOffer* const offer = &call;
-  const auto give = [&](Response&& given) { reply->Answer(std::move(given)); };
-  Bridge().Call(control, [&](auto& serve) { Ask<Response>(serve, request, offer, give); });
+void CallAndReply(const Control& control, const std::any& request, ReplyOwner<Response> reply) {
+  CallOffer<Response> offer(std::move(reply));
+  const auto give = [&](Response&& given) { offer.Answer(std::move(given)); };
+  CallNow<Response>(control, request, &offer, give);
 }
 
 // The answer of a queued call. It is none if this is destroyed without one.
@@ -192,11 +205,12 @@ template <typename Response>
 std::future<std::optional<Response>> CallQueued(const Control& control, std::any request) {
   const auto promised = std::make_shared<PromisedAnswer<Response>>();
   auto answer = promised->promise.get_future();
-  auto ask = [promised, request = std::move(request)](auto& serve) {
-    Ask<Response>(serve, request, std::any(), [&](Response&& given) {
+  auto ask = [promised, request = std::move(request)](const ServerFunction& serve) {
+    const auto give = [&](Response&& given) {
       promised->promise.set_value(std::move(given));
       promised->given = true;
-    });
+    };
+    Asking<Response, decltype(give)>{request, {}, give}(serve);
   };
   if (control != nullptr) Bridge().Call(control, std::move(ask));
   return answer;

@@ -16,6 +16,11 @@ inline std::size_t CheckedDepth(KeepLast keep) {
   return keep.depth;
 }
 
+// A small message without code of its own is stored in the queue itself. Others are stored on the
+// heap, so that moving them runs none of their code under the lock.
+template <typename Message>
+constexpr bool kIsStoredInPlace = std::is_trivially_copyable_v<Message> && sizeof(Message) <= 64;
+
 template <typename Message, typename Callable>
 class MessageQueue final : public Queue {
  public:
@@ -62,9 +67,7 @@ class MessageQueue final : public Queue {
   }
 
  private:
-  // A small message without code of its own is stored in the queue itself. Others are stored on the
-  // heap, so that moving them runs none of their code under the lock.
-  static constexpr bool kInPlace = std::is_trivially_copyable_v<Message> && sizeof(Message) <= 64;
+  static constexpr bool kInPlace = kIsStoredInPlace<Message>;
   using Stored = std::conditional_t<kInPlace, Message, std::unique_ptr<const Message>>;
 
   template <typename Value>

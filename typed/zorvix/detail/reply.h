@@ -1,19 +1,15 @@
 // Where the answer of a call goes when the server has an inbox. Not for users.
 //
 // A client passes the address of an AnyReplyOffer in the response. A server with an inbox finds it
-// there and takes the Reply along with the request. Every other server overwrites the response.
+// there and takes the reply along with the request. Every other server overwrites the response.
 #ifndef ZORVIX_DETAIL_REPLY_H_
 #define ZORVIX_DETAIL_REPLY_H_
 
 #include <zorvix/detail/endpoint.h>
-#include <zorvix/detail/message_queue.h>
-
-#include <list>
 
 namespace zorvix {
 namespace detail ZORVIX_HIDDEN {
 
-// Takes the answer of one call. If it is destroyed without one, the answer is none.
 template <typename Response>
 class Reply {
  public:
@@ -22,6 +18,28 @@ class Reply {
   Reply(const Reply&) = delete;
   Reply& operator=(const Reply&) = delete;
   virtual void Answer(Response response) = 0;
+  // Called once, at the end. If there is no answer by then, the answer is none.
+  virtual void Finish() = 0;
+};
+
+// Finishes a reply when it is destroyed, wherever that is: with the request in which it is pending,
+// or on the stack of a caller whose server was not there.
+template <typename Response>
+class ReplyOwner {
+ public:
+  ReplyOwner() = default;
+  explicit ReplyOwner(std::shared_ptr<Reply<Response>> reply) : reply_(std::move(reply)) {}
+  ~ReplyOwner() {
+    if (reply_ != nullptr) reply_->Finish();
+  }
+  ReplyOwner(ReplyOwner&&) noexcept = default;
+  ReplyOwner& operator=(ReplyOwner&&) = delete;
+  void Answer(Response response) const {
+    if (reply_ != nullptr) reply_->Answer(std::move(response));
+  }
+
+ private:
+  std::shared_ptr<Reply<Response>> reply_;  // none: the answer is not wanted any more
 };
 
 // What a server sees of a ReplyOffer before it knows that both agree about the type.
@@ -47,7 +65,7 @@ template <typename Response>
 class ReplyOffer : public AnyReplyOffer {
  public:
   explicit ReplyOffer(bool caller_waits) : AnyReplyOffer(typeid(Response), caller_waits) {}
-  virtual std::shared_ptr<Reply<Response>> Take() = 0;
+  virtual ReplyOwner<Response> Take() = 0;
 
  protected:
   ~ReplyOffer() = default;
@@ -72,176 +90,54 @@ class WaitingOffer final : public ReplyOffer<Response> {
   WaitingOffer() : ReplyOffer<Response>(true) {}
   ~WaitingOffer() = default;
 
-  std::shared_ptr<Reply<Response>> Take() override {
-    state_ = std::make_shared<State>();
-    return std::make_shared<WaitingReply>(state_);
+  ReplyOwner<Response> Take() override {
+    reply_ = std::make_shared<WaitingReply>();
+    return ReplyOwner<Response>(reply_);
   }
 
   // Returns none if nobody has taken the reply, and when the time is over.
   std::optional<Response> Wait(Clock::time_point end) {
-    if (state_ == nullptr) return std::nullopt;
-    std::unique_lock lock(state_->mutex);
-    if (!state_->settled.wait_until(lock, end, [&] { return state_->is_settled; })) {
-      return std::nullopt;
-    }
-    // Nobody else touches the answer any more.
-    lock.unlock();
-    return std::move(state_->answer);
+    if (reply_ == nullptr) return std::nullopt;
+    return reply_->Wait(end);
   }
 
  private:
-  struct State {
-    std::mutex mutex;
-    std::condition_variable settled;
-    bool is_settled = false;
-    std::optional<Response> answer;
-  };
-
   class WaitingReply final : public Reply<Response> {
    public:
-    explicit WaitingReply(std::shared_ptr<State> state) : state_(std::move(state)) {}
-    ~WaitingReply() override {
-      {
-        const std::lock_guard lock(state_->mutex);
-        state_->is_settled = true;
-      }
-      state_->settled.notify_all();
+    void Answer(Response response) override { answer_.emplace(std::move(response)); }
+    void Finish() override {
+      const std::lock_guard lock(mutex_);
+      is_finished_ = true;
+      finished_.notify_all();
     }
-    // The waiting thread looks at it when the reply has been destroyed.
-    void Answer(Response response) override { state_->answer.emplace(std::move(response)); }
-
-   private:
-    const std::shared_ptr<State> state_;
-  };
-
-  std::shared_ptr<State> state_;
-};
-
-// The calls of a client with an inbox: their callables, and the answers that are pending.
-template <typename Response>
-class CallQueue final : public Queue {
- public:
-  using Queue::Queue;
-
-  class Callable {
-   public:
-    Callable() = default;
-    virtual ~Callable() = default;
-    Callable(const Callable&) = delete;
-    Callable& operator=(const Callable&) = delete;
-    virtual void Invoke(std::optional<Response> answer) = 0;
-  };
-
-  // Returns the reply whose answer the callable is invoked with, in a drain.
-  std::shared_ptr<Reply<Response>> Add(std::unique_ptr<Callable> callable) {
-    Calls added;
-    added.push_back({std::move(callable), nullptr});
-    const auto call = added.begin();
-    const auto self = std::static_pointer_cast<CallQueue>(this->shared_from_this());
-    const auto reply = std::make_shared<CallReply>(self, call);
-    {
-      const std::lock_guard lock(this->mutex());
-      if (!this->IsClosed()) {
-        this->turns().Reserve();  // an answer must not fail for want of memory
-        in_progress_.splice(in_progress_.end(), added);
-        reply->Expect();
-      }
-    }
-    return reply;
-  }
-
-  Counts Count() const override {
-    const std::lock_guard lock(this->mutex());
-    return {answered_.size(), 0, 0};
-  }
-
- private:
-  using Lock = Queue::Lock;
-  struct Call {
-    std::unique_ptr<Callable> callable;
-    std::unique_ptr<Response> answer;
-  };
-  using Calls = std::list<Call>;
-
-  class CallReply final : public Reply<Response> {
-   public:
-    CallReply(std::shared_ptr<CallQueue> queue, typename Calls::iterator call)
-        : queue_(std::move(queue)), call_(call) {}
-    ~CallReply() override {
-      if (expected_) queue_->Settle(call_, nullptr);
-    }
-    void Expect() { expected_ = true; }
-    void Answer(Response response) override {
-      auto answer = std::make_unique<Response>(std::move(response));
-      if (std::exchange(expected_, false)) queue_->Settle(call_, std::move(answer));
+    std::optional<Response> Wait(Clock::time_point end) {
+      std::unique_lock lock(mutex_);
+      if (!finished_.wait_until(lock, end, [this] { return is_finished_; })) return std::nullopt;
+      lock.unlock();  // nobody else touches the answer any more
+      return std::move(answer_);
     }
 
    private:
-    const std::shared_ptr<CallQueue> queue_;
-    const typename Calls::iterator call_;
-    bool expected_ = false;
+    std::optional<Response> answer_;  // written before the reply is finished, read afterwards
+    std::mutex mutex_;
+    std::condition_variable finished_;
+    bool is_finished_ = false;
   };
 
-  void Settle(typename Calls::iterator call, std::unique_ptr<Response> answer) {
-    Calls discarded;  // destroyed under no lock
-    {
-      Lock lock(this->mutex());
-      if (closed_calls_) return;  // the call is destroyed already
-      if (this->IsClosed()) {
-        discarded.splice(discarded.end(), in_progress_, call);
-        this->turns().Unreserve(1);
-      } else {
-        call->answer = std::move(answer);
-        answered_.splice(answered_.end(), in_progress_, call);
-        this->turns().Unreserve(1);
-        this->AddTurn();
-      }
-      this->Unlock(lock);
-    }
-    this->AfterPush();
-  }
-
-  void TakeAndInvoke(Lock& lock) override {
-    Calls taken;
-    taken.splice(taken.end(), answered_, answered_.begin());
-    this->Unlock(lock);
-    Call& call = taken.front();
-    this->Invoke([&] {
-      std::optional<Response> answer;
-      if (call.answer != nullptr) answer.emplace(std::move(*call.answer));
-      call.callable->Invoke(std::move(answer));
-    });
-  }
-
-  // Called when the client is destroyed, and when its inbox is.
-  void Discard(Lock& lock) override {
-    Calls discarded;
-    discarded.swap(answered_);
-    this->turns().Unreserve(in_progress_.size());
-    discarded.splice(discarded.end(), in_progress_);
-    closed_calls_ = true;
-    this->RemoveTurns();
-    this->Unlock(lock);
-  }
-
-  void DestroyCallable() override {}  // each call has its own
-
-  // Guarded by the mailbox's mutex:
-  Calls in_progress_;
-  Calls answered_;
-  bool closed_calls_ = false;
+  std::shared_ptr<WaitingReply> reply_;
 };
 
 template <typename Response>
 class CallOffer final : public ReplyOffer<Response> {
  public:
-  explicit CallOffer(std::shared_ptr<Reply<Response>> reply)
+  explicit CallOffer(ReplyOwner<Response> reply)
       : ReplyOffer<Response>(false), reply_(std::move(reply)) {}
   ~CallOffer() = default;
-  std::shared_ptr<Reply<Response>> Take() override { return reply_; }
+  ReplyOwner<Response> Take() override { return std::move(reply_); }
+  void Answer(Response response) const { reply_.Answer(std::move(response)); }
 
  private:
-  const std::shared_ptr<Reply<Response>> reply_;
+  ReplyOwner<Response> reply_;
 };
 
 }  // namespace detail
