@@ -1,4 +1,4 @@
-// The bridge itself compares no types, but is compiled in the mode that its users need.
+// The bridge compares no types, but is compiled in the mode that its users need.
 #ifndef _LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION
 #define _LIBCPP_TYPEINFO_COMPARISON_IMPLEMENTATION 2
 #endif
@@ -21,25 +21,30 @@ namespace {
 constexpr std::int32_t kEventQueueBaseLimit = 100;
 constexpr std::chrono::duration<double> kStopSpinTimeout{0.2};
 constexpr std::chrono::nanoseconds kStopSpinPollInterval{1'000'000};
-constexpr std::size_t kShortRealName = 128;  // with its zero
 
-// Returns the real name, composed in `buffer` or, where it does not fit, in `overflow`. What is
-// delivered at once needs it only if a callback fails, so it must not cost a heap block.
-const char* ComposeRealName(const Control& control, char (&buffer)[kShortRealName],
-                            std::string& overflow) {
-  const auto suffix = RealNameSuffix(control);
-  if (control.name.size() + suffix.size() >= kShortRealName) {
-    overflow.append(control.name).append(suffix);
-    return overflow.c_str();
+// The real name of a delivery. It is needed only if a callback fails, so a Sync delivery must not
+// allocate for it: a name of less than 128 characters is stored in place.
+class RealName {
+ public:
+  void Compose(const Control& control) {
+    const std::string_view suffix = RealNameSuffix(control);
+    if (control.name.size() + suffix.size() >= sizeof short_) {
+      long_.append(control.name).append(suffix);
+      return;
+    }
+    char* const end = std::copy(control.name.begin(), control.name.end(), short_);
+    *std::copy(suffix.begin(), suffix.end(), end) = '\0';
   }
-  char* const end = std::copy(control.name.begin(), control.name.end(), buffer);
-  *std::copy(suffix.begin(), suffix.end(), end) = '\0';
-  return buffer;
-}
+  const char* c_str() const { return long_.empty() ? short_ : long_.c_str(); }
 
-// Runs user code. Whatever is not a std::exception passes through, so no lock may be held and
-// nothing may be left undone by it. Inline, since the loop over subscribers is hot and compilers
-// hesitate because of the handlers, which cost nothing unless something is thrown.
+ private:
+  char short_[128];
+  std::string long_;
+};
+
+// Runs user code. Other exceptions than std::exception pass through, so callers hold no lock and
+// leave nothing to be undone. Inline because of the loop over subscribers: compilers hesitate to
+// inline exception handlers, although these cost nothing unless something is thrown.
 template <typename Function, typename Argument>
 inline void GuardedInvoke(const Function& function, const Argument& argument, const char* real_name,
                           const void* callback_handle) {
@@ -61,7 +66,7 @@ unsigned long Handle(const SubscriberCallback& callback) {
   return reinterpret_cast<unsigned long>(callback.get());
 }
 
-// Returns null when no callback is left.
+// Returns `callbacks` without those at the address `callback_handle`, or null if none is left.
 std::shared_ptr<const std::vector<SubscriberCallback>> Without(
     const std::vector<SubscriberCallback>& callbacks, unsigned long callback_handle) {
   auto rest = std::make_shared<std::vector<SubscriberCallback>>();
@@ -71,6 +76,12 @@ std::shared_ptr<const std::vector<SubscriberCallback>> Without(
   if (rest->empty()) return nullptr;
   return rest;
 }
+
+// Wakes all waiting threads when it is destroyed.
+struct NotifyAtExit {
+  ~NotifyAtExit() { condition.notify_all(); }
+  std::condition_variable& condition;
+};
 
 }  // namespace
 
@@ -109,7 +120,7 @@ void Zorvix::UnregisterPublisher(std::shared_ptr<const Control>& control) {
   }
   const std::lock_guard lock(controls_mutex_);
   const std::string real_name = GetRealName(control);
-  control.reset();  // before the look at the entry, which this may let expire
+  control.reset();  // may be the last owner, so the entry may expire here
   const auto entry = controls_.find(real_name);
   if (entry == controls_.end()) {
     BRIDGE_LOG(kLogError, "UnregisterPublisher failed, real_topic_name: %s", real_name.c_str());
@@ -190,14 +201,12 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
     BRIDGE_LOG(kLogError, "Publish failed, message is empty!");
     return false;
   }
-  char buffer[kShortRealName];
-  std::string overflow;
-  const char* real_name;
+  RealName name;
   std::shared_ptr<const std::vector<SubscriberCallback>> callbacks;
   {
     const std::lock_guard controls_lock(controls_mutex_);
     const std::lock_guard subscribers_lock(subscribers_mutex_);
-    real_name = ComposeRealName(*control, buffer, overflow);
+    name.Compose(*control);
     const auto topic = subscribers_.find(control.get());
     if (topic == subscribers_.end()) {
       BRIDGE_LOG(kLogWarn, "Publish failed, no subscriber, name: %s", control->name.c_str());
@@ -205,9 +214,10 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
     }
     callbacks = topic->second;
     if (control->bridge_type == BridgeType::SignleAsync) {
-      AutoRemoveSubscribers(*control, *callbacks);
+      AutoRemoveSubscribers(*control, callbacks->size());
     }
-  }  // before user code runs, and before the queue is locked
+  }  // user code runs, and the queue is locked, without these locks
+  const char* const real_name = name.c_str();
   switch (control->bridge_type) {
     case BridgeType::Sync:
       for (const auto& callback : *callbacks) {
@@ -216,22 +226,19 @@ bool Zorvix::Publish(const std::shared_ptr<const Control>& control, Message&& me
       return true;
     case BridgeType::Async:
     case BridgeType::SignleAsync:
-      PostToSubscribers(*callbacks, real_name, std::move(message));
+      PostPublication(*callbacks, real_name, std::move(message));
       return true;
   }
   BRIDGE_LOG(kLogError, "Call failed, bridge_type is invalid!");
   return false;
 }
 
-void Zorvix::PostToSubscribers(const std::vector<SubscriberCallback>& callbacks, std::string name,
-                               Message&& message) {
-  // Notifies in any case: if a later task cannot be built, the earlier ones are already queued.
-  const auto notify_all = [](std::condition_variable* cv) { cv->notify_all(); };
-  const std::unique_ptr<std::condition_variable, decltype(notify_all)> notifier(&events_cv_,
-                                                                                notify_all);
-  // The first task takes the name and the message. std::exchange leaves empty ones for the others,
-  // whereas std::move would leave them unspecified.
+void Zorvix::PostPublication(const std::vector<SubscriberCallback>& callbacks, std::string name,
+                             Message&& message) {
+  const NotifyAtExit notify{events_cv_};  // also if a task after the first cannot be allocated
   for (const auto& callback : callbacks) {
+    // The first task takes the name and the message. std::exchange leaves empty ones for the other
+    // tasks; an object that was moved from need not be empty.
     PostEvent([name = std::exchange(name, {}), callback = callback,
                message = std::exchange(message, {})] {
       GuardedInvoke(*callback, message, name.c_str(), callback.get());
@@ -239,22 +246,23 @@ void Zorvix::PostToSubscribers(const std::vector<SubscriberCallback>& callbacks,
   }
 }
 
-void Zorvix::AutoRemoveSubscribers(const Control& control,
-                                   const std::vector<SubscriberCallback>& callbacks) {
-  if (control.bridge_module == BridgeModule::Topic) {
-    subscribers_.erase(&control);  // all at once, since one by one would copy the rest each time
-  } else if (control.bridge_module == BridgeModule::Service) {
-    const std::lock_guard lock(servers_mutex_);
-    servers_.erase(&control);
-  } else {
-    for (std::size_t i = 0; i < callbacks.size(); ++i) {  // none is removed, a line for each
-      BRIDGE_LOG(kLogError, "bridge_module is invalid!");
+void Zorvix::AutoRemoveSubscribers(const Control& control, std::size_t count) {
+  switch (control.bridge_module) {
+    case BridgeModule::Topic:
+      subscribers_.erase(&control);
+      return;
+    case BridgeModule::Service: {
+      const std::lock_guard lock(servers_mutex_);
+      servers_.erase(&control);
+      return;
     }
   }
+  for (std::size_t i = 0; i < count; ++i) BRIDGE_LOG(kLogError, "bridge_module is invalid!");
 }
 
-// Not analysed, since it touches the tables without their locks by contract.
-ZORVIX_NO_THREAD_SAFETY_ANALYSIS
+#ifdef __clang__
+__attribute__((no_thread_safety_analysis))  // uses the tables without their locks, by contract
+#endif
 void Zorvix::SignleAsyncAutoRemove(const std::shared_ptr<const Control>& control,
                                    const SubscriberCallback& callback) {
   if (!control) {
@@ -360,29 +368,33 @@ bool Zorvix::Call(const std::shared_ptr<const Control>& control, RequestCallback
     BRIDGE_LOG(kLogError, "Call failed, control is nullptr!");
     return false;
   }
-  char buffer[kShortRealName];
-  std::string overflow;
-  const char* real_name;
+  RealName name;
   ServerCallback server;
   {
     const std::lock_guard controls_lock(controls_mutex_);
     const std::lock_guard servers_lock(servers_mutex_);
-    real_name = ComposeRealName(*control, buffer, overflow);
+    name.Compose(*control);
     const auto entry = servers_.find(control.get());
     if (entry == servers_.end()) {
-      BRIDGE_LOG(kLogWarn, "Call failed, no server, server_name: %s", real_name);
+      BRIDGE_LOG(kLogWarn, "Call failed, no server, server_name: %s", name.c_str());
       return false;
     }
     server = entry->second;
-    if (control->bridge_type == BridgeType::SignleAsync) AutoRemoveServer(*control);
+    if (control->bridge_type == BridgeType::SignleAsync) {
+      if (control->bridge_module == BridgeModule::Service) {
+        servers_.erase(entry);
+      } else {
+        BRIDGE_LOG(kLogError, "bridge_module is invalid!");
+      }
+    }
   }
   switch (control->bridge_type) {
     case BridgeType::Sync:
-      GuardedInvoke(request, *server, real_name, server.get());
+      GuardedInvoke(request, *server, name.c_str(), server.get());
       return true;
     case BridgeType::Async:
     case BridgeType::SignleAsync:
-      PostEvent([request = std::move(request), name = std::string(real_name), server] {
+      PostEvent([request = std::move(request), name = std::string(name.c_str()), server] {
         GuardedInvoke(request, *server, name.c_str(), server.get());
       });
       events_cv_.notify_all();
@@ -390,14 +402,6 @@ bool Zorvix::Call(const std::shared_ptr<const Control>& control, RequestCallback
   }
   BRIDGE_LOG(kLogError, "Call failed, bridge_type is invalid!");
   return false;
-}
-
-void Zorvix::AutoRemoveServer(const Control& control) {
-  if (control.bridge_module == BridgeModule::Service) {
-    servers_.erase(&control);
-  } else {
-    BRIDGE_LOG(kLogError, "bridge_module is invalid!");
-  }
 }
 
 // Queue
@@ -436,7 +440,7 @@ void Zorvix::SpinOnce() {
 void Zorvix::Spin(unsigned long workers) {
   {
     const std::lock_guard lock(spin_mutex_);
-    ClearStop();
+    spin_stop_ = false;
   }
   std::vector<std::thread> threads;
   threads.reserve(workers);
@@ -457,15 +461,13 @@ void Zorvix::SpinWorker() {
       }
       SpinOnce();
     } while (!spin_stop_);
-    // A task posted after the queue looked empty but before the stop was waiting at the stop.
+    // Tasks that were posted between the last look at the queue and the stop.
     SpinOnce();
   }
   --spin_count_;
 }
 
-void Zorvix::ClearStop() { spin_stop_ = false; }
-
-// Under the queue's lock, so that no worker misses it between its look at the flag and its wait.
+// With the queue locked, so that a worker cannot miss the stop between its test and its wait.
 void Zorvix::RequestStop() {
   spin_stop_ = true;
   events_cv_.notify_all();

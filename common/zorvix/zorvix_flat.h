@@ -1,9 +1,9 @@
-// The bridge as flat functions with unmangled names, for hosts that find it with dlsym:
+// The bridge as flat functions with unmangled names, for hosts that find them with dlsym:
 //
 //   auto publish = reinterpret_cast<decltype(&ZorvixPublish)>(dlsym(library, "ZorvixPublish"));
 //
-// Each function forwards to the method of the same name on the one instance and has its contract.
-// The parameters are objects of the standard library, so callers must share the one the bridge was
+// Each function calls the method of the same name on the only instance and has its contract. The
+// parameters are objects of the standard library: callers must use the one that the bridge was
 // built with.
 #ifndef ZORVIX_ZORVIX_FLAT_H_
 #define ZORVIX_ZORVIX_FLAT_H_
@@ -25,7 +25,7 @@ ZORVIX_EXPORT void ZorvixRegisterClient(std::shared_ptr<const bridge::Control>& 
 ZORVIX_EXPORT void ZorvixUnregisterClient(std::shared_ptr<const bridge::Control>& control);
 ZORVIX_EXPORT void ZorvixRegisterServer(std::shared_ptr<const bridge::Control>& control,
                                         const bridge::ServerCallback& callback);
-// Takes no number, unlike the method, which ignores it.
+// Has no number, which the method ignores.
 ZORVIX_EXPORT void ZorvixUnregisterServer(std::shared_ptr<const bridge::Control>& control);
 ZORVIX_EXPORT bool ZorvixCall(const std::shared_ptr<const bridge::Control>& control,
                               bridge::RequestCallback&& request);
@@ -33,7 +33,7 @@ ZORVIX_EXPORT bool ZorvixCall(const std::shared_ptr<const bridge::Control>& cont
 ZORVIX_EXPORT bool ZorvixRunOneceStep();
 ZORVIX_EXPORT void ZorvixSpinOnce();
 ZORVIX_EXPORT void ZorvixSpin(unsigned long workers);
-// Returns whether any worker is running. No method does this.
+// Returns whether any worker is running. There is no such method.
 ZORVIX_EXPORT bool ZorvixIsSpin();
 ZORVIX_EXPORT void ZorvixStopSpin();
 
