@@ -1,4 +1,4 @@
-// Comes late, when the summaries that it needs have long been made, and yet has the newest.
+// Is loaded after many summaries have been set, and still reads the latest one.
 #include <cmath>
 
 #include "demo.h"
@@ -9,17 +9,17 @@ class Adviser {
  public:
   Adviser() {
     const auto number = std::to_string(Advise().samples);
-    demo::Say("adviser", "loaded late: has the newest summary at once, of " + number + " samples");
+    demo::Say("adviser", "loaded late, and reads the latest summary, of " + number + " samples");
   }
 
  private:
-  // Runs on the thread of whoever asks.
+  // Runs on the client's thread.
   demo::Advice Advise() const {
-    const auto newest = summary_.Newest();
-    if (!newest) return {0, "nobody has made a summary"};
-    const auto busy = std::to_string(std::lround(newest->mean)) + " % busy";
-    return {newest->samples,
-            (newest->mean < 50 ? "build now" : "build later") + (", the CPUs are " + busy)};
+    const auto latest = summary_.Newest();
+    if (!latest) return {0, "there is no summary yet"};
+    const std::string advice = latest->mean_busy < 50 ? "build now" : "build later";
+    const auto busy = std::to_string(std::lround(latest->mean_busy));
+    return {latest->samples, advice + ", the CPUs are " + busy + " % busy"};
   }
 
   const zorvix::Watcher<demo::Summary> summary_{demo::kSummary};

@@ -1,4 +1,4 @@
-// What the modules of the demo agree on: the names they meet under and the types they exchange.
+// What the modules of the demo share: names and message types.
 #ifndef ZORVIX_EXAMPLES_DEMO_DEMO_H_
 #define ZORVIX_EXAMPLES_DEMO_DEMO_H_
 
@@ -11,51 +11,56 @@ namespace demo {
 
 struct Sample {
   int number;   // from 1 on
-  double busy;  // percent of the CPU time since the sample before
-  std::thread::id taken_on;
+  double busy;  // percent of the CPU time since the previous sample
+  std::thread::id sampled_on;
 };
 
-// What became of the samples in one place. They are told apart by their numbers: one that comes
-// twice or in disorder makes taken + lost exceed the last.
+// Counts the samples that one subscriber receives. A gap in their numbers counts as dropped. If a
+// sample arrives twice or out of order, received + dropped exceeds `last`.
 struct Account {
-  void Take(const Sample& sample) {
-    ++taken;
-    lost += std::max(0, sample.number - last - 1);
+  void Receive(const Sample& sample) {
+    ++received;
+    dropped += std::max(0, sample.number - last - 1);
     last = sample.number;
     threads.insert(std::this_thread::get_id());
   }
-  int taken = 0, lost = 0, last = 0;
+  int received = 0;
+  int dropped = 0;
+  int last = 0;
   std::set<std::thread::id> threads;
 };
 
 struct Summary {
   int samples = 0;
-  double mean = 0;  // of the samples' busy
+  double mean_busy = 0;
 };
 struct Advice {
-  int samples;  // that it is founded on
+  int samples;  // number of samples that it is based on
   std::string text;
 };
-struct Nothing {};  // a request that says nothing
+struct Nothing {};  // a request without content
 struct Line {
-  std::string who, what;
+  std::string module;
+  std::string text;
 };
 
 inline const zorvix::Topic<Sample> kSamples{"sample"};
-inline const zorvix::Topic<int> kSent{"sent"};  // the number of samples, when the last is sent
-inline const zorvix::Topic<Account> kRecorded{"recorded"}, kUploaded{"uploaded"};
+inline const zorvix::Topic<int> kSent{"sent"};  // the number of samples, after the last one
+inline const zorvix::Topic<Account> kRecorded{"recorded"};
+inline const zorvix::Topic<Account> kUploaded{"uploaded"};
 inline const zorvix::State<Summary> kSummary{"summary"};
 inline const zorvix::Service<Nothing, Advice> kAdvice{"advice"};
 inline const zorvix::Topic<Line> kLines{"line"};
 
-// Has the host show a line, on its own thread.
-inline void Say(const std::string& who, const std::string& what) {
-  zorvix::Publisher(kLines).Publish({who, what});
+// Publishes a line, which the host prints on its main thread.
+inline void Say(const std::string& module, const std::string& text) {
+  zorvix::Publisher(kLines).Publish({module, text});
 }
 
 }  // namespace demo
 
-// What each module exports for the host: makes what the module is, which ends with the pointer.
+// Each module exports this function. It creates the module's object, which is destroyed with the
+// pointer.
 extern "C" __attribute__((visibility("default"))) void ModuleLoad(std::shared_ptr<void>& module);
 
 #endif  // ZORVIX_EXAMPLES_DEMO_DEMO_H_

@@ -1,5 +1,5 @@
-// Loads modules one after the other, as an app would, and shows on its main thread what they do
-// while they do it. At the end it checks what became of all samples. The bridge's log goes to a
+// Loads modules one after the other, as an app does, and prints on its main thread what they do.
+// At the end it checks that every sample was received or dropped. The log of the bridge goes to a
 // file beside the program.
 #include <dlfcn.h>
 
@@ -12,26 +12,123 @@ namespace {
 std::FILE* log_file = stderr;
 std::atomic<int> log_lines{0};
 
-std::shared_ptr<void> Load(const std::string& path) {
+// Returns a pointer that destroys the module's object and closes the module.
+std::shared_ptr<void> LoadModule(const std::string& path) {
   void* const library = dlopen(path.c_str(), RTLD_LOCAL | RTLD_NOW);
   if (library == nullptr) throw std::runtime_error(dlerror());
   std::shared_ptr<void> module;
   reinterpret_cast<decltype(&ModuleLoad)>(dlsym(library, "ModuleLoad"))(module);
-  return {library, [module](void* it) mutable {
+  return {library, [module](void* handle) mutable {
             module.reset();
-            dlclose(it);
+            dlclose(handle);
           }};
 }
 
-const char* Where(const std::set<std::thread::id>& threads, std::thread::id samplers) {
-  if (threads.size() != 1) return "several threads";
-  if (threads.count(std::this_thread::get_id()) != 0) return "the main thread";
-  return threads.count(samplers) != 0 ? "the sampler's thread" : "a thread of its own";
+const char* DescribeThread(const demo::Account& account, const demo::Sample& sample) {
+  if (account.threads.size() != 1) return "several threads";
+  const auto thread = *account.threads.begin();
+  if (thread == std::this_thread::get_id()) return "the main thread";
+  if (thread == sample.sampled_on) return "the sampler's thread";
+  return "a thread of its own";
+}
+
+class Host {
+ public:
+  explicit Host(std::string folder) : folder_(std::move(folder)) {}
+
+  // Loads the modules, lets them work, and closes them. Any order works: each module finds those
+  // that are there, and is found by later ones.
+  void Run() {
+    demo::Say("host", "prints all this on its main thread");
+    auto recorder = Load("recorder");
+    PauseForReader();
+    auto uploader = Load("uploader");
+    PauseForReader();
+    auto sampler = Load("sampler");
+    screen_.UpdateUntil(30);
+    answered_without_adviser_ = AskForAdvice().has_value();
+    screen_.UpdateUntil(50);
+
+    const int recorded_before = screen_.recorded.received;
+    auto adviser = Load("adviser");
+    const auto advice = AskForAdvice();
+    adviser_was_current_ = advice && advice->samples >= recorded_before;
+    screen_.UpdateUntil(80);
+
+    const int last_before = screen_.recorded.last;
+    uploader.reset();
+    screen_.Update();
+    // The latest sample may still have been on its way to the uploader.
+    uploader_was_current_ = screen_.uploaded.last >= last_before - 1;
+    demo::Say("host", "closed the uploader: with KeepLast{2} it dropped " +
+                          std::to_string(screen_.uploaded.dropped) + " samples, the recorder " +
+                          std::to_string(screen_.recorded.dropped));
+    screen_.UpdateUntil(last_before + 40);
+
+    demo::Say("host", "saw the others continue, and closes them");
+    adviser.reset();
+    sampler.reset();
+    recorder.reset();
+    screen_.Update();
+  }
+
+  // Prints what became of the samples. Returns whether that and the advice were as expected.
+  bool Report() const {
+    std::printf("%s\n          sent = received + dropped\n", screen_.terminal ? "\n" : "");
+    const bool recorder_good = PrintAccount("recorder", screen_.sent, screen_.recorded,
+                                            "a thread of its own", "KeepAll: drops nothing");
+    const bool uploader_good =
+        PrintAccount("uploader", screen_.uploaded.last, screen_.uploaded, "a thread of its own",
+                     "KeepLast{2}: slow on purpose, until it was closed");
+    const bool host_good = PrintAccount("host", screen_.sent, screen_.shown, "the main thread",
+                                        "KeepLast{1}: only the latest value");
+    return recorder_good && uploader_good && host_good && screen_.recorded.dropped == 0 &&
+           screen_.uploaded.threads != screen_.recorded.threads && !answered_without_adviser_ &&
+           adviser_was_current_ && uploader_was_current_;
+  }
+
+ private:
+  static void PauseForReader() { std::this_thread::sleep_for(std::chrono::milliseconds(500)); }
+
+  std::shared_ptr<void> Load(const std::string& name) {
+    auto module = LoadModule(folder_ + "libdemo_" + name + ".so");
+    screen_.Update();
+    return module;
+  }
+
+  std::optional<demo::Advice> AskForAdvice() const {
+    const auto advice = advice_.Call({});
+    demo::Say("host", "asks for advice: " + (advice ? advice->text : "there is no server"));
+    return advice;
+  }
+
+  // Returns whether all samples are accounted for and were received on that thread.
+  bool PrintAccount(const char* module, int sent, const demo::Account& account,
+                    const std::string& expected_thread, const char* remark) const {
+    const std::string thread = DescribeThread(account, screen_.sample);
+    std::printf("%-8s  %4d = %8d + %7d   on %s, %s\n", module, sent, account.received,
+                account.dropped, thread.c_str(), remark);
+    return account.received + account.dropped == sent && account.last == sent &&
+           thread == expected_thread;
+  }
+
+  const std::string folder_;
+  Screen screen_;
+  const zorvix::Client<demo::Nothing, demo::Advice> advice_{demo::kAdvice};
+  bool answered_without_adviser_ = true;
+  bool adviser_was_current_ = false;
+  bool uploader_was_current_ = false;
+};
+
+bool RunHost(const std::string& folder) {
+  Host host(folder);
+  host.Run();
+  return host.Report();
 }
 
 }  // namespace
 
-// Takes the place of the platform's for the bridge and all modules.
+// Replaces the system's function for the bridge and for all modules.
 extern "C" __attribute__((visibility("default"))) int __android_log_print(int priority,
                                                                           const char* tag,
                                                                           const char* format, ...) {
@@ -45,69 +142,16 @@ extern "C" __attribute__((visibility("default"))) int __android_log_print(int pr
 }
 
 int main(int, char** argv) try {
-  const std::string program = argv[0], log_path = program + ".log";
-  if ((log_file = std::fopen(log_path.c_str(), "w")) == nullptr) {
+  const std::string program = argv[0];
+  const std::string log_path = program + ".log";
+  log_file = std::fopen(log_path.c_str(), "w");
+  if (log_file == nullptr) {
     std::perror(log_path.c_str());
     return 1;
   }
-  Screen screen;
-  const auto load = [&](const std::string& name) {
-    const std::string folder = program.substr(0, program.rfind('/') + 1);
-    auto module = Load(folder + "libdemo_" + name + ".so");
-    screen.Update();
-    return module;
-  };
-  const zorvix::Client advice(demo::kAdvice);
-  const auto ask = [&] {
-    auto answer = advice.Call({});
-    demo::Say("host", "asks for advice: " + (answer ? answer->text : "nobody is there to answer"));
-    return answer;
-  };
-
-  // In any order: each finds what is there, and is found by what comes.
-  demo::Say("host", "shows all this, on its main thread");
-  auto recorder = load("recorder");
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));  // for who reads along
-  auto uploader = load("uploader");
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  auto sampler = load("sampler");
-  screen.UpdateUntil(30);
-  const bool unanswered = !ask();
-  screen.UpdateUntil(50);
-  const int summed = screen.recorded.taken;
-  auto adviser = load("adviser");
-  const auto answer = ask();
-  screen.UpdateUntil(80);
-
-  const int seen = screen.recorded.last;
-  uploader.reset();
-  screen.Update();
-  demo::Say("host", "took the uploader out: it lost " + std::to_string(screen.uploaded.lost) +
-                        " samples, the recorder " + std::to_string(screen.recorded.lost));
-  screen.UpdateUntil(seen + 40);
-  demo::Say("host", "saw the others go on, and stops them");
-  adviser.reset();
-  sampler.reset();
-  recorder.reset();
-  screen.Update();
-
-  // All but perhaps the newest sample had reached the uploader when it was told to go.
-  bool good = unanswered && answer && answer->samples >= summed && screen.recorded.lost == 0 &&
-              screen.uploaded.last >= seen - 1 &&
-              screen.uploaded.threads != screen.recorded.threads;
-  const auto balance = [&](const char* who, int sent, const demo::Account& account,
-                           const std::string& where, const char* remark) {
-    const auto ran = Where(account.threads, screen.sample.taken_on);
-    std::printf("%-8s  %4d = %5d + %4d   on %s, %s\n", who, sent, account.taken, account.lost, ran,
-                remark);
-    good &= account.taken + account.lost == sent && account.last == sent && ran == where;
-  };
-  std::printf("%s\n          sent = taken + lost\n", screen.terminal ? "\n" : "");
-  balance("recorder", screen.sent, screen.recorded, "a thread of its own", "which keeps all");
-  balance("uploader", screen.uploaded.last, screen.uploaded, "a thread of its own",
-          "until it was taken out");
-  balance("host", screen.sent, screen.shown, "the main thread", "the newest only");
-  std::puts(good ? "\nAll is accounted for." : "\nThis is not what should have come out.");
+  const bool good = RunHost(program.substr(0, program.rfind('/') + 1));
+  std::puts(good ? "\nAll samples are accounted for." : "\nThe result is not as expected.");
+  // After the host is destroyed, whose handles log that they unregister.
   std::printf("%d lines of the log are in %s\n", log_lines.load(), log_path.c_str());
   return good ? 0 : 1;
 } catch (const std::exception& error) {

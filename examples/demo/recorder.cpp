@@ -1,29 +1,29 @@
-// Sums up all samples, on a thread of its own: so without a mutex, and without the sampler waiting.
+// Sums up all samples on a thread of its own. So it needs no mutex, and the sampler does not wait.
 #include "demo.h"
 
 namespace {
 
 class Recorder {
  public:
-  Recorder() { demo::Say("recorder", "loaded: waits for samples, on a thread of its own"); }
+  Recorder() { demo::Say("recorder", "loaded, and waits for samples on a thread of its own"); }
 
  private:
   void Record(const demo::Sample& sample) {
-    account_.Take(sample);
+    account_.Receive(sample);
     sum_ += sample.busy;
-    summary_.Set({account_.taken, sum_ / account_.taken});
+    summary_.Set({account_.received, sum_ / account_.received});
     recorded_.Publish(account_);
-    if (account_.taken == 1) demo::Say("recorder", "has found the sampler: has its first sample");
+    if (account_.received == 1) demo::Say("recorder", "receives its first sample");
   }
 
   demo::Account account_;
   double sum_ = 0;
   zorvix::Holder<demo::Summary> summary_{demo::kSummary};
   const zorvix::Publisher<demo::Account> recorded_{demo::kRecorded};
-  // Destroyed from the last to the first: what waits has run when the thread has gone.
+  // Members are destroyed in reverse order: the thread first, which handles the pending samples.
   zorvix::Inbox inbox_;
-  zorvix::Subscriber<demo::Sample> recording_{
-      demo::kSamples, [this](auto& sample) { Record(sample); }, inbox_, zorvix::KeepLast{10'000}};
+  zorvix::Subscriber<demo::Sample> samples_{
+      demo::kSamples, [this](auto& sample) { Record(sample); }, inbox_, zorvix::KeepAll{}};
   zorvix::InboxThread thread_{inbox_};
 };
 

@@ -1,4 +1,4 @@
-// Publishes twenty times a second how busy the CPUs of this machine are, from a thread of its own.
+// Measures how busy the CPUs are and publishes it twenty times a second, from a thread of its own.
 #include <fstream>
 
 #include "demo.h"
@@ -7,35 +7,47 @@ namespace {
 
 class Sampler {
  public:
-  Sampler() { demo::Say("sampler", "loaded: sends samples to whoever is there"); }
+  Sampler() { demo::Say("sampler", "loaded, and publishes samples"); }
   ~Sampler() {
     stop_.set_value();
     thread_.join();
   }
 
  private:
-  // In percent of the time since the call before.
+  struct CpuTimes {
+    double user = 0;
+    double nice = 0;
+    double system = 0;
+    double idle = 0;
+    double iowait = 0;
+
+    double busy() const { return user + nice + system; }
+    double all() const { return busy() + idle + iowait; }
+  };
+
+  // Returns percent of the time since the previous call.
   double ReadBusy() {
     std::ifstream file("/proc/stat");
     std::string label;
-    double user = 0, nice = 0, system = 0, idle = 0, iowait = 0;
-    if (!(file >> label >> user >> nice >> system >> idle >> iowait)) return 0;
-    const double busy = user + nice + system, all = busy + idle + iowait;
-    const double busy_since = busy - std::exchange(busy_, busy);
-    const double all_since = all - std::exchange(all_, all);
-    return all_since > 0 ? std::clamp(100 * busy_since / all_since, 0., 100.) : 0;
+    CpuTimes now;
+    if (!(file >> label >> now.user >> now.nice >> now.system >> now.idle >> now.iowait)) return 0;
+    const CpuTimes before = std::exchange(times_, now);
+    const double elapsed = now.all() - before.all();
+    if (elapsed <= 0) return 0;
+    return std::clamp(100 * (now.busy() - before.busy()) / elapsed, 0., 100.);
   }
 
   void Run() {
     const auto stop = stop_.get_future();
     int number = 0;
     while (stop.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout) {
-      samples_.Publish({++number, ReadBusy(), std::this_thread::get_id()});
+      ++number;
+      samples_.Publish({number, ReadBusy(), std::this_thread::get_id()});
     }
     zorvix::Publisher(demo::kSent).Publish(number);
   }
 
-  double busy_ = 0, all_ = 0;
+  CpuTimes times_;
   std::promise<void> stop_;
   const zorvix::Publisher<demo::Sample> samples_{demo::kSamples};
   std::thread thread_{[this] { Run(); }};
