@@ -1,4 +1,5 @@
-// A service: the client's request callable is handed the server's function and calls it.
+// The plain interface: a service. The client passes a callable, which gets the server's function as
+// its argument and calls it.
 #include <zorvix/zorvix.h>
 
 #include <cstdio>

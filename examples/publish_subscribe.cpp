@@ -1,4 +1,5 @@
-// A topic: one publisher, two subscribers, delivered at once and from the queue.
+// The plain interface: a topic with one publisher and one subscriber, first delivered directly and
+// then through the queue.
 #include <zorvix/zorvix.h>
 
 #include <cstdio>
@@ -19,7 +20,7 @@ int main() {
   });
 
   for (const auto type : {BridgeType::Sync, BridgeType::Async}) {
-    // Publisher and subscriber would be different modules, each with a Control of its own.
+    // Publisher and subscriber would be in different modules, each with a Control of its own.
     std::shared_ptr<const Control> publisher =
         std::make_shared<Control>(Control{"greeting", BridgeModule::Topic, type});
     std::shared_ptr<const Control> subscriber =
@@ -27,8 +28,8 @@ int main() {
     bridge.RegisterPublisher(publisher);
     bridge.RegisterSubscriber(subscriber, print);
 
-    bridge.Publish(publisher, std::string(type == BridgeType::Sync ? "at once" : "later"));
-    bridge.SpinOnce();  // runs what is queued: nothing for Sync
+    bridge.Publish(publisher, std::string(type == BridgeType::Sync ? "directly" : "queued"));
+    bridge.SpinOnce();  // invokes what is queued: nothing for Sync
 
     bridge.UnregisterSubscriber(subscriber, reinterpret_cast<unsigned long>(print.get()));
     bridge.UnregisterPublisher(publisher);

@@ -1,4 +1,5 @@
-// Driving the queue: one task at a time, all that wait, and with a worker thread.
+// The plain interface: draining the queue one task at a time, completely, and with a worker
+// thread.
 #include <zorvix/zorvix.h>
 
 #include <cstdio>
@@ -12,11 +13,11 @@ using bridge::Zorvix;
 
 int main() {
   auto& bridge = Zorvix::GetInstance();
-  std::promise<std::thread::id> ran_on;
+  std::promise<std::thread::id> thread_of_last;
   int sum = 0;
   const auto add = std::make_shared<std::function<void(const std::any&)>>([&](const auto& message) {
     sum += std::any_cast<int>(message);
-    if (sum == 10) ran_on.set_value(std::this_thread::get_id());
+    if (sum == 10) thread_of_last.set_value(std::this_thread::get_id());
   });
   std::shared_ptr<const Control> topic =
       std::make_shared<Control>(Control{"add", BridgeModule::Topic, BridgeType::Async});
@@ -30,11 +31,11 @@ int main() {
 
   std::thread spin([&] { bridge.Spin(1); });  // blocks until StopSpin
   bridge.Publish(topic, 4);
-  const bool elsewhere = ran_on.get_future().get() != std::this_thread::get_id();
+  const bool on_worker = thread_of_last.get_future().get() != std::this_thread::get_id();
   std::printf("by the worker: %d\n", sum);
   bridge.StopSpin();
   spin.join();
 
   bridge.UnregisterSubscriber(topic, reinterpret_cast<unsigned long>(add.get()));
-  return sum == 10 && elsewhere ? 0 : 1;
+  return sum == 10 && on_worker ? 0 : 1;
 }

@@ -1,4 +1,4 @@
-// A state: whoever comes, and whenever, has the newest value.
+// A state: early and late watchers get the latest value.
 #include <zorvix/state.h>
 
 #include <cstdio>
@@ -10,39 +10,39 @@ struct Settings {
 };
 const zorvix::State<Settings> kSettings{"settings"};
 
+void WaitForSettings() {
+  const zorvix::Watcher settings(kSettings);
+  const auto first = settings.WaitFor(std::chrono::seconds(10));
+  std::printf("%-9s waited for %s\n", "early", first ? first->theme.c_str() : "nothing");
+}
+
 int main() {
-  std::string seen;
-  const auto print = [&seen](const char* who) {
-    return [&seen, who](const Settings& settings) {
-      std::printf("%-9s %s, volume %d\n", who, settings.theme.c_str(), settings.volume);
-      seen += who[0] + std::to_string(settings.volume) + ' ';
+  std::string received;
+  const auto print = [&received](const char* watcher) {
+    return [&received, watcher](const Settings& settings) {
+      std::printf("%-9s %s, volume %d\n", watcher, settings.theme.c_str(), settings.volume);
+      received += watcher + (" " + std::to_string(settings.volume)) + ", ";
     };
   };
 
-  // Comes before there is anything to see, and waits for it.
-  std::thread early([] {
-    const zorvix::Watcher settings(kSettings);
-    const auto first = settings.WaitFor(std::chrono::seconds(10));
-    std::printf("%-9s has waited for %s\n", "early", first ? first->theme.c_str() : "nothing");
-  });
+  // Is created before there is a value, perhaps even before the holder.
+  std::thread early(WaitForSettings);
   zorvix::Holder settings(kSettings);
   settings.Set({"light", 1});
   settings.Set({"dark", 2});
   early.join();
 
-  // Comes late, and has the newest before its constructor has returned.
+  // Its callable has been invoked with the latest value when the constructor returns.
   const zorvix::Watcher late(kSettings, print("late"));
-  // Sees values in the drains of an inbox, where those between are skipped.
+  // Its callable is invoked in drains of the inbox, with the latest value only.
   zorvix::Inbox frame;
   const zorvix::Watcher drawn(kSettings, print("drawn"), frame);
-  std::thread([&settings] {
-    settings.Set({"dark", 3});
-    settings.Set({"dark", 4});
-  }).join();
+  settings.Set({"dark", 3});
+  settings.Set({"dark", 4});
   frame.Drain();
 
-  // Needs no callable: asks when it wants to know.
-  const zorvix::Watcher asking(kSettings);
-  std::printf("%-9s volume %d\n", "asking", asking.Newest()->volume);
-  return seen == "l2 l3 l4 d4 " && asking.Newest()->volume == 4 ? 0 : 1;
+  // Without a callable, it returns the latest value when it is asked.
+  const zorvix::Watcher polled(kSettings);
+  std::printf("%-9s volume %d\n", "polled", polled.Newest()->volume);
+  return received == "late 2, late 3, late 4, drawn 4, " && polled.Newest()->volume == 4 ? 0 : 1;
 }

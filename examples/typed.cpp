@@ -1,4 +1,4 @@
-// All five handles: what is published and called here is typed, and ends with its object.
+// The five basic handles: each registers in its constructor and unregisters in its destructor.
 #include <zorvix/typed.h>
 
 #include <cstdio>
@@ -21,10 +21,10 @@ int main() {
   };
   std::optional<double> square;
   {
-    const zorvix::Subscriber at_once(kSamples, show("at once"));
+    const zorvix::Subscriber direct(kSamples, show("directly"));
     const zorvix::Subscriber queued(kSamples, show("from a worker"), zorvix::Delivery::Queued);
     const zorvix::Server squares(kSquare, [](int side) { return 1.0 * side * side; });
-    const zorvix::Workers workers(1);  // the first to go, when all that is queued has run
+    const zorvix::Workers workers(1);  // destroyed first: then the queue is empty
 
     const zorvix::Publisher samples(kSamples);
     samples.Publish({1, 0.5});
