@@ -1,4 +1,4 @@
-// The cases, in the order of the table, and the parts they are made of.
+// The cases, in the order of the table, and the parts that they consist of.
 #include <android/log.h>
 #include <zorvix/typed.h>
 
@@ -25,7 +25,7 @@ using namespace bridge;
 using Payload = std::array<std::uint64_t, 8>;
 
 Zorvix& the_bridge = Zorvix::GetInstance();
-std::any sync_message = Payload{};  // left with the caller by every synchronous publication
+std::any sync_message = Payload{};  // not moved from by a Sync publication, so it is reused
 
 constexpr char kSignals2[] = "Boost.Signals2";
 constexpr char kShortName[] = "odometry";
@@ -36,13 +36,24 @@ std::shared_ptr<const Control> MakeControl(std::string name, BridgeModule module
   return std::make_shared<const Control>(Control{std::move(name), module, type});
 }
 
-void Take(const Payload& payload) { benchmark::DoNotOptimize(payload[0]); }
-void Receive(const std::any& message) { Take(std::any_cast<const Payload&>(message)); }
+std::atomic<std::size_t> received_by_workers{0};
 
-// One topic with the same subscribers on the bridge and as a signal.
+void Receive(const Payload& payload) { benchmark::DoNotOptimize(payload[0]); }
+void ReceiveAny(const std::any& message) { Receive(std::any_cast<const Payload&>(message)); }
+
+void ReceiveOnWorker(const Payload& payload) {
+  Receive(payload);
+  ++received_by_workers;
+}
+void ReceiveAnyOnWorker(const std::any& message) {
+  ReceiveAny(message);
+  ++received_by_workers;
+}
+
+// A topic of the bridge and a signal with the same subscribers.
 struct Topic {
   explicit Topic(std::string name, std::size_t subscribers = 1, BridgeType type = BridgeType::Sync,
-                 void (*callable)(const std::any&) = Receive)
+                 void (*callable)(const std::any&) = ReceiveAny)
       : control(MakeControl(std::move(name), BridgeModule::Topic, type)) {
     for (std::size_t i = 0; i < subscribers; ++i) {
       callback = std::make_shared<std::function<void(const std::any&)>>(callable);
@@ -50,12 +61,13 @@ struct Topic {
       signal.connect(callable);
     }
   }
-  ~Topic() { the_bridge.UnregisterSubscriber(control, 0); }  // the last to leave takes all along
+  // Removes the name with all its subscribers, since the control has no other owner.
+  ~Topic() { the_bridge.UnregisterSubscriber(control, 0); }
 
   void Publish() { the_bridge.Publish(control, std::move(sync_message)); }
   void Emit() { signal(sync_message); }
   void Post() { the_bridge.Publish(control, Payload{}); }
-  // A closure of the same three fields as the bridge's.
+  // Posts a closure with the same three fields as the bridge's.
   void PostOn(boost::asio::io_context& context) {
     boost::asio::post(context, [name = real_name, callback = callback,
                                 message = std::any(Payload{})] { (*callback)(message); });
@@ -74,7 +86,7 @@ void Publish(benchmark::State& state, const char* name, std::size_t subscribers)
 
 void PublishTyped(benchmark::State& state) {
   Topic plain(kShortName);
-  const zorvix::Subscriber subscriber(kTyped, Take);
+  const zorvix::Subscriber subscriber(kTyped, Receive);
   const zorvix::Publisher publisher(kTyped);
   Compare(state, "the plain interface", OneThread([&] { publisher.Publish(Payload{}); }),
           OneThread([&] { plain.Post(); }));
@@ -93,7 +105,8 @@ void PublishAmongMany(benchmark::State& state) {
 }
 
 void PublishOnTwoThreads(benchmark::State& state, bool one_topic) {
-  Topic topic(kShortName), other("distance");
+  Topic topic(kShortName);
+  Topic other("distance");
   Topic& second = one_topic ? topic : other;
   Compare(state, kSignals2, TwoThreads([&] { topic.Publish(); }, [&] { second.Publish(); }),
           TwoThreads([&] { topic.Emit(); }, [&] { second.Emit(); }));
@@ -117,58 +130,73 @@ void Call(benchmark::State& state, const char* name) {
   the_bridge.UnregisterServer(control, 0);
 }
 
-std::atomic<std::size_t> taken{0};  // by workers
+// Waits until workers have received a whole burst.
+void AwaitBurst(std::size_t burst) {
+  while (received_by_workers != burst) std::this_thread::yield();
+  received_by_workers = 0;
+}
 
-// Posts bursts, and drains them by hand or waits for workers, as many here as at the peer. Those of
-// one sleep while the other's are measured.
+// One burst of a queue: `post` is called `size` times, then `drain` if there are no workers.
+struct Burst {
+  std::size_t size;
+  std::size_t workers;
+
+  template <typename Post, typename Drain>
+  Measure ToMeasure(Post post, Drain drain) const {
+    const auto step = [burst = *this, post, drain] {
+      for (std::size_t i = 0; i < burst.size; ++i) post();
+      if (burst.workers == 0) {
+        drain();
+      } else {
+        AwaitBurst(burst.size);
+      }
+    };
+    return OneThread(step, size);
+  }
+};
+
+// Compares with Boost.Asio, with as many workers there as here. The workers of one side sleep while
+// the other side is measured.
 template <typename Post, typename Drain, typename PostOn>
-void CompareQueues(benchmark::State& state, std::size_t burst, std::size_t workers, Post post,
-                   Drain drain, PostOn post_on) {
+void CompareQueues(benchmark::State& state, Burst burst, Post post, Drain drain, PostOn post_on) {
   boost::asio::io_context context;
   const auto strand = boost::asio::make_strand(context);
   auto work = boost::asio::make_work_guard(context);
   std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < workers; ++i) threads.emplace_back([&] { context.run(); });
-  if (workers != 0) threads.emplace_back([=] { the_bridge.Spin(workers); });
-  const auto measure = [=](auto post_one, auto drain_all) {
-    const auto step = [=] {
-      for (std::size_t i = 0; i < burst; ++i) post_one();
-      if (workers == 0) return static_cast<void>(drain_all());
-      while (taken != burst) std::this_thread::yield();
-      taken = 0;
-    };
-    return OneThread(step, burst);
-  };
-  Compare(state, "Boost.Asio", measure(post, drain),
-          measure([&] { post_on(context, strand); }, [&] { context.poll(); }));
+  for (std::size_t i = 0; i < burst.workers; ++i) threads.emplace_back([&] { context.run(); });
+  if (burst.workers != 0) threads.emplace_back([=] { the_bridge.Spin(burst.workers); });
+
+  const auto post_peer = [&] { post_on(context, strand); };
+  const auto drain_peer = [&] { context.poll(); };
+  Compare(state, "Boost.Asio", burst.ToMeasure(post, drain),
+          burst.ToMeasure(post_peer, drain_peer));
+
   the_bridge.StopSpin();
   work.reset();
   for (auto& thread : threads) thread.join();
 }
 
-void PublishAsync(benchmark::State& state, std::size_t burst, std::size_t workers,
-                  int least_logged) {
-  __android_log_set_minimum_priority(least_logged);
-  const auto count = [](const std::any& message) { Receive(message), ++taken; };
-  Topic topic(kShortName, 1, BridgeType::Async, workers == 0 ? Receive : count);
+void PublishAsync(benchmark::State& state, Burst burst, int minimum_priority) {
+  __android_log_set_minimum_priority(minimum_priority);
+  Topic topic(kShortName, 1, BridgeType::Async,
+              burst.workers == 0 ? ReceiveAny : ReceiveAnyOnWorker);
   CompareQueues(
-      state, burst, workers, [&] { topic.Post(); }, [] { the_bridge.SpinOnce(); },
+      state, burst, [&] { topic.Post(); }, [] { the_bridge.SpinOnce(); },
       [&](auto& context, auto&) { topic.PostOn(context); });
 }
 
-// Typed, in order and one at a time: through an inbox, or by the bridge's workers. What the peer's
-// strand runs shares the callback and has the message by value.
-void PublishInOrder(benchmark::State& state, std::size_t burst, std::size_t workers) {
-  const auto count = [](const Payload& message) { Take(message), ++taken; };
-  const auto take = workers == 0 ? Take : count;
-  const auto callback = std::make_shared<std::function<void(const Payload&)>>(take);
+// Delivers typed messages in order and one at a time: through an inbox, or by the bridge's workers.
+// A task on the peer's strand shares the callback and holds the message by value.
+void PublishInOrder(benchmark::State& state, Burst burst) {
+  const auto receive = burst.workers == 0 ? Receive : ReceiveOnWorker;
+  const auto callback = std::make_shared<std::function<void(const Payload&)>>(receive);
   zorvix::Inbox inbox;
   const zorvix::Subscriber subscriber =
-      workers == 0 ? zorvix::Subscriber(kTyped, take, inbox)
-                   : zorvix::Subscriber(kTyped, take, zorvix::Delivery::Queued);
+      burst.workers == 0 ? zorvix::Subscriber(kTyped, receive, inbox)
+                         : zorvix::Subscriber(kTyped, receive, zorvix::Delivery::Queued);
   const zorvix::Publisher publisher(kTyped);
   CompareQueues(
-      state, burst, workers, [&] { publisher.Publish(Payload{}); }, [&] { inbox.Drain(); },
+      state, burst, [&] { publisher.Publish(Payload{}); }, [&] { inbox.Drain(); },
       [&](auto&, auto& strand) {
         boost::asio::post(strand, [callback, message = Payload{}] { (*callback)(message); });
       });
@@ -176,14 +204,14 @@ void PublishInOrder(benchmark::State& state, std::size_t burst, std::size_t work
 
 void Register(benchmark::State& state, std::size_t subscribers) {
   Topic topic(kShortName, subscribers);
-  const auto callback = std::make_shared<std::function<void(const std::any&)>>(Receive);
-  const auto come_and_go = [&] {
+  const auto callback = std::make_shared<std::function<void(const std::any&)>>(ReceiveAny);
+  const auto register_and_unregister = [&] {
     auto control = topic.control;
     the_bridge.RegisterSubscriber(control, callback);
     the_bridge.UnregisterSubscriber(control, reinterpret_cast<unsigned long>(callback.get()));
   };
-  Compare(state, kSignals2, OneThread(come_and_go),
-          OneThread([&] { topic.signal.connect(Receive).disconnect(); }));
+  Compare(state, kSignals2, OneThread(register_and_unregister),
+          OneThread([&] { topic.signal.connect(ReceiveAny).disconnect(); }));
 }
 
 template <typename Function, typename... Arguments>
@@ -204,17 +232,11 @@ const auto control = MakeControl(kShortName, BridgeModule::Topic, BridgeType::As
 std::mutex mutex;
 std::string_view suffix = "/Topic/Sync";
 std::unordered_map<const Control*, int> table{{control.get(), 0}};
-std::function<void(const std::any&)> function = Receive;
+std::function<void(const std::any&)> function = ReceiveAny;
 
-const bool added = [] {
-  if (ZORVIX_BENCH_KEEPS_LOG) {
-    const std::string name = "Async publish and drain, log into a file";
-    Add(name, 150, PublishAsync, 64, 0, kLogInfo);
-    Add(name + ", from WARN on", 150, PublishAsync, 64, 0, kLogWarn);
-    return true;
-  }
-  for (int i = 1; i <= 256; i *= 2) {
-    Add("Sync publish to " + std::to_string(i), 150, Publish, kShortName, i);
+void AddSyncCases() {
+  for (int subscribers = 1; subscribers <= 256; subscribers *= 2) {
+    Add("Sync publish to " + std::to_string(subscribers), 150, Publish, kShortName, subscribers);
   }
   Add("Sync publish to 1, name of 60 characters", 150, Publish, kLongName, 1);
   Add("Sync publish to 1, typed, a new message each time", 150, PublishTyped);
@@ -223,18 +245,33 @@ const bool added = [] {
   Add("Sync publish to 1 on 2 threads, same topic", 150, PublishOnTwoThreads, true);
   Add("Sync call", 150, Call, kShortName);
   Add("Sync call, name of 60 characters", 150, Call, kLongName);
-  Add("Async publish and drain", 150, PublishAsync, 64, 0, kLogInfo);
-  Add("Async publish to a worker, 1 at a time", 150, PublishAsync, 1, 1, kLogInfo);
-  Add("Async publish to a worker, 64 at a time", 150, PublishAsync, 64, 1, kLogInfo);
-  Add("Async publish to 2 workers, 64 at a time", 150, PublishAsync, 64, 2, kLogInfo);
-  Add("Queued delivery by a worker, 64 at a time", 150, PublishInOrder, 64, 1);
-  Add("Queued delivery by 2 workers, 64 at a time", 150, PublishInOrder, 64, 2);
-  Add("Publish to an inbox and drain, 64 at a time", 150, PublishInOrder, 64, 0);
-  Add("Publish to an inbox and drain, 8 at a time", 150, PublishInOrder, 8, 0);
-  Add("Publish to an inbox and drain, 1 at a time", 150, PublishInOrder, 1, 0);
+}
+
+void AddQueueCases() {
+  const auto add_async = [](const char* name, Burst burst) {
+    Add(name, 150, PublishAsync, burst, kLogInfo);
+  };
+  add_async("Async publish and drain", {64, 0});
+  add_async("Async publish to a worker, 1 at a time", {1, 1});
+  add_async("Async publish to a worker, 64 at a time", {64, 1});
+  add_async("Async publish to 2 workers, 64 at a time", {64, 2});
+
+  const auto add_in_order = [](const char* name, Burst burst) {
+    Add(name, 150, PublishInOrder, burst);
+  };
+  add_in_order("Queued delivery by a worker, 64 at a time", {64, 1});
+  add_in_order("Queued delivery by 2 workers, 64 at a time", {64, 2});
+  add_in_order("Publish to an inbox and drain, 64 at a time", {64, 0});
+  add_in_order("Publish to an inbox and drain, 8 at a time", {8, 0});
+  add_in_order("Publish to an inbox and drain, 1 at a time", {1, 0});
+}
+
+void AddRegisterCases() {
   Add("Register and unregister 1 subscriber, 1 on the topic", 150, Register, 1);
   Add("Register and unregister 1 subscriber, 1,000 on the topic", 150, Register, 1000);
+}
 
+void AddParts() {
   AddPart("free mutex locked and unlocked", {2, 2, 4}, [] { const std::lock_guard lock(mutex); });
   AddPart("name composed in place", {1, 1, 0}, [] {
     std::array<char, 128> buffer;
@@ -259,7 +296,23 @@ const bool added = [] {
           [] { benchmark::DoNotOptimize(std::unique_ptr<Payload>(new Payload)); });
   AddPart("queue-size line formatted", {0, 0, 1},
           [] { BRIDGE_LOG(kLogInfo, "event queue size: %zu", control->name.size()); });
-  return true;
-}();
+}
+
+void AddLogCases() {
+  const std::string name = "Async publish and drain, log into a file";
+  Add(name, 150, PublishAsync, Burst{64, 0}, kLogInfo);
+  Add(name + ", from WARN on", 150, PublishAsync, Burst{64, 0}, kLogWarn);
+}
 
 }  // namespace
+
+void AddCases() {
+  if (ZORVIX_BENCH_KEEPS_LOG) {
+    AddLogCases();
+    return;
+  }
+  AddSyncCases();
+  AddQueueCases();
+  AddRegisterCases();
+  AddParts();
+}

@@ -14,38 +14,47 @@
 
 namespace {
 
-// Keeps of each case the repetition in which its peer was fastest, and of each part the fastest:
-// those that the machine disturbed least.
+// Keeps one repetition of each case and part, the one that the machine disturbed least: of a case
+// the one with the fastest peer, of a part the fastest.
 class Tables : public benchmark::BenchmarkReporter {
  public:
   bool ReportContext(const Context&) override { return true; }
 
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const auto& run : runs) {
-      if (run.run_type != Run::RT_Iteration) continue;
-      const bool is_part = run.report_label.empty();
-      auto& best = (is_part ? parts_ : cases_).try_emplace(run.family_index, run).first->second;
-      if (is_part ? run.GetAdjustedRealTime() < best.GetAdjustedRealTime()
-                  : run.counters.at("peer") < best.counters.at("peer")) {
-        best = run;
-      }
+      if (run.run_type == Run::RT_Iteration) Keep(run);
     }
   }
 
   void Finalize() override {
-    std::map<std::string, double> measured;
+    PrintCases();
+    if (!parts_.empty()) PrintParts();
+  }
+
+ private:
+  void Keep(const Run& run) {
+    const bool is_part = run.report_label.empty();
+    auto& best = (is_part ? parts_ : cases_).try_emplace(run.family_index, run).first->second;
+    const bool is_better = is_part ? run.GetAdjustedRealTime() < best.GetAdjustedRealTime()
+                                   : run.counters.at("peer") < best.counters.at("peer");
+    if (is_better) best = run;
+  }
+
+  void PrintCases() {
     std::puts(
         "| case | peer | Zorvix, ns | peer, ns | to peer | allocations: Zorvix, peer |\n"
         "|---|---|--:|--:|--:|--:|");
     for (auto& [index, run] : cases_) {
       const std::string& name = run.run_name.function_name;
-      measured[name] = run.counters["ours"];
+      measured_[name] = run.counters["ours"];
       std::printf("| %s | %s | %.0f | %.0f | %.2f | %.2f, %.2f |\n", name.c_str(),
                   run.report_label.c_str(), run.counters["ours"].value, run.counters["peer"].value,
                   run.counters["to peer"].value, run.counters["allocations"].value,
                   run.counters["allocations of peer"].value);
     }
-    if (parts_.empty()) return;
+  }
+
+  void PrintParts() {
     std::printf("\n| part | ns |");
     for (const char* name : kAddedUp) std::printf(" %s |", name);
     std::puts("\n|---|--:|--:|--:|--:|");
@@ -59,15 +68,20 @@ class Tables : public benchmark::BenchmarkReporter {
       }
       std::puts("");
     }
-    std::printf("| **sum, ns** | |");
-    for (const char* name : kAddedUp) std::printf(" **%.0f** |", sums[name]);
-    std::printf("\n| **measured, ns** | |");
-    for (const char* name : kAddedUp) std::printf(" **%.0f** |", measured[name]);
+    PrintTotals("sum", sums);
+    PrintTotals("measured", measured_);
+  }
+
+  static void PrintTotals(const char* label, std::map<std::string, double>& totals) {
+    std::printf("| **%s, ns** | |", label);
+    for (const char* name : kAddedUp) std::printf(" **%.0f** |", totals[name]);
     std::puts("");
   }
 
- private:
-  std::map<std::int64_t, Run> cases_, parts_;  // in the order in which they were added
+  // Both in the order in which the benchmarks were registered.
+  std::map<std::int64_t, Run> cases_;
+  std::map<std::int64_t, Run> parts_;
+  std::map<std::string, double> measured_;  // nanoseconds of each case
 };
 
 }  // namespace
@@ -82,15 +96,16 @@ void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 #if !ZORVIX_BENCH_KEEPS_LOG
-// Takes the place of the platform's for the whole process.
+// Replaces the system's function for the whole process.
 int __android_log_print(int, const char*, const char*, ...) { return 0; }
 #endif
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  // A process with one thread only would get locks and reference counts almost for nothing.
+  // In a process with a single thread, locks and reference counts would cost almost nothing.
   std::thread([] { pause(); }).detach();
+  AddCases();
   Tables tables;
   benchmark::RunSpecifiedBenchmarks(&tables);
 }

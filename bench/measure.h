@@ -1,5 +1,5 @@
-// Measures a case beside its peer. A shared machine has slow phases that last for seconds, so the
-// two take turns every few milliseconds, and what counts is the median of the ratios of neighbours.
+// Measures a case and its peer. A shared machine has slow phases that last for seconds, so the two
+// take turns every few milliseconds, and the result is the median of the ratios of neighbours.
 #ifndef ZORVIX_BENCH_MEASURE_H_
 #define ZORVIX_BENCH_MEASURE_H_
 
@@ -15,7 +15,7 @@
 #include <future>
 #include <vector>
 
-// The cases whose parts are measured too, and how often each does a part.
+// The cases whose parts are measured too, and how often each case executes a part.
 constexpr std::array kAddedUp{"Sync publish to 1", "Sync call", "Async publish and drain"};
 using Counts = std::array<int, kAddedUp.size()>;
 
@@ -27,9 +27,11 @@ struct Sample {  // of one operation
 using Clock = std::chrono::steady_clock;
 using Measure = std::function<Sample()>;
 
+void AddCases();  // registers all cases
+
 inline thread_local std::size_t allocations = 0;  // so far
 
-// Returns its start.
+// Returns the time at which it started.
 template <typename Step>
 Clock::time_point Repeat(std::size_t times, const Step& step) {
   const auto start = Clock::now();
@@ -37,8 +39,8 @@ Clock::time_point Repeat(std::size_t times, const Step& step) {
   return start;
 }
 
-// Measures run(n), which does n operations, a multiple of 64, and returns its start. The first call
-// finds the n that takes a millisecond.
+// Measures run(n), which executes n operations, a multiple of 64, and returns the time at which it
+// started. The first call finds the n that takes a millisecond.
 template <typename Run>
 Measure Timed(Run run) {
   return [run, n = std::size_t{64}]() mutable {
@@ -53,22 +55,24 @@ Measure Timed(Run run) {
   };
 }
 
-// Each step does `at_once` operations.
+// Each step executes `operations` operations.
 template <typename Step>
-Measure OneThread(Step step, std::size_t at_once = 1) {
-  return Timed([=](std::size_t n) { return Repeat(n / at_once, step); });
+Measure OneThread(Step step, std::size_t operations = 1) {
+  return Timed([=](std::size_t n) { return Repeat(n / operations, step); });
 }
 
-// Each thread does all operations: two that do not hinder one another take as long as one.
+// Each thread executes n operations. Two threads without contention take as long as one.
 template <typename First, typename Second>
 Measure TwoThreads(First first, Second second) {
   return Timed([=](std::size_t n) {
     std::atomic<int> ready{0};
     const auto run = [&](const auto& step) {
-      for (++ready; ready != 2;) continue;
+      ++ready;
+      while (ready != 2) {
+      }
       return Repeat(n, step);
     };
-    cpu_set_t others;  // left to themselves both often share a processor
+    cpu_set_t others;  // without this, both threads often share a processor
     sched_getaffinity(0, sizeof others, &others);
     CPU_CLR(static_cast<std::size_t>(sched_getcpu()), &others);
     auto other = std::async(std::launch::async, [&] {
@@ -76,7 +80,7 @@ Measure TwoThreads(First first, Second second) {
       return run(second);
     });
     const auto start = run(first);
-    return std::min(start, other.get());  // either may be late to see the other ready
+    return std::min(start, other.get());  // either thread may have been first
   });
 }
 
@@ -85,26 +89,29 @@ inline double Median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// Gives the result of `state`, one round of `ours` and `peer` for each of its iterations.
+// Measures `ours` and `peer` once in each iteration and stores the medians in the counters.
 inline void Compare(benchmark::State& state, const char* peer_name, const Measure& ours,
                     const Measure& peer) {
-  Sample own = ours(), other = peer();  // find their lengths and warm up
-  std::vector<double> times, peer_times, ratios;
+  Sample our_sample = ours();  // the first calls find the number of operations and warm up
+  Sample peer_sample = peer();
+  std::vector<double> our_times;
+  std::vector<double> peer_times;
+  std::vector<double> ratios;
   for (auto _ : state) {
-    const bool peer_first = times.size() % 2 != 0;  // neither is always the second
-    if (peer_first) other = peer();
-    own = ours();
-    if (!peer_first) other = peer();
-    times.push_back(own.nanoseconds);
-    peer_times.push_back(other.nanoseconds);
-    ratios.push_back(own.nanoseconds / other.nanoseconds);
+    const bool peer_first = ratios.size() % 2 != 0;  // neither is always the second
+    if (peer_first) peer_sample = peer();
+    our_sample = ours();
+    if (!peer_first) peer_sample = peer();
+    our_times.push_back(our_sample.nanoseconds);
+    peer_times.push_back(peer_sample.nanoseconds);
+    ratios.push_back(our_sample.nanoseconds / peer_sample.nanoseconds);
   }
   state.SetLabel(peer_name);
-  state.counters = {{"ours", Median(times)},
+  state.counters = {{"ours", Median(our_times)},
                     {"peer", Median(peer_times)},
                     {"to peer", Median(ratios)},
-                    {"allocations", own.allocations},
-                    {"allocations of peer", other.allocations}};
+                    {"allocations", our_sample.allocations},
+                    {"allocations of peer", peer_sample.allocations}};
 }
 
 #endif  // ZORVIX_BENCH_MEASURE_H_
