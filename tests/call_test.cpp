@@ -421,6 +421,77 @@ TEST_F(Calls, ClientsWithoutHandlesBlockUntilAServerWithAnInboxHasAnswered) {
   EXPECT_EQ(refused.get(), std::nullopt);
 }
 
+// Builds and destroys servers of all kinds until there are no callers.
+void ServeInTurns(const std::atomic<int>& callers) {
+  const auto pause = [] { std::this_thread::sleep_for(milliseconds(1)); };
+  while (callers > 0) {
+    Inbox drained;
+    Inbox never_drained;
+    const InboxThread thread(drained);
+    std::optional server(IntServer(kService, Double, drained));
+    pause();
+    server.emplace(kService, Double, drained, KeepLast{1});
+    pause();
+    server.emplace(kService, Double, never_drained, KeepLast{2});
+    pause();
+    server.emplace(kService, Double);
+    pause();
+    server.reset();
+  }
+}
+
+// The calls of one thread, and how often each was answered.
+struct CallCounts {
+  int Begin() {
+    answered.push_back(0);
+    return static_cast<int>(answered.size()) - 1;
+  }
+  void End(int number, Answer answer) {
+    ++answered[static_cast<std::size_t>(number)];
+    if (!answer) return;
+    EXPECT_EQ(*answer, Double(number));
+    ++with_a_value;
+  }
+  std::deque<int> answered;
+  int with_a_value = 0;
+};
+
+TEST_F(Calls, EachCallIsAnsweredExactlyOnceWhileServersComeAndGo) {
+  const IntClient client(kService);
+  const IntClient with_inbox(kService, *client_inbox_);
+  const auto owned = std::make_shared<int>();
+  CallCounts blocking;
+  CallCounts limited;
+  CallCounts pending;
+  const auto call_blocking = [&](int number) { blocking.End(number, client.Call(number)); };
+  const auto call_limited = [&](int number) {
+    limited.End(number, with_inbox.Call(number, milliseconds(number % 3)));
+  };
+  const auto call_without_waiting = [&](int number) {
+    with_inbox.Call(number, [&pending, number](Answer answer) { pending.End(number, answer); });
+    // Of a client that is destroyed before the next drain.
+    IntClient(kService, *client_inbox_).Call(number, [owned](Answer) { ADD_FAILURE(); });
+    client_inbox_->Drain();
+  };
+  std::atomic<int> callers{3};
+  const auto begin = [&](CallCounts& counts, const auto& call) {
+    return std::async(std::launch::async, [&] {
+      while (counts.with_a_value < 300) call(counts.Begin());
+      --callers;
+    });
+  };
+
+  const std::future<void> threads[] = {begin(blocking, call_blocking), begin(limited, call_limited),
+                                       begin(pending, call_without_waiting)};
+  ServeInTurns(callers);
+  client_inbox_->Drain();
+
+  for (const auto* const counts : {&blocking, &limited, &pending}) {
+    EXPECT_EQ(counts->answered, std::deque<int>(counts->answered.size(), 1));
+  }
+  EXPECT_EQ(owned.use_count(), 1) << "all callables are destroyed";
+}
+
 TEST_F(Calls, DrainWithALimitInvokesOneCallableAtLeastAndLeavesTheRestInOrder) {
   std::vector<int> invoked;
   for (const int number : {1, 2, 3, 4}) {
