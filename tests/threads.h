@@ -1,0 +1,41 @@
+// For tests with several threads, where no line of the log can tell how far they are.
+#ifndef ZORVIX_TESTS_THREADS_H_
+#define ZORVIX_TESTS_THREADS_H_
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+#include <vector>
+
+// Waits until the condition is true. Returns false if it is still false after 30 s.
+template <typename Condition>
+bool ComesTrue(const Condition& condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+// Gives other threads time to get as far as they can. No test may rely on it.
+inline void LetOthersRun() {
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+}
+
+// Calls function(0) to function(count - 1) on threads that start together, and waits for them.
+template <typename Function>
+void OnThreads(int count, const Function& function) {
+  std::atomic<int> started{0};
+  std::vector<std::future<void>> threads;
+  for (int i = 0; i < count; ++i) {
+    threads.push_back(std::async(std::launch::async, [&, i] {
+      for (++started; started < count;) std::this_thread::yield();
+      function(i);
+    }));
+  }
+  for (auto& thread : threads) thread.get();
+}
+
+#endif  // ZORVIX_TESTS_THREADS_H_
