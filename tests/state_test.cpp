@@ -282,8 +282,9 @@ TEST_F(Bridge, LateWatcherHasBeenOrIsBeingInvokedWhenItsConstructorReturns) {
     OnThreads(2, [&](int thread) {
       std::atomic<bool> begun{false};
       if (thread == 0) return holder.Set({1});
-      // The destructor waits for an invocation in progress, and lets no other begin.
-      Watcher(kState, [&](auto&) { begun = true; });
+      // Waits for an invocation in progress, and lets no other begin.
+      std::optional watcher(Watcher(kState, [&](auto&) { begun = true; }));
+      watcher.reset();
       EXPECT_TRUE(begun);
     });
   }
