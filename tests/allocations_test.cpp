@@ -38,7 +38,44 @@ TEST_F(Bridge, SyncDeliveryAllocatesNothing) {
   EXPECT_EQ(allocations, 0u);
 }
 
-// Each allocation fails in turn; what had been entered by then is gone.
+TEST_F(Bridge, SmallMessageIsDeliveredWithoutAnAllocation) {
+  zorvix::Inbox inbox;
+  const zorvix::Topic<int> topic{std::string(60, 'n')};
+  const zorvix::Subscriber direct(topic, [](int) {});
+  const zorvix::Subscriber with_inbox(
+      topic, [](int) {}, inbox);
+  const zorvix::Publisher publisher(topic);
+  publisher.Publish(1);
+  inbox.Drain();
+  allocations = 0;
+
+  publisher.Publish(2);
+  inbox.Drain();
+
+  EXPECT_EQ(allocations, 0u);
+}
+
+// Calls `act` until none of its allocations fails: in the first call the first one fails, and so
+// on. Calls `check(threw)` after each.
+template <typename Act, typename Check>
+void FailEachAllocation(const Act& act, const Check& check) {
+  bool failed = true;
+  for (std::size_t next = 1; failed; ++next) {
+    SCOPED_TRACE(testing::Message() << "allocation " << next);
+    bool threw = false;
+    allocations = 0;
+    failing = next;
+    try {
+      act();
+    } catch (const std::bad_alloc&) {
+      threw = true;
+    }
+    failed = allocations >= next;
+    failing = 0;
+    check(threw);
+  }
+}
+
 TEST_F(Bridge, HandleThatCannotBeBuiltLeavesNothingBehind) {
   const std::string name(60, 'n');
   zorvix::Inbox inbox;
@@ -49,28 +86,26 @@ TEST_F(Bridge, HandleThatCannotBeBuiltLeavesNothingBehind) {
   const zorvix::Topic<int, BridgeType::Async> queued{name};
   const zorvix::Service<int, int> service{name};
   const zorvix::State<int> state{name};
-  const auto built = [](const auto&) { failing = 0; };
+  std::shared_ptr<void> handle;
+  const auto keep = [&](auto built) {
+    handle = std::make_shared<decltype(built)>(std::move(built));
+  };
   const std::function<void()> rows[] = {
-      [&] { built(zorvix::Publisher(topic)); },
-      [&] { built(zorvix::Subscriber(topic, fail)); },
-      [&] { built(zorvix::Subscriber(topic, fail, zorvix::Delivery::Queued)); },
-      [&] { built(zorvix::Subscriber(topic, fail, inbox)); },
-      [&] { built(zorvix::Subscriber(queued, fail)); },
-      [&] { built(zorvix::Server(service, fail)); },
-      [&] { built(zorvix::Client(service)); },
-      [&] { built(zorvix::Holder<int>(state)); },
-      [&] { built(zorvix::Watcher(state, fail, inbox)); }};
+      [&] { keep(zorvix::Publisher(topic, zorvix::Audience::Optional)); },
+      [&] { keep(zorvix::Subscriber(topic, fail)); },
+      [&] { keep(zorvix::Subscriber(topic, fail, zorvix::Delivery::Queued)); },
+      [&] { keep(zorvix::Subscriber(topic, fail, inbox)); },
+      [&] { keep(zorvix::Subscriber(queued, fail)); },
+      [&] { keep(zorvix::Server(service, fail)); },
+      [&] { keep(zorvix::Server(service, fail, inbox)); },
+      [&] { keep(zorvix::Client(service)); },
+      [&] { keep(zorvix::Client(service, inbox)); },
+      [&] { keep(zorvix::Holder<int>(state)); },
+      [&] { keep(zorvix::Watcher(state, fail, inbox)); }};
   for (const auto& build : rows) {
-    bool more = true;
-    for (std::size_t next = 1; more; ++next) {
-      SCOPED_TRACE(testing::Message() << "row " << &build - rows << ", allocation " << next);
-      allocations = 0;
-      failing = next;
-      try {
-        build();
-      } catch (const std::bad_alloc&) {
-      }
-      more = std::exchange(failing, 0) != 0;
+    SCOPED_TRACE(testing::Message() << "row " << &build - rows);
+    FailEachAllocation(build, [&](bool) {
+      handle.reset();
       TakeLog();
       for (const int i : {0, 1, 2, 3}) {
         auto end = MakeControl(name, BridgeModule{i / 2}, BridgeType{i % 2});
@@ -80,7 +115,71 @@ TEST_F(Bridge, HandleThatCannotBeBuiltLeavesNothingBehind) {
       ZorvixSpinOnce();
       EXPECT_EQ(inbox.Drain(), 0u);
       EXPECT_EQ(owned.use_count(), owners);
-    }
+    });
+  }
+}
+
+// Containers grow at different numbers of pending messages.
+TEST_F(Bridge, MessageThatCannotBeStoredChangesNothingElse) {
+  const zorvix::Topic<std::string> topic{"t"};
+  const zorvix::Publisher publisher(topic);
+  zorvix::Inbox inbox;
+  const zorvix::Subscriber subscriber(
+      topic, [](auto&) {}, inbox, zorvix::KeepAll());
+  for (std::size_t pending = 0; pending < 70; ++pending) {
+    for (std::size_t i = 0; i < pending; ++i) publisher.Publish("before");
+    TakeLog();
+
+    std::size_t stored = pending;
+    FailEachAllocation([&] { publisher.Publish("message"); },
+                       [&](bool threw) {
+                         const bool logged = Count(TakeLog(), "E: ") > 0;
+                         if (!threw && !logged) ++stored;
+                       });
+
+    EXPECT_EQ(inbox.Drain(), stored);
+  }
+}
+
+TEST_F(Bridge, SetThatThrowsSetsNothingAndAnyOtherReachesAllWatchers) {
+  const zorvix::State<int> state{"s"};
+  zorvix::Inbox inbox;
+  int set = 0;
+  int shown = 0;
+  int drained = 0;
+  zorvix::Holder holder(state);
+  const zorvix::Watcher direct(state, [&](int number) { shown = number; });
+  const zorvix::Watcher with_inbox(
+      state, [&](int number) { drained = number; }, inbox);
+  holder.Set(set);
+  inbox.Drain();
+
+  FailEachAllocation([&] { holder.Set(set + 1); },
+                     [&](bool threw) {
+                       if (!threw) ++set;
+                       inbox.Drain();
+                       EXPECT_EQ(shown, set);
+                       EXPECT_EQ(drained, set);
+                       EXPECT_EQ(*zorvix::Watcher(state).Newest(), set);
+                     });
+}
+
+TEST_F(Bridge, WatcherIsBuiltWithTheValueOrNotAtAll) {
+  const zorvix::State<int> state{"s"};
+  zorvix::Inbox inbox;
+  int shown = 0;
+  zorvix::Holder holder(state);
+  holder.Set(1);
+  std::optional<zorvix::Watcher<int>> watcher;
+  const auto show = [&](int number) { shown = number; };
+  const std::function<void()> rows[] = {[&] { watcher.emplace(state, show); },
+                                        [&] { watcher.emplace(state, show, inbox); }};
+  for (const auto& build : rows) {
+    FailEachAllocation(build, [&](bool threw) {
+      inbox.Drain();
+      EXPECT_EQ(std::exchange(shown, 0), threw ? 0 : 1);
+      watcher.reset();
+    });
   }
 }
 
