@@ -1,5 +1,8 @@
 // Uses handles. Built twice, as two modules.
+#include <zorvix/inspect.h>
 #include <zorvix/state.h>
+
+#include <sstream>
 
 #include "payload.h"
 
@@ -40,6 +43,33 @@ void Hold(int value) {
 
 void Watch(int* newest) {
   Add(zorvix::Watcher(kState, [newest](const Reading& reading) { *newest = reading.value; }));
+}
+
+// Uses what other tests do not need a module for.
+std::size_t UseAll() {
+  const zorvix::SlowLog slow(std::chrono::milliseconds(1));
+  zorvix::Inbox inbox;
+  const zorvix::Workers workers(1);
+  {
+    zorvix::InboxThread thread(inbox);
+    const zorvix::Topic<Reading> topic{"topic"};
+    const zorvix::Service<Reading, Reading> service{"service"};
+    const auto use = [](const Reading& reading) { return reading; };
+    const zorvix::Subscriber subscriber(topic, use, inbox);
+    const zorvix::Subscriber queued(topic, use, zorvix::Delivery::Queued);
+    const zorvix::Server server(service, use, inbox);
+    const zorvix::Client client(service, inbox);
+    const zorvix::Client<Reading, Reading, bridge::BridgeType::Async> later({"service"});
+    zorvix::Publisher(topic).Publish({"unit", 1});
+    client.Call({"unit", 1}, [](std::optional<Reading>) {});
+    client.Call({"unit", 1}, std::chrono::milliseconds(1));
+    later.Call({"unit", 1});
+    inbox.Post([] {});
+    thread.Stop(std::chrono::milliseconds(1000));
+  }
+  std::ostringstream table;
+  table << zorvix::Inspect();
+  return table.str().size();
 }
 
 void Leave() { handles.clear(); }
