@@ -1,5 +1,5 @@
-// The plain interface: a service. The client passes a callable, which gets the server's function as
-// its argument and calls it.
+// A service on the plain interface: the bridge passes the server's function to the client's
+// request, which calls it.
 #include <zorvix/zorvix.h>
 
 #include <cstdio>

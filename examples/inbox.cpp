@@ -1,4 +1,4 @@
-// Inboxes: each callable runs on the thread that its owner chooses.
+// Inboxes: each callable is invoked on the thread that its owner chooses, and on no other.
 #include <poll.h>
 #include <unistd.h>
 #include <zorvix/typed.h>
@@ -11,8 +11,8 @@ const zorvix::Service<int, int> kSquare{"square"};
 
 thread_local const char* thread_name = "a thread without a name";
 
-void Print(const char* event, int number) {
-  std::printf("%s %d on %s\n", event, number, thread_name);
+void Print(const char* what, int number) {
+  std::printf("%s %d on %s\n", what, number, thread_name);
 }
 
 void PublishSamples() {
@@ -24,20 +24,22 @@ void PublishSamples() {
   }
 }
 
-int AskForSquare(int side) {
-  thread_name = "the client's thread";
-  const int square = zorvix::Client(kSquare).Call(side).value_or(0);  // blocks until it is answered
-  Print("answered: it is", square);
-  return square;
+// Processes messages and requests until `end` is closed.
+void RunMainLoop(zorvix::Inbox& inbox, int end) {
+  pollfd descriptors[] = {{inbox.fd(), POLLIN, 0}, {end, POLLIN, 0}};
+  while (descriptors[1].revents == 0) {
+    poll(descriptors, 2, -1);
+    inbox.Drain();
+  }
 }
 
-int main() {
+int main() try {
   thread_name = "the main thread";
   int shown = 0;
-  std::string stored;
-  int square = 0;
+  int stored = 0;
+  int squared = 0;
 
-  // Drained by the loop below. The main thread needs only the latest sample.
+  // Drained by the main loop. Of the samples that arrive between two drains, it shows the latest.
   zorvix::Inbox main_inbox;
   const auto show = [&](int sample) {
     Print("shown: sample", sample);
@@ -45,38 +47,39 @@ int main() {
   };
   const zorvix::Subscriber showing(kSamples, show, main_inbox, zorvix::KeepLast{1});
 
-  // Drained by a thread of its own, which gets all samples.
-  zorvix::Inbox store;
-  store.Post([] { thread_name = "the store's thread"; });
-  const auto write = [&](int sample) {
+  // Drained by a thread of its own, which stores every sample.
+  zorvix::Inbox store_inbox;
+  store_inbox.Post([] { thread_name = "the store's thread"; });
+  const auto store = [&](int sample) {
     Print("stored: sample", sample);
-    stored += std::to_string(sample);
+    stored = 10 * stored + sample;
   };
-  const zorvix::Subscriber storing(kSamples, write, store);
-  std::optional<zorvix::InboxThread> store_thread(store);
+  const zorvix::Subscriber storing(kSamples, store, store_inbox, zorvix::KeepAll());
+  zorvix::InboxThread store_thread(store_inbox);
 
-  // Called on any thread, and invoked on the main thread.
+  // Answers in drains of the main loop, whichever thread calls.
   const auto compute = [](int side) {
     Print("computed: the square of", side);
     return side * side;
   };
-  const zorvix::Server squares(kSquare, compute, main_inbox);
+  const zorvix::Server square(kSquare, compute, main_inbox);
 
   std::thread(PublishSamples).join();
 
-  // The loop waits for two descriptors: that of the inbox, and one of the program's own.
-  int finished[2];
-  if (pipe(finished) != 0) return 1;
-  std::thread client([&] {
-    square = AskForSquare(7);
-    close(finished[1]);
+  int pipe_ends[2];
+  if (pipe(pipe_ends) != 0) return 1;
+  std::thread caller([&] {
+    thread_name = "the caller's thread";
+    squared = zorvix::Client(kSquare).Call(7).value_or(0);  // blocks until the main loop answers
+    Print("answered: it is", squared);
+    close(pipe_ends[1]);
   });
-  pollfd descriptors[] = {{main_inbox.fd(), POLLIN, 0}, {finished[0], POLLIN, 0}};
-  while (descriptors[1].revents == 0) {
-    poll(descriptors, 2, -1);
-    main_inbox.Drain();
-  }
-  client.join();
-  store_thread.reset();  // invokes the callable for all pending samples first
-  return shown == 3 && stored == "123" && square == 49 ? 0 : 1;
+  RunMainLoop(main_inbox, pipe_ends[0]);
+  caller.join();
+
+  const bool all_stored = store_thread.Stop(std::chrono::seconds(10));
+  return all_stored && shown == 3 && stored == 123 && squared == 49 ? 0 : 1;
+} catch (const std::exception& error) {  // thrown by fd, if no descriptor can be created
+  std::fprintf(stderr, "inbox: %s\n", error.what());
+  return 1;
 }

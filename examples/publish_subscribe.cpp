@@ -1,5 +1,5 @@
-// The plain interface: a topic with one publisher and one subscriber, first delivered directly and
-// then through the queue.
+// A topic on the plain interface: a Sync one, which delivers directly, and an Async one, which
+// delivers from the queue.
 #include <zorvix/zorvix.h>
 
 #include <cstdio>
@@ -20,7 +20,7 @@ int main() {
   });
 
   for (const auto type : {BridgeType::Sync, BridgeType::Async}) {
-    // Publisher and subscriber would be in different modules, each with a Control of its own.
+    // In an app, publisher and subscriber are different modules, each with a Control of its own.
     std::shared_ptr<const Control> publisher =
         std::make_shared<Control>(Control{"greeting", BridgeModule::Topic, type});
     std::shared_ptr<const Control> subscriber =
@@ -29,7 +29,7 @@ int main() {
     bridge.RegisterSubscriber(subscriber, print);
 
     bridge.Publish(publisher, std::string(type == BridgeType::Sync ? "directly" : "queued"));
-    bridge.SpinOnce();  // invokes what is queued: nothing for Sync
+    bridge.SpinOnce();  // executes the task of the Async publication
 
     bridge.UnregisterSubscriber(subscriber, reinterpret_cast<unsigned long>(print.get()));
     bridge.UnregisterPublisher(publisher);

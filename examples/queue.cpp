@@ -1,5 +1,4 @@
-// The plain interface: draining the queue one task at a time, completely, and with a worker
-// thread.
+// Three ways to drain the queue: one task at a time, until it is empty, and on a worker thread.
 #include <zorvix/zorvix.h>
 
 #include <cstdio>
@@ -13,11 +12,11 @@ using bridge::Zorvix;
 
 int main() {
   auto& bridge = Zorvix::GetInstance();
-  std::promise<std::thread::id> thread_of_last;
+  std::promise<std::thread::id> executed_on;
   int sum = 0;
   const auto add = std::make_shared<std::function<void(const std::any&)>>([&](const auto& message) {
     sum += std::any_cast<int>(message);
-    if (sum == 10) thread_of_last.set_value(std::this_thread::get_id());
+    if (sum == 10) executed_on.set_value(std::this_thread::get_id());
   });
   std::shared_ptr<const Control> topic =
       std::make_shared<Control>(Control{"add", BridgeModule::Topic, BridgeType::Async});
@@ -31,8 +30,8 @@ int main() {
 
   std::thread spin([&] { bridge.Spin(1); });  // blocks until StopSpin
   bridge.Publish(topic, 4);
-  const bool on_worker = thread_of_last.get_future().get() != std::this_thread::get_id();
-  std::printf("by the worker: %d\n", sum);
+  const bool on_worker = executed_on.get_future().get() != std::this_thread::get_id();
+  std::printf("drained by a worker: %d\n", sum);
   bridge.StopSpin();
   spin.join();
 

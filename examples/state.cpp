@@ -1,4 +1,5 @@
-// A state: early and late watchers get the latest value.
+// A state: each watcher has the latest value, whether it was built before or after the value was
+// set.
 #include <zorvix/state.h>
 
 #include <cstdio>
@@ -10,39 +11,42 @@ struct Settings {
 };
 const zorvix::State<Settings> kSettings{"settings"};
 
+// Needs no callable: blocks until there is a value.
 void WaitForSettings() {
   const zorvix::Watcher settings(kSettings);
   const auto first = settings.WaitFor(std::chrono::seconds(10));
-  std::printf("%-9s waited for %s\n", "early", first ? first->theme.c_str() : "nothing");
+  std::printf("early: has waited for %s\n", first ? first->theme.c_str() : "nothing");
 }
 
 int main() {
-  std::string received;
-  const auto print = [&received](const char* watcher) {
-    return [&received, watcher](const Settings& settings) {
-      std::printf("%-9s %s, volume %d\n", watcher, settings.theme.c_str(), settings.volume);
-      received += watcher + (" " + std::to_string(settings.volume)) + ", ";
+  std::string log;
+  const auto print = [&log](const std::string& watcher) {
+    return [&log, watcher](const Settings& settings) {
+      std::printf("%s: %s, volume %d\n", watcher.c_str(), settings.theme.c_str(), settings.volume);
+      log += watcher + std::to_string(settings.volume) + ' ';
     };
   };
 
-  // Is created before there is a value, perhaps even before the holder.
+  // Watches before there is a value, perhaps even before there is a holder.
   std::thread early(WaitForSettings);
   zorvix::Holder settings(kSettings);
   settings.Set({"light", 1});
   settings.Set({"dark", 2});
   early.join();
 
-  // Its callable has been invoked with the latest value when the constructor returns.
+  // Built late: its callable is invoked with the latest value before the constructor returns.
   const zorvix::Watcher late(kSettings, print("late"));
-  // Its callable is invoked in drains of the inbox, with the latest value only.
+  // With an inbox: its callable is invoked in drains, with the latest value only.
   zorvix::Inbox frame;
   const zorvix::Watcher drawn(kSettings, print("drawn"), frame);
-  settings.Set({"dark", 3});
-  settings.Set({"dark", 4});
+  std::thread([&settings] {
+    settings.Set({"dark", 3});
+    settings.Set({"dark", 4});
+  }).join();
   frame.Drain();
 
-  // Without a callable, it returns the latest value when it is asked.
-  const zorvix::Watcher polled(kSettings);
-  std::printf("%-9s volume %d\n", "polled", polled.Newest()->volume);
-  return received == "late 2, late 3, late 4, drawn 4, " && polled.Newest()->volume == 4 ? 0 : 1;
+  // Without a callable: asks for the latest value when it needs it.
+  const zorvix::Watcher asking(kSettings);
+  std::printf("asking: volume %d\n", asking.Newest()->volume);
+  return log == "late2 late3 late4 drawn4 " && asking.Newest()->volume == 4 ? 0 : 1;
 }

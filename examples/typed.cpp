@@ -1,4 +1,4 @@
-// The five basic handles: each registers in its constructor and unregisters in its destructor.
+// Topics and services with typed handles, which unregister in their destructors.
 #include <zorvix/typed.h>
 
 #include <cstdio>
@@ -22,9 +22,9 @@ int main() {
   std::optional<double> square;
   {
     const zorvix::Subscriber direct(kSamples, show("directly"));
-    const zorvix::Subscriber queued(kSamples, show("from a worker"), zorvix::Delivery::Queued);
+    const zorvix::Subscriber queued(kSamples, show("on a worker"), zorvix::Delivery::Queued);
     const zorvix::Server squares(kSquare, [](int side) { return 1.0 * side * side; });
-    const zorvix::Workers workers(1);  // destroyed first: then the queue is empty
+    const zorvix::Workers workers(1);  // destroyed first, when the queue is empty
 
     const zorvix::Publisher samples(kSamples);
     samples.Publish({1, 0.5});
@@ -33,6 +33,6 @@ int main() {
     const zorvix::Client client(kSquare);
     square = client.Call(7).get();
   }
-  std::printf("7 squared, by a worker: %.0f\n", square.value_or(0));
+  std::printf("the square of 7, from a worker: %.0f\n", square.value_or(0));
   return shown == 4 && square == 49 ? 0 : 1;
 }
