@@ -86,8 +86,10 @@ class Client {
   // destroy the client. Answers of one server arrive in the order of the calls. Throws
   // std::logic_error if the client has no inbox.
   template <typename Callable,
-            std::enable_if_t<std::is_invocable_v<Callable&, std::optional<Response>>, int> = 0>
+            std::enable_if_t<!std::is_convertible_v<Callable, std::chrono::milliseconds>, int> = 0>
   ZORVIX_INLINED void Call(Request request, Callable callable) const {
+    static_assert(!std::is_arithmetic_v<Callable>, "write the limit as a std::chrono duration");
+    detail::CheckCallable<Callable, std::optional<Response>>();
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
     auto* const its = state();
     if (its == nullptr) return;

@@ -66,14 +66,19 @@ class Watcher {
   [[nodiscard]] ZORVIX_INLINED Watcher(const State<Value>& state, Callable callable)
       : Watcher(detail::MakeWatcher<Value>(state.name, std::make_shared<detail::DirectMailbox>(),
                                            std::move(callable))) {
-    static_assert(kIsCallable<Callable>, "a watcher is called with a const Value&");
+    detail::CheckCallable<Callable, const Value&>();
   }
   // Invokes the callable in drains of the inbox.
   template <typename Callable>
   [[nodiscard]] ZORVIX_INLINED Watcher(const State<Value>& state, Callable callable, Inbox& inbox)
       : Watcher(
             detail::MakeWatcher<Value>(state.name, inbox.state().mailbox, std::move(callable))) {
-    static_assert(kIsCallable<Callable>, "a watcher is called with a const Value&");
+    detail::CheckCallable<Callable, const Value&>();
+  }
+
+  template <typename Other, typename... More, detail::IfOther<Other, State<Value>> = 0>
+  [[nodiscard]] ZORVIX_INLINED explicit Watcher(const Other&, const More&...) {
+    static_assert(std::is_same_v<Other, State<Value>>, "a watcher needs a State of its own type");
   }
   // The destructor waits for the callable as that of a Subscriber does.
   ZORVIX_MOVE_ONLY(Watcher);
@@ -92,8 +97,6 @@ class Watcher {
   }
 
  private:
-  template <typename Callable>
-  static constexpr bool kIsCallable = std::is_invocable_v<Callable&, const Value&>;
   ZORVIX_HIDDEN explicit Watcher(std::shared_ptr<void> watch) : watch_(std::move(watch)) {}
   ZORVIX_HIDDEN detail::WatchQueue& queue() const {
     return static_cast<detail::Watch*>(watch_.get())->queue();

@@ -2,6 +2,7 @@
 #ifndef ZORVIX_TOPIC_H_
 #define ZORVIX_TOPIC_H_
 
+#include <zorvix/detail/checks.h>
 #include <zorvix/detail/endpoint.h>
 
 namespace zorvix {

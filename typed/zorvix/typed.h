@@ -41,9 +41,18 @@ namespace zorvix {
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Publisher {
  public:
-  [[nodiscard]] ZORVIX_HIDDEN explicit Publisher(const Topic<Message, kType>& topic,
-                                                 Audience audience = Audience::Expected)
-      : sender_(detail::MakePublisher(topic.name, kType, audience)) {}
+  [[nodiscard]] ZORVIX_HIDDEN explicit Publisher(const Topic<Message, kType>& topic)
+      : sender_(detail::MakePublisher(topic.name, kType, Audience::Expected)) {}
+  [[nodiscard]] ZORVIX_HIDDEN Publisher(const Topic<Message, kType>& topic, Audience audience)
+      : sender_(detail::MakePublisher(topic.name, kType, audience)) {
+    static_assert(kType == bridge::BridgeType::Sync,
+                  "the audience can be chosen for a Sync topic only");
+  }
+  template <typename Other, typename... More, detail::IfOther<Other, Topic<Message, kType>> = 0>
+  [[nodiscard]] ZORVIX_INLINED explicit Publisher(const Other&, const More&...) {
+    static_assert(std::is_same_v<Other, Topic<Message, kType>>,
+                  "a publisher needs a Topic of its own type");
+  }
   ZORVIX_MOVE_ONLY(Publisher);
 
   // Returns whether there was a subscriber; always true with Audience::Optional. A Sync topic
@@ -71,7 +80,7 @@ class Subscriber {
   [[nodiscard]] ZORVIX_INLINED Subscriber(const Topic<Message, kType>& topic, Callable callable,
                                           Delivery delivery = Delivery::Direct,
                                           KeepLast keep = {}) {
-    static_assert(kIsCallable<Callable>, "a subscriber is called with a const Message&");
+    detail::CheckCallable<Callable, const Message&>();
     detail::CheckedDepth(keep);
     if (kType == bridge::BridgeType::Sync && delivery == Delivery::Queued) {
       registration_ = detail::SubscribeWithMailbox<Message>(
@@ -88,15 +97,29 @@ class Subscriber {
       : registration_(detail::SubscribeWithMailbox<Message>(topic.name, inbox.state().mailbox,
                                                             std::move(callable), keep)) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync topic can have an inbox");
-    static_assert(kIsCallable<Callable>, "a subscriber is called with a const Message&");
+    detail::CheckCallable<Callable, const Message&>();
+  }
+
+  template <typename Other, typename... More, detail::IfOther<Other, Topic<Message, kType>> = 0>
+  [[nodiscard]] ZORVIX_INLINED explicit Subscriber(const Other&, const More&...) {
+    static_assert(std::is_same_v<Other, Topic<Message, kType>>,
+                  "a subscriber needs a Topic of its own type");
+  }
+  template <typename Callable, typename Where, typename Depth = KeepLast,
+            detail::IfMistaken<Where, Depth> = 0>
+  [[nodiscard]] ZORVIX_INLINED Subscriber(const Topic<Message, kType>&, const Callable&,
+                                          const Where&, const Depth& = {}) {
+    detail::CheckOptions<Where, Depth>();
   }
   ZORVIX_MOVE_ONLY(Subscriber);
 
  private:
-  template <typename Callable>
-  static constexpr bool kIsCallable = std::is_invocable_v<Callable&, const Message&>;
   std::shared_ptr<void> registration_;
 };
+
+// Selects the constructor that says what is wrong.
+template <typename Request, typename Response, bridge::BridgeType kType, typename... More>
+Subscriber(const Service<Request, Response, kType>&, const More&...) -> Subscriber<Request, kType>;
 
 // A service has one server at a time. A new server replaces the current one, and the bridge logs a
 // WARN. Server handles of one service may be destroyed in any order: destroying a handle that was
@@ -114,8 +137,7 @@ class Server {
                                       Callable callable)
       : registration_(
             detail::ServeDirectly<Request, Response>(service.name, kType, std::move(callable))) {
-    static_assert(kAnswers<Callable>,
-                  "a server is called with a const Request& and returns a Response");
+    detail::CheckServer<Callable, Request, Response>();
   }
 
   // Answers in drains of the inbox. At most `keep` requests are pending: the oldest is dropped and
@@ -126,14 +148,18 @@ class Server {
       : registration_(detail::ServeWithMailbox<Request, Response>(
             service.name, inbox.state().mailbox, std::move(callable), keep)) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
-    static_assert(kAnswers<Callable>,
-                  "a server is called with a const Request& and returns a Response");
+    detail::CheckServer<Callable, Request, Response>();
+  }
+
+  template <typename Callable, typename Where, typename Depth = KeepLast,
+            detail::IfMistaken<Where, Depth> = 0>
+  [[nodiscard]] ZORVIX_INLINED Server(const Service<Request, Response, kType>&, const Callable&,
+                                      const Where&, const Depth& = {}) {
+    detail::CheckOptions<Where, Depth>();
   }
   ZORVIX_MOVE_ONLY(Server);
 
  private:
-  template <typename Callable>
-  static constexpr bool kAnswers = std::is_invocable_r_v<Response, Callable&, const Request&>;
   std::shared_ptr<void> registration_;
 };
 

@@ -125,7 +125,8 @@ struct Sender final : Record {
         listed(record == nullptr ? *this : *record) {}
 
   const Participant participant;
-  // Keeps the bridge from logging that there is no subscriber.
+  // Keeps the bridge from logging that there is no subscriber. On a queued topic it could be the
+  // first subscriber, and take each message.
   std::optional<Subscription> optional_audience;
   const Listed listed;
 };
