@@ -1,6 +1,6 @@
-# Finds the Android log library: target liblog::liblog, variable liblog_FOUND. On Android it is part
-# of the system; on a Linux host it is where Debian's android-liblog-dev puts it, a folder named
-# android beside the system's libraries and headers.
+# Finds the Android log library and defines the target liblog::liblog. On Android it is part of the
+# system. On a Linux host it is searched where Debian's android-liblog-dev installs it: in folders
+# named android below those of the system's libraries and headers.
 if(ANDROID)
   set(liblog_LIBRARY log)
 else()

@@ -1,7 +1,7 @@
-# Hands over to the NDK's own toolchain file.
+# Includes the NDK's toolchain file.
 set(ndk_toolchain "$ENV{ANDROID_NDK_HOME}/build/cmake/android.toolchain.cmake")
 if(NOT EXISTS "${ndk_toolchain}")
-  message(FATAL_ERROR "Set ANDROID_NDK_HOME to the folder of an Android NDK, the one in which "
-                      "build/cmake/android.toolchain.cmake is.")
+  message(FATAL_ERROR "Set ANDROID_NDK_HOME to the folder of an Android NDK, which contains "
+                      "build/cmake/android.toolchain.cmake.")
 endif()
 include("${ndk_toolchain}")

@@ -9,7 +9,9 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
   va_start(arguments, fmt);
   std::vsnprintf(text, sizeof text, fmt, arguments);
   va_end(arguments);
-  const char letter =
-      prio >= ANDROID_LOG_VERBOSE && prio <= ANDROID_LOG_FATAL ? "VDIWEF"[prio - 2] : '?';
+  char letter = '?';
+  if (prio >= ANDROID_LOG_VERBOSE && prio <= ANDROID_LOG_FATAL) {
+    letter = "VDIWEF"[prio - ANDROID_LOG_VERBOSE];
+  }
   return std::fprintf(stderr, "%c/%s: %s\n", letter, tag, text);
 }

@@ -1,5 +1,5 @@
-# Unpacks the AAR, builds a user's project from nothing but its contents and runs it; a build of the
-# same sources in another folder must give the same bytes.
+# Builds and runs a user's project with the contents of the AAR. Also checks that the same sources
+# give the same AAR when they are built in another folder.
 function(run)
   execute_process(COMMAND ${ARGV} COMMAND_ECHO STDOUT COMMAND_ERROR_IS_FATAL ANY)
 endfunction()

@@ -1,6 +1,6 @@
 #!/bin/sh
-# install_test.sh SOURCE WORK [CMAKE-OPTION...]: installs the library and lets the project consumer/
-# take it in each way it is offered and be installed itself, from paths with a space in them.
+# install_test.sh SOURCE WORK [CMAKE-OPTION...]: installs the library, then builds, installs and runs
+# the project consumer/ with each kind of package. All paths contain a space.
 set -eux
 source=$1 work="$2/a folder"
 shift 2

@@ -1,4 +1,4 @@
-// What Zorvix and its users need of Android's header of this name.
+// The part of Android's <android/log.h> that Zorvix and its users need.
 #ifndef ZORVIX_HOST_ANDROID_LOG_H_
 #define ZORVIX_HOST_ANDROID_LOG_H_
 
