@@ -94,6 +94,9 @@ enum class BridgeType : std::int32_t {
 
 // Describes an endpoint. Must not change while it is registered.
 struct Control {
+  // Hidden, so that each module has its own copy and can be unloaded.
+  __attribute__((visibility("hidden"))) ~Control() = default;
+
   std::string name;  // any bytes
   BridgeModule bridge_module = BridgeModule::Topic;
   BridgeType bridge_type = BridgeType::Sync;

@@ -16,6 +16,11 @@
 namespace zorvix {
 
 struct HandleInfo {
+  ZORVIX_HIDDEN HandleInfo() = default;
+  ZORVIX_HIDDEN HandleInfo(const HandleInfo&) = default;
+  ZORVIX_HIDDEN HandleInfo(HandleInfo&&) = default;
+  ZORVIX_HIDDEN HandleInfo& operator=(const HandleInfo&) = default;
+  ZORVIX_HIDDEN HandleInfo& operator=(HandleInfo&&) = default;
   ZORVIX_HIDDEN ~HandleInfo() = default;
   std::string kind;    // "Publisher", "Subscriber", "Server", "Client", "Holder" or "Watcher"
   std::string name;    // of the topic, service or state
@@ -38,9 +43,16 @@ ZORVIX_HIDDEN inline std::vector<HandleInfo> Inspect() {
     const std::lock_guard lock(process.mutex);
     for (auto* record = process.records; record != nullptr; record = record->next) {
       const detail::Counts counts = record->Count();
-      handles.push_back({record->kind, record->name, record->module, counts.pending, counts.depth,
-                         counts.dropped, record->invocations,
-                         std::chrono::nanoseconds(record->longest)});
+      HandleInfo handle;
+      handle.kind = record->kind;
+      handle.name = record->name;
+      handle.module = record->module;
+      handle.pending = counts.pending;
+      handle.depth = counts.depth;
+      handle.dropped = counts.dropped;
+      handle.invocations = record->invocations;
+      handle.longest = std::chrono::nanoseconds(record->longest);
+      handles.push_back(std::move(handle));
     }
   }
   std::sort(handles.begin(), handles.end(), [](const HandleInfo& a, const HandleInfo& b) {

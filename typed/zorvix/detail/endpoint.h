@@ -58,8 +58,7 @@ using SubscriberFunction = std::function<void(const std::any&)>;
 using ServerFunction = std::function<void(const std::any&, std::any&)>;
 
 inline Control DescribeTopic(const std::string& name, bridge::BridgeType type) {
-  return std::make_shared<bridge::Control>(
-      bridge::Control{name, bridge::BridgeModule::Topic, type});
+  return Control(new bridge::Control{name, bridge::BridgeModule::Topic, type});
 }
 
 // Registers a name as publisher or client, and unregisters it unless `control` has been emptied.
