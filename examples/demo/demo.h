@@ -2,6 +2,7 @@
 #ifndef ZORVIX_EXAMPLES_DEMO_DEMO_H_
 #define ZORVIX_EXAMPLES_DEMO_DEMO_H_
 
+#include <pthread.h>
 #include <zorvix/state.h>
 
 #include <algorithm>
@@ -56,6 +57,9 @@ inline const zorvix::Topic<Line> kLines{"line"};
 inline void Say(const std::string& module, const std::string& text) {
   zorvix::Publisher(kLines).Publish({module, text});
 }
+
+// Names the calling thread, for traces and debuggers.
+inline void NameThread(const char* name) { pthread_setname_np(pthread_self(), name); }
 
 }  // namespace demo
 

@@ -2,8 +2,10 @@
 // At the end it checks that every sample was received or dropped. The log of the bridge goes to a
 // file beside the program.
 #include <dlfcn.h>
+#include <zorvix/inspect.h>
 
 #include <cstdarg>
+#include <iostream>
 
 #include "screen.h"
 
@@ -55,6 +57,8 @@ class Host {
     adviser_was_current_ = advice && advice->samples >= recorded_before;
     screen_.UpdateUntil(80);
 
+    // The uploader is behind: messages are pending for it, and it has dropped others.
+    std::cout << '\n' << zorvix::Inspect() << std::endl;
     const int last_before = screen_.recorded.last;
     uploader.reset();
     screen_.Update();
@@ -113,6 +117,8 @@ class Host {
   }
 
   const std::string folder_;
+  // Logs slow callables, and has invocations counted for the table.
+  const zorvix::SlowLog slow_{std::chrono::milliseconds(100)};
   Screen screen_;
   const zorvix::Client<demo::Nothing, demo::Advice> advice_{demo::kAdvice};
   bool answered_without_adviser_ = true;
@@ -149,6 +155,7 @@ int main(int, char** argv) try {
     std::perror(log_path.c_str());
     return 1;
   }
+  demo::NameThread("host");
   const bool good = RunHost(program.substr(0, program.rfind('/') + 1));
   std::puts(good ? "\nAll samples are accounted for." : "\nThe result is not as expected.");
   // After the host is destroyed, whose handles log that they unregister.

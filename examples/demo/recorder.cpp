@@ -5,7 +5,10 @@ namespace {
 
 class Recorder {
  public:
-  Recorder() { demo::Say("recorder", "loaded, and waits for samples on a thread of its own"); }
+  Recorder() {
+    inbox_.Post([] { demo::NameThread("recorder"); });
+    demo::Say("recorder", "loaded, and waits for samples on a thread of its own");
+  }
 
  private:
   void Record(const demo::Sample& sample) {
@@ -21,7 +24,7 @@ class Recorder {
   zorvix::Holder<demo::Summary> summary_{demo::kSummary};
   const zorvix::Publisher<demo::Account> recorded_{demo::kRecorded};
   // Members are destroyed in reverse order: the thread first, which handles the pending samples.
-  zorvix::Inbox inbox_;
+  zorvix::Inbox inbox_{"recorder"};
   zorvix::Subscriber<demo::Sample> samples_{
       demo::kSamples, [this](auto& sample) { Record(sample); }, inbox_, zorvix::KeepAll{}};
   zorvix::InboxThread thread_{inbox_};

@@ -38,6 +38,7 @@ class Sampler {
   }
 
   void Run() {
+    demo::NameThread("sampler");
     const auto stop = stop_.get_future();
     int number = 0;
     while (stop.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout) {

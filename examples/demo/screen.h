@@ -54,7 +54,7 @@ class Screen {
 
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
   int next_to_print_ = 1;  // number of a sample
-  zorvix::Inbox inbox_;
+  zorvix::Inbox inbox_{"screen"};
   zorvix::Subscriber<demo::Line> lines_{demo::kLines, [this](auto& line) { Print(line); }, inbox_};
   // The screen needs only the latest value of these.
   zorvix::Subscriber<demo::Sample> samples_{

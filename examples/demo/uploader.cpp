@@ -6,6 +6,7 @@ namespace {
 class Uploader {
  public:
   Uploader() {
+    inbox_.Post([] { demo::NameThread("uploader"); });
     demo::Say("uploader", "loaded, slow on purpose, and keeps 2 pending samples: KeepLast{2}");
   }
 
@@ -19,7 +20,7 @@ class Uploader {
 
   demo::Account account_;
   const zorvix::Publisher<demo::Account> uploaded_{demo::kUploaded};
-  zorvix::Inbox inbox_;
+  zorvix::Inbox inbox_{"uploader"};
   zorvix::Subscriber<demo::Sample> samples_{
       demo::kSamples, [this](auto& sample) { Upload(sample); }, inbox_, zorvix::KeepLast{2}};
   zorvix::InboxThread thread_{inbox_};

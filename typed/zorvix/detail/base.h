@@ -22,6 +22,13 @@
 #define ZORVIX_LOG(header, priority, ...) \
   ::bridge::WriteLog(priority, "zorvix/" header, __LINE__, __VA_ARGS__)
 
+// For functions that unlock in the middle, which clang's -Wthread-safety cannot follow.
+#if defined(__clang__)
+#define ZORVIX_NO_THREAD_SAFETY_ANALYSIS __attribute__((no_thread_safety_analysis))
+#else
+#define ZORVIX_NO_THREAD_SAFETY_ANALYSIS
+#endif
+
 namespace zorvix {
 namespace detail ZORVIX_HIDDEN {
 
