@@ -12,7 +12,7 @@ import sys
 from xml.sax.saxutils import escape
 
 WIDTH = 900
-LEFT = 180  # where the time axis begins, behind the names of threads and counters
+LEFT = 244  # where the time axis begins, behind the names of threads and counters
 RIGHT = 876  # where it ends, before the highest values of counters
 ROW = 17  # height of a section
 STEPS = 18  # height of a counter
@@ -218,7 +218,10 @@ def main(path, *windows):
         drawing += panel.background + panel.drawing
         bottom = panel.bottom + 12
     x = LEFT
+    picture = "\n".join(drawing)
     for name, colour in colours.items():
+        if f'class="{colour}"' not in picture:
+            continue
         drawing.append(f'<rect class="{colour}" x="{x}" y="{bottom}" width="12" height="12"/>'
                        f'<text x="{x + 16}" y="{bottom + 10}">{escape(name)}</text>')
         x += int(36 + len(name) * CHARACTER)
