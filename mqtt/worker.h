@@ -1,0 +1,165 @@
+// The thread of a connection, and what it shares with exports and imports.
+#ifndef ZORVIX_MQTT_WORKER_H_
+#define ZORVIX_MQTT_WORKER_H_
+
+#include <list>
+#include <random>
+
+#include "link.h"
+
+namespace zorvix {
+namespace mqtt {
+
+using Clock = std::chrono::steady_clock;
+
+// Messages that were rejected. Any thread adds, the connection's thread logs.
+struct Rejected {
+  void Add(const char* why) {
+    reason = why;
+    ++count;
+  }
+  std::atomic<unsigned long> count{0};
+  std::atomic<const char*> reason{""};  // of the last; a literal
+  unsigned long logged = 0;
+  Clock::time_point next_line;
+};
+
+// Where an export sends to.
+struct Route {
+  Route(std::string of, std::string mqtt_topic, bool is_state)
+      : name(std::move(of)), topic(std::move(mqtt_topic)), retained(is_state) {}
+  const std::string name;
+  const std::string topic;
+  const bool retained;
+  std::atomic<std::size_t> pushed{0};   // given to the inbox
+  std::atomic<std::size_t> pending{0};  // of them, in the inbox
+  std::atomic<std::size_t> taken{0};    // of them, by the connection; the inbox dropped the others
+  Rejected rejected;
+};
+
+// A message in the inbox.
+struct Pending {
+  Pending(std::shared_ptr<Route> to, std::string what)
+      : route(std::move(to)), text(std::move(what)) {
+    ++route->pending;
+  }
+  ~Pending() { --route->pending; }
+  Pending(const Pending&) = delete;
+  const std::shared_ptr<Route> route;
+  std::string text;
+};
+
+// Where an import receives from. The connection publishes payloads to a topic of its own, whose
+// one subscriber gives the import the lifetime of a subscriber.
+struct Incoming {
+  Incoming(std::string of, std::string mqtt_topic, bool is_state, detail::Handler handler);
+  Topic<std::string> Payloads() const;
+
+  const std::string name;
+  const std::string topic;
+  const bool state;
+  std::atomic<unsigned long> received{0};
+  Rejected rejected;
+  const Publisher<std::string> publisher;
+  const Subscriber<std::string> present;  // so that there is always a subscriber
+  std::optional<Subscriber<std::string>> handling;
+};
+
+class Worker;
+
+namespace detail {
+
+// What outlives the connection, for exports and imports that do.
+struct Core {
+  // Runs task(worker) on the connection's thread, unless that has ended.
+  void Post(std::function<void(Worker&)> task);
+  // Likewise, after all that exports have pushed so far.
+  void PostBehindMessages(std::function<void(Worker&)> task);
+  void Close();  // by the worker, at its end
+
+  std::string prefix;
+  Worker* worker = nullptr;
+  std::unique_ptr<Inbox> tasks = std::make_unique<Inbox>();
+  std::unique_ptr<Inbox> messages = std::make_unique<Inbox>();  // of all exports
+
+ private:
+  std::mutex mutex_;
+  bool closed_ = false;
+};
+
+}  // namespace detail
+
+class Worker {
+ public:
+  Worker(Options options, std::shared_ptr<detail::Core> core);
+  // Returns after Stop.
+  void Run();
+
+  // To be called on the worker's thread only.
+  void Stop(Clock::time_point limit);
+  void Take(Pending& pending);
+  void AddRoute(std::shared_ptr<Route> route) { routes_.push_back(std::move(route)); }
+  void RemoveRoute(const std::shared_ptr<Route>& route);
+  void AddImport(std::shared_ptr<Incoming> import);
+  void RemoveImport(const std::shared_ptr<Incoming>& import);
+
+ private:
+  struct Sent {
+    std::shared_ptr<Route> route;
+    std::string text;
+    int number;  // of the message in this link
+  };
+  struct Addresses {
+    std::vector<std::string> numeric;
+    std::string error;
+  };
+
+  std::string Attempt();
+  Addresses Resolve();
+  std::string Open(const std::string& address);
+  std::string Serve();
+  void Welcome();
+  std::string Exchange(short events);
+  void Deliver();
+  void Acknowledge();
+  void LogSubscriptions();
+  void SendPending();
+  void SendNew(Sent sent);
+  bool Send(Sent& sent);
+  void Pause();
+  bool Wait(short events, Clock::time_point until);
+  short Poll(short events, Clock::time_point until);
+  bool Ended();
+  std::size_t Unsent() const;
+  void Report();
+  template <typename Channel>
+  void ReportRejected(Channel& channel, const char* kind);
+  void SetStatus(bool connected, const std::string& why_not);
+
+  const Options options_;
+  const std::string broker_;  // host:port
+  const std::string client_id_;
+  const std::shared_ptr<detail::Core> core_;
+  Holder<Status> status_;
+  std::string why_not_;  // as logged
+  std::chrono::milliseconds pause_;
+  std::minstd_rand random_{std::random_device()()};
+
+  std::unique_ptr<Link> link_;
+  short ready_ = 0;                               // what poll says of its socket
+  bool begun_ = false;                            // the broker has a session
+  std::list<Sent> sent_;                          // and not acknowledged
+  std::unordered_map<std::string, Sent> states_;  // last sent, by topic
+  std::vector<std::shared_ptr<Route>> routes_;
+  std::vector<std::shared_ptr<Incoming>> imports_;
+
+  std::optional<Addresses> found_;  // by the look-up that is under way
+  bool stopping_ = false;
+  bool ended_ = false;
+  Clock::time_point limit_;
+};
+
+}  // namespace mqtt
+}  // namespace zorvix
+
+#endif  // ZORVIX_MQTT_WORKER_H_

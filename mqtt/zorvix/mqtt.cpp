@@ -1,0 +1,162 @@
+#include "zorvix/mqtt.h"
+
+#include <set>
+
+#include "../worker.h"
+
+namespace zorvix {
+namespace mqtt {
+
+namespace {
+
+// The message that an import publishes on this thread.
+thread_local const void* imported = nullptr;
+
+// The names of states that this process imports.
+class ImportedStates {
+ public:
+  static ImportedStates& Instance() {
+    static auto* const instance = new ImportedStates;  // outlives static handles
+    return *instance;
+  }
+  void Add(const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    names_.insert(name);
+  }
+  void Remove(const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    names_.erase(names_.find(name));
+  }
+  bool Contains(const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    return names_.count(name) != 0;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::multiset<std::string> names_ ZORVIX_GUARDED_BY(mutex_);
+};
+
+void Require(bool fulfilled, const std::string& what) {
+  if (!fulfilled) throw std::invalid_argument("MQTT: " + what);
+}
+
+void CheckOptions(const Options& options) {
+  const bool with_password = !options.username.empty() || !options.password.empty();
+  Require(!options.host.empty(), "there is no host");
+  Require(options.port >= 0 && options.port <= 0xFFFF, "the port is out of range");
+  Require(options.keep_alive >= std::chrono::seconds(5) &&
+              options.keep_alive <= std::chrono::seconds(0xFFFF),
+          "keep_alive is out of range");
+  Require(options.session_expiry.count() >= 0 && options.session_expiry.count() < 0xFFFFFFFF,
+          "session_expiry is out of range");
+  Require(options.password.empty() || !options.username.empty(), "a password needs a username");
+  Require(options.certificate_file.empty() == options.key_file.empty(),
+          "certificate_file and key_file belong together");
+  Require(options.certificate_file.empty() || !options.ca_file.empty(),
+          "certificate_file needs ca_file");
+  Require(!with_password || !options.ca_file.empty() || options.send_password_unencrypted ||
+              IsLocalHost(options.host),
+          "user name and password need ca_file, since they would be sent unencrypted");
+  MakeTlsContext(options);
+}
+
+// Returns the MQTT topic.
+std::string CheckedTopic(const detail::Core& core, const std::string& name) {
+  auto topic = core.prefix + name;
+  const bool allowed = !name.empty() && topic.front() != '$' && topic.size() <= 0xFFFF &&
+                       mosquitto_validate_utf8(topic.data(), static_cast<int>(topic.size())) == 0 &&
+                       mosquitto_pub_topic_check2(topic.data(), topic.size()) == 0;
+  Require(allowed, "the topic \"" + topic + "\" is not allowed");
+  return topic;
+}
+
+}  // namespace
+
+Connection::Connection(const Options& options) : core_(std::make_shared<detail::Core>()) {
+  static const int library = mosquitto_lib_init();
+  Require(library == MOSQ_ERR_SUCCESS, "libmosquitto cannot be used");
+  CheckOptions(options);
+  core_->prefix = options.prefix;
+  close_limit_ = options.close_limit;
+  auto worker = std::make_unique<Worker>(options, core_);
+  core_->worker = worker.get();
+  thread_ = std::thread([worker = std::move(worker)] { worker->Run(); });
+}
+
+Connection::~Connection() {
+  if (thread_.get_id() == std::this_thread::get_id()) {
+    core_->worker->Stop(Clock::now());
+    thread_.detach();
+    return;
+  }
+  const auto limit = Clock::now() + close_limit_;
+  core_->Post([limit](Worker& worker) { worker.Stop(limit); });
+  thread_.join();
+}
+
+namespace detail {
+
+Importing::Importing(const void* message) : outer_(std::exchange(imported, message)) {}
+Importing::~Importing() { imported = outer_; }
+
+using PendingMessage = std::shared_ptr<Pending>;
+
+// Shared with a task behind the last message that was pushed: so the relay outlives the export
+// until the connection has taken what is pending.
+struct Sender::Parts {
+  Parts(Core& core, const std::string& name, Kind kind, KeepLast keep)
+      : route(std::make_shared<Route>(name, CheckedTopic(core, name), kind == Kind::kState)),
+        publisher(Relay()),
+        relay(
+            Relay(), [worker = core.worker](const PendingMessage& it) { worker->Take(*it); },
+            *core.messages, keep) {}
+  Topic<PendingMessage> Relay() const {
+    return {route->name + "/mqtt/" + std::to_string(reinterpret_cast<std::uintptr_t>(this))};
+  }
+  const std::shared_ptr<Route> route;
+  const Publisher<PendingMessage> publisher;
+  const Subscriber<PendingMessage> relay;
+};
+
+Sender::Sender(Connection& connection, const std::string& name, Kind kind, KeepLast keep)
+    : core_(connection.core_), parts_(std::make_shared<Parts>(*core_, name, kind, keep)) {
+  core_->Post([route = parts_->route](Worker& worker) { worker.AddRoute(route); });
+}
+
+Sender::~Sender() {
+  core_->PostBehindMessages([parts = parts_](Worker& worker) { worker.RemoveRoute(parts->route); });
+}
+
+bool Sender::Suppressed(const void* message) const {
+  const auto& route = *parts_->route;
+  return route.retained ? ImportedStates::Instance().Contains(route.name) : imported == message;
+}
+
+void Sender::Push(std::string text) {
+  ++parts_->route->pushed;
+  parts_->publisher.Publish(std::make_shared<Pending>(parts_->route, std::move(text)));
+}
+
+void Sender::Reject() { parts_->route->rejected.Add("it cannot be written as text"); }
+
+}  // namespace detail
+
+void Import::Start(Connection& connection, const std::string& name, detail::Kind kind,
+                   detail::Handler handler) {
+  const auto core = connection.core_;
+  const bool state = kind == detail::Kind::kState;
+  const auto incoming =
+      std::make_shared<Incoming>(name, CheckedTopic(*core, name), state, std::move(handler));
+  if (state) ImportedStates::Instance().Add(name);
+  const auto end = [core, incoming](void*) {
+    incoming->handling.reset();
+    if (incoming->state) ImportedStates::Instance().Remove(incoming->name);
+    core->Post([incoming](Worker& worker) { worker.RemoveImport(incoming); });
+  };
+  importing_ = std::shared_ptr<void>(incoming.get(), end);
+  core->Post([incoming](Worker& worker) { worker.AddImport(incoming); });
+}
+
+}  // namespace mqtt
+}  // namespace zorvix

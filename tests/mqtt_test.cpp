@@ -1,0 +1,510 @@
+// MQTT against a real broker. Both sides are in this process: the near one has the prefix "x/", so
+// its topic "in" is "x/in" for the far one, which has no prefix.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <zorvix/mqtt.h>
+
+#include <future>
+
+#include "broker.h"
+#include "log_capture.h"
+
+using namespace std::chrono_literals;
+using zorvix::Holder;
+using zorvix::KeepLast;
+using zorvix::Publisher;
+using zorvix::State;
+using zorvix::Subscriber;
+using zorvix::Topic;
+using zorvix::Watcher;
+using zorvix::mqtt::Connection;
+using zorvix::mqtt::Export;
+using zorvix::mqtt::Import;
+using zorvix::mqtt::Options;
+using zorvix::mqtt::Status;
+
+namespace {
+
+const Topic<std::string> kNear{"in"};
+const Topic<std::string> kFar{"x/in"};
+const State<std::string> kNearState{"state"};
+const State<std::string> kFarState{"x/state"};
+
+const char* const kPersistent =
+    "allow_anonymous true\npersistence true\npersistence_location FOLDER/\n";
+
+std::string Text(const std::string& text) { return text; }
+
+Options For(const Broker& broker, const std::string& prefix) {
+  Options options;
+  options.port = broker.port();
+  options.prefix = prefix;
+  options.longest_pause = 200ms;
+  options.status = {"status of " + prefix};
+  return options;
+}
+
+void Log(const std::string& text) { AddLine("got " + text); }
+
+// The messages that Log has seen.
+Lines Got(const Lines& log) {
+  Lines got;
+  for (const auto& line : log) {
+    if (line.rfind("got ", 0) == 0) got.push_back(line.substr(4));
+  }
+  return got;
+}
+
+class Mqtt : public testing::Test {
+ protected:
+  void SetUp() override { TakeLog(); }
+};
+
+// Exports kNear and receives it as kFar.
+struct Line {
+  explicit Line(const Broker& broker, KeepLast keep = {})
+      : near(For(broker, "x/")),
+        far(For(broker, "")),
+        out(near, kNear, Text, keep),
+        in(far, kFar, Text),
+        see(kFar, Log) {
+    WaitForLog("MQTT connected", 2);
+    WaitForLog("MQTT subscribed");
+  }
+  Connection near;
+  Connection far;
+  Export out;
+  Import in;
+  Subscriber<std::string> see;
+  Publisher<std::string> publisher{kNear};
+};
+
+}  // namespace
+
+TEST_F(Mqtt, CarriesMessagesOverEachTransport) {
+  const std::string tls =
+      "cafile FOLDER/ca.pem\ncertfile FOLDER/good.pem\nkeyfile FOLDER/good.key\n";
+  const std::string password = "password_file FOLDER/passwords\n";
+  struct Row {
+    const char* name;
+    std::string broker;
+    void (*configure)(Options& options, const std::string& folder);
+  };
+  const Row rows[] = {
+      {"plain", "allow_anonymous true\n", [](Options&, const std::string&) {}},
+      {"password on this machine", password,
+       [](Options& options, const std::string&) {
+         options.username = "user";
+         options.password = "secret";
+       }},
+      {"TLS", "allow_anonymous true\n" + tls,
+       [](Options& options, const std::string& folder) { options.ca_file = folder + "/ca.pem"; }},
+      {"password and TLS", password + tls,
+       [](Options& options, const std::string& folder) {
+         options.ca_file = folder + "/ca.pem";
+         options.username = "user";
+         options.password = "secret";
+       }},
+      {"client certificate", "allow_anonymous true\nrequire_certificate true\n" + tls,
+       [](Options& options, const std::string& folder) {
+         options.ca_file = folder + "/ca.pem";
+         options.certificate_file = folder + "/client.pem";
+         options.key_file = folder + "/client.key";
+       }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Broker broker(row.broker);
+    MakeCredentials(broker.folder());
+    broker.Start();
+    auto options = For(broker, "x/");
+    row.configure(options, broker.folder());
+    Connection near(options);
+    options.prefix.clear();
+    options.status = {"status of the far one"};
+    Connection far(options);
+    const Import in(far, kFar, Text);
+    const Subscriber see(kFar, Log);
+    const Export out(near, kNear, Text);
+    WaitForLog("MQTT subscribed");
+
+    Publisher(kNear).Publish("hello");
+
+    WaitForLog("got hello");
+    EXPECT_EQ(Count(TakeLog(), "secret"), 0u);
+  }
+}
+
+TEST_F(Mqtt, WarnsOnceWhyItIsNotConnectedAndTriesAgain) {
+  struct Row {
+    const char* reason;
+    const char* certificate;
+    const char* ca_file;
+    const char* password;
+  };
+  const Row rows[] = {
+      {"unknown authority", "good", "other-ca.pem", "secret"},
+      {"has expired", "expired", "ca.pem", "secret"},
+      {"another host name", "other-host", "ca.pem", "secret"},
+      {"refuses the user name or password", "good", "ca.pem", "wrong secret"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.reason);
+    Broker broker("password_file FOLDER/passwords\ncafile FOLDER/ca.pem\ncertfile FOLDER/" +
+                  std::string(row.certificate) + ".pem\nkeyfile FOLDER/" + row.certificate +
+                  ".key\n");
+    MakeCredentials(broker.folder());
+    broker.Start();
+    auto options = For(broker, "");
+    options.ca_file = broker.folder() + "/" + row.ca_file;
+    options.username = "user";
+    options.password = row.password;
+
+    const Connection connection(options);
+    const Watcher status(options.status,
+                         [](const Status& now) { AddLine("status: " + now.why_not); });
+    WaitForLog("status: ", 4);
+
+    const auto log = TakeLog();
+    EXPECT_EQ(Count(log, "MQTT not connected, broker: localhost:"), 1u);
+    EXPECT_GE(Count(log, row.reason), 3u) << testing::PrintToString(log);
+    EXPECT_EQ(Count(log, "MQTT connected"), 0u);
+    EXPECT_EQ(Count(log, "secret"), 0u);
+  }
+}
+
+TEST_F(Mqtt, PausesGrowUpToALimit) {
+  Broker absent;
+  auto options = For(absent, "");
+  options.longest_pause = 400ms;
+  std::vector<std::chrono::steady_clock::time_point> attempts;
+
+  const Connection connection(options);
+  const Watcher status(options.status, [&](const Status&) {
+    attempts.push_back(std::chrono::steady_clock::now());
+    AddLine("attempt");
+  });
+  WaitForLog("attempt", 7);
+
+  // A pause may be a quarter shorter. The first status may be that of the constructor.
+  EXPECT_GE(attempts[3] - attempts[2], 150ms);
+  EXPECT_GE(attempts[4] - attempts[3], 300ms);
+  EXPECT_GE(attempts[6] - attempts[5], 300ms);
+  EXPECT_LT(attempts[6] - attempts[5], 700ms);
+}
+
+TEST_F(Mqtt, LosesNothingWhenTheBrokerRestarts) {
+  constexpr int kEach = 5'000;
+  Broker broker(kPersistent);
+  broker.Start();
+  Connection near(For(broker, "x/"));
+  Connection far(For(broker, ""));
+  const Topic<std::pair<int, int>> near_topic{"in"};
+  const Topic<std::pair<int, int>> far_topic{"x/in"};
+  const Export out(
+      near, near_topic,
+      [](const auto& message) {
+        return std::to_string(message.first) + " " + std::to_string(message.second);
+      },
+      KeepLast{2 * kEach});
+  const Import in(far, far_topic, [](const std::string& text) {
+    return std::pair(std::stoi(text), std::stoi(text.substr(2)));
+  });
+  int last[2] = {0, 0};
+  const Subscriber see(far_topic, [&](const std::pair<int, int>& message) {
+    const auto& [publisher, number] = message;
+    EXPECT_LE(number, last[publisher] + 1) << "of publisher " << publisher;
+    last[publisher] = std::max(last[publisher], number);
+    if (number == 500) Log("500");
+    if (number == kEach) Log("the last of " + std::to_string(publisher));
+  });
+  WaitForLog("MQTT subscribed");
+
+  const auto publish = [&](int publisher) {
+    for (int number = 1; number <= kEach; ++number) {
+      Publisher(near_topic).Publish({publisher, number});
+    }
+  };
+  auto other = std::async(std::launch::async, publish, 1);
+  auto first = std::async(std::launch::async, publish, 0);
+  for (int restart = 0; restart < 2; ++restart) {
+    WaitForLog("got 500", restart + 1);
+    broker.Stop();
+    broker.Start();
+  }
+  WaitForLog("got the last of 0");
+  WaitForLog("got the last of 1");
+
+  EXPECT_EQ(last[0], kEach);
+  EXPECT_EQ(last[1], kEach);
+}
+
+TEST_F(Mqtt, KeepsTheLastMessagesWhileTheBrokerIsAway) {
+  Broker broker(kPersistent);
+  broker.Start();
+  const Line line(broker, KeepLast{3});
+  broker.Stop();
+  WaitForLog("MQTT not connected", 2);
+
+  for (int number = 0; number < 10; ++number) line.publisher.Publish(std::to_string(number));
+  broker.Start();
+  WaitForLog("got 9");
+
+  const auto log = TakeLog();
+  EXPECT_EQ(Got(log), (Lines{"7", "8", "9"}));
+  EXPECT_EQ(Count(log, "lost: 7"), 1u);
+}
+
+TEST_F(Mqtt, StatesReachProcessesThatConnectLater) {
+  Broker broker(kPersistent);
+  broker.Start();
+  {
+    Connection near(For(broker, "x/"));
+    Holder<std::string> holder(kNearState);
+    const Export out(near, kNearState, Text);
+    holder.Set("old");
+    holder.Set("new");
+  }
+  broker.Stop();
+  broker.Start();
+
+  Connection far(For(broker, ""));
+  const Import in(far, kFarState, Text);
+  const Watcher watcher(kFarState);
+
+  EXPECT_EQ(*watcher.WaitFor(-1ms), "new");
+}
+
+TEST_F(Mqtt, SendsStatesAgainToABrokerThatHasForgotten) {
+  Broker broker;
+  broker.Start();
+  Connection near(For(broker, "x/"));
+  Holder<std::string> holder(kNearState);
+  const Export out(near, kNearState, Text);
+  holder.Set("value");
+  WaitForLog("MQTT connected");
+  broker.Stop();
+  broker.Start();
+  WaitForLog("MQTT connected", 2);
+
+  Connection far(For(broker, ""));
+  const Import in(far, kFarState, Text);
+
+  EXPECT_EQ(*Watcher(kFarState).WaitFor(-1ms), "value");
+}
+
+TEST_F(Mqtt, AClearedStateHasNoValueForLaterWatchers) {
+  Broker broker;
+  broker.Start();
+  Connection near(For(broker, "x/"));
+  Holder<std::string> holder(kNearState);
+  const Export out(near, kNearState, Text);
+  Connection far(For(broker, ""));
+  const Import state(far, kFarState, Text);
+  const Import fence(far, kFar, Text);
+  const Subscriber see(kFar, Log);
+  const Export fence_out(near, kNear, Text);
+  const Watcher early(kFarState);
+  WaitForLog("MQTT subscribed", 2);
+  holder.Set("value");
+  early.WaitFor(-1ms);
+
+  holder.Set("");
+  Publisher(kNear).Publish("behind it");
+  WaitForLog("got behind it");
+
+  EXPECT_EQ(*early.Newest(), "value");
+  EXPECT_EQ(Watcher(kFarState).Newest(), nullptr);
+}
+
+TEST_F(Mqtt, BadPayloadsReachNobodyAndAreLoggedWithoutTheirText) {
+  Broker broker;
+  broker.Start();
+  Connection near(For(broker, "x/"));
+  const Export out(near, kNear, Text);
+  auto options = For(broker, "");
+  options.payload_limit = 20;
+  Connection far(options);
+  const Import in(far, kFar, [](const std::string& text) {
+    if (text.size() > 20) Log("a payload over the limit");
+    if (text.find("secret") == 0) throw std::runtime_error(text);
+    return text;
+  });
+  const Subscriber see(kFar, Log);
+  WaitForLog("MQTT subscribed");
+
+  for (int count = 0; count < 100; ++count) Publisher(kNear).Publish("secret text");
+  Publisher(kNear).Publish(std::string(21, 'x'));
+  Publisher(kNear).Publish(std::string(20, 'y'));
+  WaitForLog("so far: 101");
+
+  const auto log = TakeLog();
+  EXPECT_EQ(Got(log), Lines{std::string(20, 'y')});
+  EXPECT_EQ(Count(log, "secret"), 0u);
+  EXPECT_EQ(Count(log, "MQTT import rejects messages, name: x/in"), 2u);
+}
+
+TEST_F(Mqtt, RefusesWhatCannotWork) {
+  Broker broker;
+  struct Row {
+    const char* name;
+    void (*spoil)(Options& options);
+  };
+  const Row rows[] = {
+      {"password to another machine",
+       [](Options& options) {
+         options.host = "broker.example";
+         options.username = "user";
+         options.password = "secret";
+       }},
+      {"no such ca_file", [](Options& options) { options.ca_file = "/nowhere"; }},
+      {"certificate without TLS",
+       [](Options& options) { options.certificate_file = options.key_file = "/nowhere"; }},
+      {"key without certificate", [](Options& options) { options.key_file = "/nowhere"; }},
+      {"password without a name", [](Options& options) { options.password = "secret"; }},
+      {"port", [](Options& options) { options.port = 65'536; }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    auto options = For(broker, "");
+    row.spoil(options);
+    EXPECT_THROW(Connection{options}, std::invalid_argument);
+  }
+  Connection connection(For(broker, ""));
+  for (const std::string name : {"", "a/+/b", "a/#", "$SYS/a", "\xff", "a\nb"}) {
+    SCOPED_TRACE(name);
+    const Topic<std::string> topic{name};
+    EXPECT_THROW(Export(connection, topic, Text), std::invalid_argument);
+    EXPECT_THROW(Import(connection, topic, Text), std::invalid_argument);
+  }
+}
+
+TEST_F(Mqtt, WhatIsImportedIsNotExported) {
+  Broker broker;
+  broker.Start();
+  Line line(broker);
+  const Import back(line.near, kNear, Text);
+  const Export far_out(line.far, kFar, Text);
+  const Subscriber answer(kNear, [&](const std::string& text) {
+    if (text == "ping") Publisher(kNear).Publish("pong");  // this is not what was imported
+  });
+  const State<std::string> state{"both"};
+  Holder<std::string> holder(state);
+  const Export state_out(line.near, state, Text);
+  WaitForLog("MQTT subscribed", 2);
+
+  Publisher(kFar).Publish("ping");
+  WaitForLog("got pong");
+  Publisher(kFar).Publish("end");
+  line.publisher.Publish("behind it");
+  WaitForLog("got behind it");
+
+  EXPECT_EQ(Got(TakeLog()), (Lines{"ping", "pong", "end", "behind it"}));
+}
+
+TEST_F(Mqtt, TheDestructorSendsWhatIsPending) {
+  constexpr int kMany = 1'000;
+  Broker broker;
+  broker.Start();
+  Connection far(For(broker, ""));
+  const Import in(far, kFar, Text);
+  const Subscriber see(kFar, [&](const std::string& text) {
+    if (text == std::to_string(kMany)) Log(text);
+  });
+  WaitForLog("MQTT subscribed");
+  {
+    Connection near(For(broker, "x/"));
+    const Export out(near, kNear, Text, KeepLast{kMany});
+    for (int number = 1; number <= kMany; ++number) {
+      Publisher(kNear).Publish(std::to_string(number));
+    }
+  }
+
+  WaitForLog("got 1000");
+  EXPECT_EQ(Count(TakeLog(), "messages not sent: 0"), 1u);
+}
+
+TEST_F(Mqtt, TheDestructorCountsWhatItCannotSend) {
+  Broker absent;
+  auto options = For(absent, "x/");
+  options.close_limit = 50ms;
+  {
+    Connection near(options);
+    const Export out(near, kNear, Text);
+    for (int count = 0; count < 5; ++count) Publisher(kNear).Publish("text");
+  }
+
+  EXPECT_EQ(Count(TakeLog(), "messages not sent: 5"), 1u);
+}
+
+TEST_F(Mqtt, TheDestructorDoesNotWaitForABrokerThatIsSilent) {
+  const int silent = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_EQ(listen(silent, 10), 0);
+  sockaddr address;
+  auto* const bound = reinterpret_cast<unsigned char*>(address.sa_data);
+  socklen_t size = sizeof address;
+  ASSERT_EQ(getsockname(silent, &address, &size), 0);
+  Options options;
+  options.host = "127.0.0.1";
+  options.port = bound[0] * 256 + bound[1];
+
+  const auto start = std::chrono::steady_clock::now();
+  { const Connection connection(options); }
+
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+  close(silent);
+}
+
+TEST_F(Mqtt, HandlesMayBeDestroyedAtAnyMoment) {
+  Broker broker;
+  broker.Start();
+  std::atomic<bool> stop{false};
+  auto publishing = std::async(std::launch::async, [&] {
+    while (!stop) Publisher(kNear).Publish("text");
+  });
+  const Subscriber see(kFar, [](auto&) {});
+  for (int round = 0; round < 30; ++round) {
+    auto options = For(broker, "x/");
+    options.close_limit = 10ms;
+    std::optional<Connection> near(options);
+    std::optional<Connection> far(For(broker, ""));
+    bool alive = true;
+    std::optional<Export> out(std::in_place, *near, kNear, [&](const std::string& text) {
+      EXPECT_TRUE(alive);
+      return text;
+    });
+    std::optional<Import> in(std::in_place, *far, kFar, [&](const std::string& text) {
+      EXPECT_TRUE(alive);
+      return text;
+    });
+    if (round % 3 == 0) WaitForLog("MQTT subscribed");
+    std::this_thread::sleep_for(std::chrono::milliseconds(round % 5));
+    if (round % 2 == 0) near.reset();
+    if (round % 4 < 2) far.reset();
+    out.reset();
+    in.reset();
+    alive = false;
+    TakeLog();
+  }
+  stop = true;
+}
+
+TEST_F(Mqtt, ASubscriberMayDestroyTheConnectionItIsServedBy) {
+  Broker broker;
+  broker.Start();
+  Connection near(For(broker, "x/"));
+  const Export out(near, kNear, Text);
+  std::optional<Connection> far(For(broker, ""));
+  std::optional<Import> in(std::in_place, *far, kFar, Text);
+  const Subscriber see(kFar, [&](auto&) {
+    in.reset();
+    far.reset();
+    Log("the end");
+  });
+  WaitForLog("MQTT subscribed");
+
+  for (int count = 0; count < 10; ++count) Publisher(kNear).Publish("text");
+
+  WaitForLog("MQTT closed");
+  EXPECT_EQ(Count(TakeLog(), "got the end"), 1u);
+}
