@@ -115,9 +115,9 @@ bool IsLocalHost(const std::string& host) {
   return host == "localhost";
 }
 
-Link::Link(const Options& options, const std::string& client_id, bool resume)
+Link::Link(const Options& options, const std::string& client_id)
     : options_(options),
-      client_(mosquitto_new(client_id.c_str(), !resume, this), mosquitto_destroy) {
+      client_(mosquitto_new(client_id.c_str(), /*clean_session=*/false, this), mosquitto_destroy) {
   auto* const client = client_.get();
   if (client == nullptr) throw std::bad_alloc();
   mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);

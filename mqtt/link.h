@@ -37,8 +37,8 @@ class Link {
     const char* refusal;  // or nullptr
   };
 
-  // `resume` continues the session that an earlier link of this client_id has begun.
-  Link(const Options& options, const std::string& client_id, bool resume);
+  // Continues the session of an earlier link of this client_id, if the broker still has it.
+  Link(const Options& options, const std::string& client_id);
   Link(const Link&) = delete;
 
   // Begins to connect to a numeric address. It is reached when the socket is writable.

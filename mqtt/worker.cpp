@@ -189,7 +189,7 @@ Worker::Addresses Worker::Resolve() {
 
 // Returns an empty text once the broker has accepted the connection.
 std::string Worker::Open(const std::string& address) {
-  link_ = std::make_unique<Link>(options_, client_id_, begun_);
+  link_ = std::make_unique<Link>(options_, client_id_);
   ready_ = 0;
   auto why_not = link_->Open(address, Port(options_));
   const auto reach_limit = Clock::now() + kAnswerLimit;
@@ -232,7 +232,6 @@ std::string Worker::Serve() {
 // Sends again what the last link has not brought to an end.
 void Worker::Welcome() {
   MQTT_LOG(bridge::kLogInfo, "MQTT connected, broker: %s", broker_.c_str());
-  begun_ = true;
   why_not_.clear();
   for (const auto& import : imports_) link_->Subscribe(import->topic, import->state);
   std::set<std::string> sent_again;
@@ -265,14 +264,17 @@ void Worker::Deliver() {
   for (auto& message : std::exchange(link_->received, {})) {
     if (Ended()) return;
     const auto imports = imports_;
+    bool known = false;
     for (const auto& import : imports) {
       if (import->topic != message.topic) continue;
+      known = true;
       if (message.size > options_.payload_limit) {
         import->rejected.Add("it is too long");
       } else {
         import->publisher.Publish(message.payload);
       }
     }
+    if (!known) link_->Unsubscribe(message.topic);  // from a session of an earlier process
   }
 }
 

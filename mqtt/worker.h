@@ -147,7 +147,6 @@ class Worker {
 
   std::unique_ptr<Link> link_;
   short ready_ = 0;                               // what poll says of its socket
-  bool begun_ = false;                            // the broker has a session
   std::list<Sent> sent_;                          // and not acknowledged
   std::unordered_map<std::string, Sent> states_;  // last sent, by topic
   std::vector<std::shared_ptr<Route>> routes_;

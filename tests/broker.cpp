@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <stdexcept>
 
 namespace {
@@ -51,7 +50,7 @@ void Broker::Configure(const std::string& settings) {
   std::ofstream(folder_ + "/mosquitto.conf")
       << "user root\nconnection_messages false\nmax_queued_messages 0\nlistener " << port_
       << " 127.0.0.1\n"
-      << std::regex_replace(settings, std::regex("FOLDER"), folder_);
+      << settings;
 }
 
 void Broker::Start() {
@@ -61,7 +60,8 @@ void Broker::Start() {
   if (process_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(output[1], STDERR_FILENO);
-    execl(MOSQUITTO_PROGRAM, "mosquitto", "-c", (folder_ + "/mosquitto.conf").c_str(), nullptr);
+    if (chdir(folder_.c_str()) != 0) _exit(127);
+    execl(MOSQUITTO_PROGRAM, "mosquitto", "-c", "mosquitto.conf", nullptr);
     _exit(127);
   }
   close(output[1]);

@@ -8,7 +8,7 @@
 
 class Broker {
  public:
-  // Does not start it. `settings` are lines of mosquitto.conf; FOLDER in them is the folder.
+  // Does not start it. `settings` are lines of mosquitto.conf; paths begin at the folder.
   explicit Broker(const std::string& settings = "allow_anonymous true\n");
   ~Broker();
   Broker(const Broker&) = delete;

@@ -30,8 +30,7 @@ const Topic<std::string> kFar{"x/in"};
 const State<std::string> kNearState{"state"};
 const State<std::string> kFarState{"x/state"};
 
-const char* const kPersistent =
-    "allow_anonymous true\npersistence true\npersistence_location FOLDER/\n";
+const char* const kPersistent = "allow_anonymous true\npersistence true\npersistence_location ./\n";
 
 std::string Text(const std::string& text) { return text; }
 
@@ -82,9 +81,8 @@ struct Line {
 }  // namespace
 
 TEST_F(Mqtt, CarriesMessagesOverEachTransport) {
-  const std::string tls =
-      "cafile FOLDER/ca.pem\ncertfile FOLDER/good.pem\nkeyfile FOLDER/good.key\n";
-  const std::string password = "password_file FOLDER/passwords\n";
+  const std::string tls = "cafile ca.pem\ncertfile good.pem\nkeyfile good.key\n";
+  const std::string password = "password_file passwords\n";
   struct Row {
     const char* name;
     std::string broker;
@@ -150,9 +148,8 @@ TEST_F(Mqtt, WarnsOnceWhyItIsNotConnectedAndTriesAgain) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.reason);
-    Broker broker("password_file FOLDER/passwords\ncafile FOLDER/ca.pem\ncertfile FOLDER/" +
-                  std::string(row.certificate) + ".pem\nkeyfile FOLDER/" + row.certificate +
-                  ".key\n");
+    Broker broker("password_file passwords\ncafile ca.pem\ncertfile " +
+                  std::string(row.certificate) + ".pem\nkeyfile " + row.certificate + ".key\n");
     MakeCredentials(broker.folder());
     broker.Start();
     auto options = For(broker, "");
