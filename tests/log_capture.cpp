@@ -73,8 +73,10 @@ void WaitForLog(const std::string& text, std::size_t count) {
   std::unique_lock lock(capture.mutex);
   const auto captured = [&] { return Count(capture.lines, text) >= count; };
   if (capture.changed.wait_for(lock, kWaitLimit, captured)) return;
+  std::string log;
+  for (const auto& line : capture.lines) log += "\n" + line;
   ADD_FAILURE() << "Waited " << kWaitLimit.count() << " s for " << count << " lines with \"" << text
-                << "\". The log: " << testing::PrintToString(capture.lines);
+                << "\". The log so far:" << log;
   std::abort();  // unwinding would wait for threads that wait for this one
 }
 
