@@ -50,7 +50,6 @@
 #endif
 
 #define ZORVIX_EXPORT __attribute__((visibility("default")))
-
 // Attributes for clang's -Wthread-safety, which needs libc++'s annotated std::mutex.
 #if defined(_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS) && __has_attribute(guarded_by)
 #define ZORVIX_GUARDED_BY(mutex) __attribute__((guarded_by(mutex)))
@@ -94,9 +93,7 @@ enum class BridgeType : std::int32_t {
 
 // Describes an endpoint. Must not change while it is registered.
 struct Control {
-  // Hidden, so that each module has its own copy and can be unloaded.
   __attribute__((visibility("hidden"))) ~Control() = default;
-
   std::string name;  // any bytes
   BridgeModule bridge_module = BridgeModule::Topic;
   BridgeType bridge_type = BridgeType::Sync;
