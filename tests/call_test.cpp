@@ -476,7 +476,7 @@ TEST_F(Calls, EachCallIsAnsweredExactlyOnceWhileServersComeAndGo) {
   std::atomic<int> callers{3};
   const auto begin = [&](CallCounts& counts, const auto& call) {
     return std::async(std::launch::async, [&] {
-      while (counts.with_a_value < 300) call(counts.Begin());
+      while (counts.with_a_value < 2000) call(counts.Begin());
       --callers;
     });
   };
