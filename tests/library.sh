@@ -15,8 +15,9 @@ exports=$(sed -nE 's/^ +_ZN6bridge6Zorvix[0-9]+(.*)E\*;/bridge::Zorvix::\1/p; s/
 expect "number of exports" "$(echo "$exports" | wc -l)" 31
 expect exports "$("$nm" -D --defined-only --demangle "$library" |
   sed -E 's/^[0-9a-f]+ . //; s/\(.*//' | LC_ALL=C sort)" "$(echo "$exports" | LC_ALL=C sort)"
+# Wherever in a name: lambdas and the standard library's code for types of the headers count, too.
 expect "symbols of the headers in a module" \
-  "$("$nm" -D --defined-only "$module" | grep -E ' _Z(T[VISC]|GV|Z)*NK?6(bridge|zorvix)')" ""
+  "$("$nm" -D --defined-only "$module" | grep -E ' _Z.*6(bridge|zorvix)')" ""
 expect SONAME "$(dynamic SONAME)" libcom.quenmar.zorvix.so
 if [ "${5:-}" = android ]; then
   expect NEEDED "$(dynamic NEEDED | grep -v -x -e 'lib[cm].so' -e libdl.so | sort | xargs)" \

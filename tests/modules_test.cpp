@@ -13,42 +13,80 @@ struct Module {
       : path(folder + "lib" + name + ".so"), library(dlopen(path.c_str(), RTLD_LOCAL | RTLD_NOW)) {
     if (library == nullptr) throw std::runtime_error(dlerror());
   }
-  bool Unload() const {  // and return whether the code is gone
+  // Returns whether the code is no longer in memory.
+  bool Unload() const {
     return dlclose(library) == 0 && dlopen(path.c_str(), RTLD_NOLOAD | RTLD_NOW) == nullptr;
   }
-  std::string path;
-  void* library;
+  const std::string path;
+  void* const library;
 };
 
-TEST(Modules, ExchangePayloadsAndUnloadOneByOne) {
-  const Module bridge("com.quenmar.zorvix"), receiver("hidden");
+TEST(Modules, ExchangePayloads) {
+  const Module bridge("com.quenmar.zorvix");
+  const Module receiver("hidden");
+  const Module sender("unlinked");
   BIND(receiver.library, Receive)();
+
+  EXPECT_TRUE(BIND(sender.library, Send)(bridge.library));
+
+  for (const auto& line : TakeLog()) EXPECT_EQ(line[0], 'I') << line;
+  BIND(receiver.library, Leave)();
+  EXPECT_FALSE(BIND(sender.library, Send)(bridge.library));
+  EXPECT_TRUE(receiver.Unload() && sender.Unload());
+}
+
+TEST(Modules, AreUnloadedWhileOthersGoOn) {
+  const Module bridge("com.quenmar.zorvix");
+  const Module receiver("hidden");
+  BIND(receiver.library, Receive)();
+
   for (const int round : {1, 2}) {
     const Module sender("unlinked");
     EXPECT_TRUE(BIND(sender.library, Send)(bridge.library)) << round;
     EXPECT_TRUE(sender.Unload()) << round;
   }
+
   BIND(receiver.library, Leave)();
   EXPECT_TRUE(receiver.Unload());
-  for (const auto& line : TakeLog()) EXPECT_EQ(line[0], 'I') << line;
-  const Module late("unlinked");
-  EXPECT_FALSE(BIND(late.library, Send)(bridge.library));
   EXPECT_FALSE(bridge.Unload());
 }
 
-TEST(Modules, ShareAStateWhoeverComesFirst) {
+TEST(Modules, ShareAStateWhoeverIsFirst) {
   const Module bridge("com.quenmar.zorvix");
   for (const bool holder_first : {true, false}) {
-    const Module one("hidden"), two("visible");
+    const Module holder("hidden");
+    const Module watcher("visible");
     int newest = 0;
-    if (holder_first) BIND(one.library, Hold)(7);
-    BIND(two.library, Watch)(&newest);
+
+    if (holder_first) BIND(holder.library, Hold)(7);
+    BIND(watcher.library, Watch)(&newest);
     EXPECT_EQ(newest, holder_first ? 7 : 0);
-    if (!holder_first) BIND(one.library, Hold)(7);
+    if (!holder_first) BIND(holder.library, Hold)(7);
+
     EXPECT_EQ(newest, 7);
-    for (const auto* module : {&two, &one}) BIND(module->library, Leave)();
-    EXPECT_TRUE(one.Unload() && two.Unload());
+    BIND(watcher.library, Leave)();
+    BIND(holder.library, Leave)();
+    EXPECT_TRUE(holder.Unload() && watcher.Unload());
   }
+}
+
+// The module that has the first handle of the process makes what all modules share.
+TEST(Modules, FirstModuleWithHandlesIsUnloadedWhileOthersGoOn) {
+  const Module bridge("com.quenmar.zorvix");
+  const Module first("hidden");
+  EXPECT_EQ(BIND(first.library, UseAll)(), 7);
+  const Module second("visible");
+  int newest = 0;
+  BIND(second.library, Watch)(&newest);
+
+  EXPECT_TRUE(first.Unload());
+
+  EXPECT_EQ(BIND(second.library, UseAll)(), 7);
+  const Module again("hidden");
+  BIND(again.library, Hold)(7);
+  EXPECT_EQ(newest, 7);
+  for (const auto* module : {&second, &again}) BIND(module->library, Leave)();
+  EXPECT_TRUE(second.Unload() && again.Unload());
 }
 
 }  // namespace

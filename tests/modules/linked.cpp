@@ -45,31 +45,38 @@ void Watch(int* newest) {
   Add(zorvix::Watcher(kState, [newest](const Reading& reading) { *newest = reading.value; }));
 }
 
-// Uses what other tests do not need a module for.
-std::size_t UseAll() {
-  const zorvix::SlowLog slow(std::chrono::milliseconds(1));
+int UseAll() {
+  const zorvix::Topic<Reading> topic{"topic"};
+  const zorvix::Service<Reading, Reading> service{"service"};
+  const zorvix::Service<Reading, Reading, bridge::BridgeType::Async> queued_service{"service"};
+  std::atomic<int> invocations{0};
+  const auto use = [&](const Reading& reading) {
+    ++invocations;
+    return reading;
+  };
+  const auto take = [&](const std::optional<Reading>& answer) { invocations += answer ? 1 : 0; };
+  const zorvix::SlowLog slow(std::chrono::hours(1));
   zorvix::Inbox inbox;
-  const zorvix::Workers workers(1);
+  const zorvix::Subscriber subscriber(topic, use, inbox);
+  const zorvix::Subscriber queued(topic, use, zorvix::Delivery::Queued);
+  const zorvix::Server server(service, use, inbox);
+  const zorvix::Server queued_server(queued_service, use);
+  const zorvix::Client client(service, inbox);
   {
+    const zorvix::Workers workers(1);
     zorvix::InboxThread thread(inbox);
-    const zorvix::Topic<Reading> topic{"topic"};
-    const zorvix::Service<Reading, Reading> service{"service"};
-    const auto use = [](const Reading& reading) { return reading; };
-    const zorvix::Subscriber subscriber(topic, use, inbox);
-    const zorvix::Subscriber queued(topic, use, zorvix::Delivery::Queued);
-    const zorvix::Server server(service, use, inbox);
-    const zorvix::Client client(service, inbox);
-    const zorvix::Client<Reading, Reading, bridge::BridgeType::Async> later({"service"});
-    zorvix::Publisher(topic).Publish({"unit", 1});
-    client.Call({"unit", 1}, [](std::optional<Reading>) {});
-    client.Call({"unit", 1}, std::chrono::milliseconds(1));
-    later.Call({"unit", 1});
+    zorvix::Publisher(topic).Publish({});
+    client.Call({});
+    client.Call({}, std::chrono::hours(1));
+    client.Call({}, take);
+    zorvix::Client(queued_service).Call({}).wait();
     inbox.Post([] {});
-    thread.Stop(std::chrono::milliseconds(1000));
+    thread.Stop(std::chrono::milliseconds(-1));
   }
+  inbox.Drain(std::chrono::milliseconds(-1));
   std::ostringstream table;
   table << zorvix::Inspect();
-  return table.str().size();
+  return invocations;
 }
 
 void Leave() { handles.clear(); }

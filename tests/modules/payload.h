@@ -29,7 +29,7 @@ extern "C" ZORVIX_EXPORT bool Send(void* library);
 extern "C" ZORVIX_EXPORT void Receive();        // subscribes, and serves what has come, once
 extern "C" ZORVIX_EXPORT void Hold(int value);  // sets a state
 extern "C" ZORVIX_EXPORT void Watch(int* newest);
-extern "C" ZORVIX_EXPORT std::size_t UseAll();
+extern "C" ZORVIX_EXPORT int UseAll();  // returns how many callables were invoked
 extern "C" ZORVIX_EXPORT void Leave();
 
 #endif  // ZORVIX_TESTS_MODULES_PAYLOAD_H_
