@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cstdio>
-#include <set>
 
 // Not __FILE__, so that lines are the same wherever this is built.
 #define MQTT_LOG(priority, ...) \
@@ -62,18 +61,18 @@ void Remove(std::vector<Shared>& from, const Shared& entry) {
 
 }  // namespace
 
-Topic<std::string> Incoming::Payloads() const {
-  return {name + "/mqtt/" + std::to_string(reinterpret_cast<std::uintptr_t>(this))};
+std::string OwnName(const std::string& name) {
+  static std::atomic<unsigned long> last{0};
+  return "zorvix/mqtt/" + std::to_string(++last) + "/" + name;
 }
 
 Incoming::Incoming(std::string of, std::string mqtt_topic, bool is_state, detail::Handler handler)
     : name(std::move(of)),
       topic(std::move(mqtt_topic)),
       state(is_state),
-      publisher(Payloads()),
-      present(Payloads(), [](auto&) {}) {
-  handling.emplace(Payloads(), [this, handler = std::move(handler)](const std::string& payload) {
-    ++received;
+      payloads{OwnName(name)},
+      publisher(payloads, Audience::Optional) {
+  handling.emplace(payloads, [this, handler = std::move(handler)](const std::string& payload) {
     if (!handler(payload)) rejected.Add("its text cannot be read");
   });
 }
@@ -151,7 +150,7 @@ bool Worker::Ended() {
 }
 
 std::size_t Worker::Unsent() const {
-  std::size_t unsent = sent_.size();
+  std::size_t unsent = 0;
   for (const auto& route : routes_) unsent += route->pending;
   return unsent;
 }
@@ -234,14 +233,12 @@ void Worker::Welcome() {
   MQTT_LOG(bridge::kLogInfo, "MQTT connected, broker: %s", broker_.c_str());
   why_not_.clear();
   for (const auto& import : imports_) link_->Subscribe(import->topic, import->state);
-  std::set<std::string> sent_again;
-  for (auto sent = sent_.begin(); sent != sent_.end();) {
-    sent_again.insert(sent->route->topic);
-    sent = Send(*sent) ? std::next(sent) : sent_.erase(sent);
+  auto states = states_;
+  for (auto& sent : sent_) {
+    states.erase(sent.message->route->topic);
+    Send(sent);
   }
-  for (const auto& [topic, state] : states_) {
-    if (sent_again.count(topic) == 0) SendNew(state);
-  }
+  for (const auto& [topic, message] : states) Send(sent_.emplace_back(Sent{message, 0}));
   SetStatus(true, "");
 }
 
@@ -295,34 +292,34 @@ void Worker::Acknowledge() {
       return one.number == acknowledged.number;
     });
     if (sent == sent_.end()) continue;
-    if (acknowledged.refusal != nullptr) sent->route->rejected.Add(acknowledged.refusal);
+    Route& route = *sent->message->route;
+    if (acknowledged.refusal != nullptr) route.rejected.Add(acknowledged.refusal);
+    ++route.acknowledged;
     sent_.erase(sent);
   }
 }
 
+// Takes messages one by one, since what is not taken stays in the inbox, whose depth applies.
 void Worker::SendPending() {
-  if (sent_.size() < kUnacknowledged) core_->messages->Drain();
+  while (sent_.size() < kUnacknowledged && core_->messages->Drain(0ms) != 0) {
+  }
 }
 
 // In a drain of the messages.
-void Worker::Take(Pending& pending) {
-  ++pending.route->taken;
-  Sent sent{pending.route, std::move(pending.text), 0};
-  if (sent.route->retained) states_.insert_or_assign(sent.route->topic, sent);
-  SendNew(std::move(sent));
+void Worker::Take(PendingMessage message) {
+  if (message->route->retained) states_.insert_or_assign(message->route->topic, message);
+  Send(sent_.emplace_back(Sent{std::move(message), 0}));
 }
 
-void Worker::SendNew(Sent sent) {
-  if (Send(sent)) sent_.push_back(std::move(sent));
-}
-
-// Returns whether the broker will acknowledge it, to this link or, after it is sent again, to a
-// later one.
-bool Worker::Send(Sent& sent) {
-  const auto& route = *sent.route;
-  const char* const never = link_->Publish(route.topic, sent.text, route.retained, sent.number);
-  if (never != nullptr) sent.route->rejected.Add(never);
-  return never == nullptr;
+// Hands it to the link. It is sent again by the next link if this one ends before it is
+// acknowledged.
+void Worker::Send(Sent& sent) {
+  const auto& route = *sent.message->route;
+  const char* const never =
+      link_->Publish(route.topic, sent.message->text, route.retained, sent.number);
+  if (never == nullptr) return;
+  sent.number = --last_refused_;  // as no other
+  link_->acknowledged.push_back({sent.number, never});
 }
 
 void Worker::RemoveRoute(const std::shared_ptr<Route>& route) {

@@ -31,13 +31,13 @@ struct Route {
   const std::string name;
   const std::string topic;
   const bool retained;
-  std::atomic<std::size_t> pushed{0};   // given to the inbox
-  std::atomic<std::size_t> pending{0};  // of them, in the inbox
-  std::atomic<std::size_t> taken{0};    // of them, by the connection; the inbox dropped the others
+  std::atomic<std::size_t> pushed{0};        // given to the inbox
+  std::atomic<std::size_t> pending{0};       // of them, in the inbox, or sent
+  std::atomic<std::size_t> acknowledged{0};  // of them; the inbox has dropped the others
   Rejected rejected;
 };
 
-// A message in the inbox.
+// A message that the broker has not acknowledged.
 struct Pending {
   Pending(std::shared_ptr<Route> to, std::string what)
       : route(std::move(to)), text(std::move(what)) {
@@ -46,24 +46,25 @@ struct Pending {
   ~Pending() { --route->pending; }
   Pending(const Pending&) = delete;
   const std::shared_ptr<Route> route;
-  std::string text;
+  const std::string text;
 };
+using PendingMessage = std::shared_ptr<const Pending>;
 
 // Where an import receives from. The connection publishes payloads to a topic of its own, whose
 // one subscriber gives the import the lifetime of a subscriber.
 struct Incoming {
   Incoming(std::string of, std::string mqtt_topic, bool is_state, detail::Handler handler);
-  Topic<std::string> Payloads() const;
-
   const std::string name;
   const std::string topic;
   const bool state;
-  std::atomic<unsigned long> received{0};
   Rejected rejected;
+  const Topic<std::string> payloads;
   const Publisher<std::string> publisher;
-  const Subscriber<std::string> present;  // so that there is always a subscriber
   std::optional<Subscriber<std::string>> handling;
 };
+
+// Returns a name for a topic that nobody else uses.
+std::string OwnName(const std::string& name);
 
 class Worker;
 
@@ -97,7 +98,7 @@ class Worker {
 
   // To be called on the worker's thread only.
   void Stop(Clock::time_point limit);
-  void Take(Pending& pending);
+  void Take(PendingMessage message);
   void AddRoute(std::shared_ptr<Route> route) { routes_.push_back(std::move(route)); }
   void RemoveRoute(const std::shared_ptr<Route>& route);
   void AddImport(std::shared_ptr<Incoming> import);
@@ -105,8 +106,7 @@ class Worker {
 
  private:
   struct Sent {
-    std::shared_ptr<Route> route;
-    std::string text;
+    PendingMessage message;
     int number;  // of the message in this link
   };
   struct Addresses {
@@ -124,8 +124,7 @@ class Worker {
   void Acknowledge();
   void LogSubscriptions();
   void SendPending();
-  void SendNew(Sent sent);
-  bool Send(Sent& sent);
+  void Send(Sent& sent);
   void Pause();
   bool Wait(short events, Clock::time_point until);
   short Poll(short events, Clock::time_point until);
@@ -146,13 +145,14 @@ class Worker {
   std::minstd_rand random_{std::random_device()()};
 
   std::unique_ptr<Link> link_;
-  short ready_ = 0;                               // what poll says of its socket
-  std::list<Sent> sent_;                          // and not acknowledged
-  std::unordered_map<std::string, Sent> states_;  // last sent, by topic
+  short ready_ = 0;                                         // what poll says of its socket
+  std::list<Sent> sent_;                                    // and not acknowledged
+  std::unordered_map<std::string, PendingMessage> states_;  // last sent, by topic
   std::vector<std::shared_ptr<Route>> routes_;
   std::vector<std::shared_ptr<Incoming>> imports_;
 
   std::optional<Addresses> found_;  // by the look-up that is under way
+  int last_refused_ = 0;
   bool stopping_ = false;
   bool ended_ = false;
   Clock::time_point limit_;

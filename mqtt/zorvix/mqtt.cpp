@@ -100,23 +100,20 @@ namespace detail {
 Importing::Importing(const void* message) : outer_(std::exchange(imported, message)) {}
 Importing::~Importing() { imported = outer_; }
 
-using PendingMessage = std::shared_ptr<Pending>;
-
 // Shared with a task behind the last message that was pushed: so the relay outlives the export
 // until the connection has taken what is pending.
 struct Sender::Parts {
   Parts(Core& core, const std::string& name, Kind kind, KeepLast keep)
       : route(std::make_shared<Route>(name, CheckedTopic(core, name), kind == Kind::kState)),
-        publisher(Relay()),
-        relay(
-            Relay(), [worker = core.worker](const PendingMessage& it) { worker->Take(*it); },
+        relay{OwnName(name)},
+        publisher(relay, Audience::Optional),
+        subscriber(
+            relay, [worker = core.worker](const PendingMessage& it) { worker->Take(it); },
             *core.messages, keep) {}
-  Topic<PendingMessage> Relay() const {
-    return {route->name + "/mqtt/" + std::to_string(reinterpret_cast<std::uintptr_t>(this))};
-  }
   const std::shared_ptr<Route> route;
+  const Topic<PendingMessage> relay;
   const Publisher<PendingMessage> publisher;
-  const Subscriber<PendingMessage> relay;
+  const Subscriber<PendingMessage> subscriber;
 };
 
 Sender::Sender(Connection& connection, const std::string& name, Kind kind, KeepLast keep)
@@ -134,29 +131,38 @@ bool Sender::Suppressed(const void* message) const {
 }
 
 void Sender::Push(std::string text) {
+  auto message = std::make_shared<Pending>(parts_->route, std::move(text));
   ++parts_->route->pushed;
-  parts_->publisher.Publish(std::make_shared<Pending>(parts_->route, std::move(text)));
+  parts_->publisher.Publish(std::move(message));
 }
 
 void Sender::Reject() { parts_->route->rejected.Add("it cannot be written as text"); }
 
-}  // namespace detail
-
-void Import::Start(Connection& connection, const std::string& name, detail::Kind kind,
-                   detail::Handler handler) {
-  const auto core = connection.core_;
-  const bool state = kind == detail::Kind::kState;
-  const auto incoming =
-      std::make_shared<Incoming>(name, CheckedTopic(*core, name), state, std::move(handler));
-  if (state) ImportedStates::Instance().Add(name);
-  const auto end = [core, incoming](void*) {
-    incoming->handling.reset();
-    if (incoming->state) ImportedStates::Instance().Remove(incoming->name);
-    core->Post([incoming](Worker& worker) { worker.RemoveImport(incoming); });
-  };
-  importing_ = std::shared_ptr<void>(incoming.get(), end);
-  core->Post([incoming](Worker& worker) { worker.AddImport(incoming); });
+Amounts Sender::Count() const {
+  const auto& route = *parts_->route;
+  // A message may pass from one count to the next meanwhile, never back.
+  const std::size_t kept = route.acknowledged + route.pending;
+  const std::size_t pushed = route.pushed;
+  return {route.pending, pushed - std::min(kept, pushed) + route.rejected.count};
 }
+
+Receiver::Receiver(Connection& connection, const std::string& name, Kind kind, Handler handler)
+    : core_(connection.core_),
+      incoming_(std::make_shared<Incoming>(name, CheckedTopic(*core_, name), kind == Kind::kState,
+                                           std::move(handler))) {
+  if (incoming_->state) ImportedStates::Instance().Add(name);
+  core_->Post([incoming = incoming_](Worker& worker) { worker.AddImport(incoming); });
+}
+
+Receiver::~Receiver() {
+  incoming_->handling.reset();
+  if (incoming_->state) ImportedStates::Instance().Remove(incoming_->name);
+  core_->Post([incoming = incoming_](Worker& worker) { worker.RemoveImport(incoming); });
+}
+
+Amounts Receiver::Count() const { return {0, incoming_->rejected.count}; }
+
+}  // namespace detail
 
 }  // namespace mqtt
 }  // namespace zorvix

@@ -12,9 +12,10 @@
 // Delivery: at least once (QoS 1), in the order in which a publisher published, apart from
 // repetitions. Publishing never waits for the network: an export keeps the last n messages that the
 // broker has not been given yet, and drops its oldest beyond that, which is counted and logged as
-// for any subscriber with an inbox. Nothing else is lost while the process lives and the broker
-// keeps what it has acknowledged. What others publish while a connection is interrupted arrives
-// when it is back, within Options::session_expiry and what the broker is willing to keep.
+// for any subscriber with an inbox (under the name zorvix/mqtt/NUMBER/NAME). Nothing else is lost
+// while the process lives and the broker keeps what it has acknowledged. What others publish while
+// a connection is interrupted arrives when it is back, within Options::session_expiry and what the
+// broker is willing to keep.
 //
 // States are retained messages, so a process that connects later has the latest value. On each
 // connect an export sends its state's current value again.
@@ -91,7 +92,7 @@ class Connection {
 
  private:
   friend class detail::Sender;
-  friend class Import;
+  friend class detail::Receiver;
   const std::shared_ptr<detail::Core> core_;
   std::chrono::milliseconds close_limit_;
   std::thread thread_;
@@ -107,8 +108,8 @@ class Export {
   [[nodiscard]] ZORVIX_INLINED Export(
       Connection& connection, const Topic<Message>& topic,
       typename detail::Given<detail::Writer<Message>>::Function write, KeepLast keep = {})
-      : exporting_(std::make_shared<detail::Exporting<Subscriber<Message>>>(
-            connection, topic, detail::Kind::kTopic, std::move(write), keep)) {}
+      : exporting_(detail::StartExport<Subscriber<Message>>(connection, topic, detail::Kind::kTopic,
+                                                            std::move(write), keep)) {}
 
   // Sends the current value, if there is one, and each later one, as a retained message. While the
   // broker is away only the latest is kept. An empty text clears the retained message. The broker
@@ -116,8 +117,8 @@ class Export {
   template <typename Value>
   [[nodiscard]] ZORVIX_INLINED Export(Connection& connection, const State<Value>& state,
                                       typename detail::Given<detail::Writer<Value>>::Function write)
-      : exporting_(std::make_shared<detail::Exporting<Watcher<Value>>>(
-            connection, state, detail::Kind::kState, std::move(write), KeepLast{1})) {}
+      : exporting_(detail::StartExport<Watcher<Value>>(connection, state, detail::Kind::kState,
+                                                       std::move(write), KeepLast{1})) {}
   ZORVIX_MOVE_ONLY(Export);
 
  private:
@@ -136,11 +137,12 @@ class Import {
       Connection& connection, const Topic<Message>& topic,
       typename detail::Given<detail::Reader<Message>>::Function read) {
     const auto publisher = std::make_shared<const detail::ImportedTopic<Message>>(topic.name);
-    Start(connection, topic.name, detail::Kind::kTopic, [=](const std::string& text) {
+    const auto handle = [=](const std::string& text) {
       std::optional<Message> message = read(text);
       if (message) publisher->Publish(*std::move(message));
       return message.has_value();
-    });
+    };
+    importing_ = detail::StartImport(connection, topic.name, detail::Kind::kTopic, handle);
   }
 
   // Holds the state, so this process must have no other holder of it. Keeps the last value while
@@ -151,7 +153,7 @@ class Import {
       Connection& connection, const State<Value>& state,
       typename detail::Given<detail::Reader<Value>>::Function read) {
     const auto holder = std::make_shared<std::optional<Holder<Value>>>(Holder<Value>(state));
-    Start(connection, state.name, detail::Kind::kState, [=](const std::string& text) {
+    const auto handle = [=](const std::string& text) {
       if (text.empty()) {
         holder->reset();
         holder->emplace(state);
@@ -160,13 +162,12 @@ class Import {
       std::optional<Value> value = read(text);
       if (value) (*holder)->Set(*std::move(value));
       return value.has_value();
-    });
+    };
+    importing_ = detail::StartImport(connection, state.name, detail::Kind::kState, handle);
   }
   ZORVIX_MOVE_ONLY(Import);
 
  private:
-  ZORVIX_EXPORT void Start(Connection& connection, const std::string& name, detail::Kind kind,
-                           detail::Handler handler);
   std::shared_ptr<void> importing_;
 };
 

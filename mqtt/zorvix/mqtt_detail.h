@@ -11,11 +11,11 @@ namespace zorvix {
 namespace mqtt {
 
 class Connection;
+struct Incoming;
 
 namespace detail {
 
 struct Core;
-class Sender;
 
 // Marks a message as published by an import, on this thread and until it is destroyed.
 class Importing {
@@ -94,6 +94,11 @@ class ImportedTopic {
 enum class Kind { kTopic, kState };
 using Handler = std::function<bool(const std::string&)>;  // returns false for a bad payload
 
+struct Amounts {
+  std::size_t pending = 0;
+  std::size_t dropped = 0;
+};
+
 // The part of an export that does not depend on the type of its messages.
 class Sender {
  public:
@@ -110,6 +115,8 @@ class Sender {
       Reject();
     }
   }
+  // Messages that the broker has not acknowledged, and those that never reach it.
+  ZORVIX_EXPORT Amounts Count() const;
 
  private:
   ZORVIX_EXPORT bool Suppressed(const void* message) const;
@@ -121,24 +128,62 @@ class Sender {
   const std::shared_ptr<Parts> parts_;
 };
 
+// Likewise of an import.
+class Receiver {
+ public:
+  ZORVIX_EXPORT Receiver(Connection& connection, const std::string& name, Kind kind,
+                         Handler handler);
+  ZORVIX_EXPORT ~Receiver();
+  Receiver(const Receiver&) = delete;
+  ZORVIX_EXPORT Amounts Count() const;  // dropped: payloads that were rejected
+
+ private:
+  const std::shared_ptr<Core> core_;
+  const std::shared_ptr<Incoming> incoming_;
+};
+
+// What Inspect lists. In this header, so that it names the module of the user.
+template <typename Counted>
+struct ZORVIX_HIDDEN Listing final : zorvix::detail::Record {
+  Listing(const char* its_kind, const std::string& its_name, std::shared_ptr<Counted> its,
+          std::size_t its_depth)
+      : Record(its_kind, its_name), counted(std::move(its)), depth(its_depth), listed(*this) {}
+  zorvix::detail::Counts Count() const override {
+    const Amounts amounts = counted->Count();
+    return {amounts.pending, depth, amounts.dropped};
+  }
+  const std::shared_ptr<Counted> counted;
+  const std::size_t depth;
+  const zorvix::detail::Listed listed;
+};
+
+// An export. The source's callable shares the sender, since it may destroy its own export.
 template <typename Source>
-struct Exporting {
+struct ZORVIX_HIDDEN Exporting {
   template <typename Described, typename Message>
-  Exporting(Connection& connection, const Described& described, Kind kind, Writer<Message> write,
-            KeepLast keep)
-      : Exporting(std::make_shared<Sender>(connection, described.name, kind, keep), described,
-                  std::move(write)) {}
-  // The callable shares the sender, since it may destroy its own export.
-  template <typename Described, typename Message>
-  Exporting(const std::shared_ptr<Sender>& shared, const Described& described,
-            Writer<Message> write)
-      : sender(shared),
-        source(described, [shared, write = std::move(write)](const Message& message) {
-          shared->Send(write, message);
+  Exporting(const std::shared_ptr<Sender>& sender, const Described& described,
+            Writer<Message> write, KeepLast keep)
+      : listing("Export", described.name, sender, keep.depth),
+        source(described, [sender, write = std::move(write)](const Message& message) {
+          sender->Send(write, message);
         }) {}
-  const std::shared_ptr<Sender> sender;
+  const Listing<Sender> listing;
   const Source source;  // destroyed first: nothing is sent any more
 };
+
+template <typename Source, typename Described, typename Message>
+ZORVIX_HIDDEN std::shared_ptr<void> StartExport(Connection& connection, const Described& described,
+                                                Kind kind, Writer<Message> write, KeepLast keep) {
+  const auto sender = std::make_shared<Sender>(connection, described.name, kind, keep);
+  return std::make_shared<Exporting<Source>>(sender, described, std::move(write), keep);
+}
+
+ZORVIX_HIDDEN inline std::shared_ptr<void> StartImport(Connection& connection,
+                                                       const std::string& name, Kind kind,
+                                                       Handler handler) {
+  const auto receiver = std::make_shared<Receiver>(connection, name, kind, std::move(handler));
+  return std::make_shared<const Listing<Receiver>>("Import", name, receiver, 0);
+}
 
 }  // namespace detail
 
