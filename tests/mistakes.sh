@@ -176,10 +176,12 @@ correct "a callable of each kind" '
   const Server sum_in_drains(kSum, &Reading::left, inbox);
   const Watcher value(kLatest, &Reading::Half, inbox);'
 correct "a callable that cannot be copied" '
-  const auto make = [] { return [number = std::make_unique<int>(1)](const Reading&) {}; };
+  const auto make = [] { return [number = std::make_unique<int>(1)](auto&) { return 1; }; };
   const Subscriber direct(kReadings, make());
   const Subscriber queued(kReadings, make(), Delivery::Queued);
   const Subscriber in_drains(kReadings, make(), inbox, KeepLast{1});
+  const Server server(kSum, make());
+  const Server server_in_drains(kSum, make(), inbox);
   const Watcher watcher(kLatest, make(), inbox);'
 correct "calls" '
   const Client client(kSum, inbox);

@@ -58,13 +58,13 @@ std::shared_ptr<void> SubscribeWithMailbox(const std::string& topic,
 template <typename Request, typename Response, typename Callable>
 std::shared_ptr<void> ServeDirectly(const std::string& service, bridge::BridgeType type,
                                     Callable callable) {
-  const auto answer = [callable = std::move(callable)](const Request& request,
-                                                       std::any& response) mutable {
+  auto answer = [callable = std::move(callable)](const Request& request,
+                                                 std::any& response) mutable {
     const auto ask = [&]() -> Response { return std::invoke(callable, request); };
     response.emplace<Response>(ask());
   };
   const auto gate =
-      std::make_shared<GatedCallable<std::decay_t<decltype(answer)>>>("Server", service, answer);
+      std::make_shared<GatedCallable<decltype(answer)>>("Server", service, std::move(answer));
   const auto serve = [gate](const std::any& request, std::any& response) {
     (*gate)(Cast<Request>(request, "request", "server"), response);
   };
