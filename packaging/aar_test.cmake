@@ -41,3 +41,4 @@ run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${WORK}/consumer $
 run(${CMAKE_COMMAND} --build ${WORK}/consumer)
 file(COPY ${libs}/libcom.quenmar.zorvix.so DESTINATION ${WORK}/consumer)
 run(${EMULATOR} ${WORK}/consumer/consumer)
+run(sh -c "${READELF} -d ${WORK}/consumer/libmodule.so | grep NODELETE")
