@@ -101,7 +101,7 @@ class Host {
   }
 
   std::optional<demo::Advice> AskForAdvice() const {
-    const auto advice = advice_.Call({});
+    auto advice = advice_.Call({});
     demo::Say("host", "asks for advice: " + (advice ? advice->text : "there is no server"));
     return advice;
   }
