@@ -142,7 +142,7 @@ TEST_F(Bridge, MessageThatCannotBeStoredChangesNothingElse) {
 }
 
 TEST_F(Bridge, SetThatThrowsSetsNothingAndAnyOtherReachesAllWatchers) {
-  const zorvix::State<int> state{"s"};
+  const zorvix::State<int> state{std::string(1000, 's')};  // the bridge allocates for long names
   zorvix::Inbox inbox;
   int set = 0;
   int shown = 0;

@@ -59,19 +59,6 @@ TEST_F(Bridge, WatcherWithInboxIsInvokedInDrainsWithTheLatestValueOnly) {
   EXPECT_EQ(seen, (Numbers{1, 3}));
 }
 
-TEST_F(Bridge, CallableOfAWatcherMaySetItsState) {
-  Numbers seen;
-  zorvix::Holder holder(kState);
-  holder.Set({1});
-
-  const Watcher watcher(kState, [&](const Value& value) {
-    seen.push_back(value.number);
-    if (value.number < 3) holder.Set({value.number + 1});
-  });
-
-  EXPECT_EQ(seen, (Numbers{1, 2, 3}));
-}
-
 TEST_F(Bridge, WatchersKeepTheValueOfAHolderUntilAnotherOneSetsALater) {
   Numbers seen;
   std::optional holder(zorvix::Holder{kState});
@@ -272,21 +259,6 @@ TEST_F(Bridge, EarlyAndLateWatcherAgreeWhenTwoThreadsSet) {
 
     EXPECT_EQ(early.Newest(), late->Newest());
     EXPECT_EQ(early.Newest()->number, shown);
-  }
-}
-
-TEST_F(Bridge, LateWatcherHasBeenOrIsBeingInvokedWhenItsConstructorReturns) {
-  zorvix::Holder holder(kState);
-  holder.Set({1});
-  for (int round = 0; round < 500 && !HasFailure(); ++round) {
-    OnThreads(2, [&](int thread) {
-      std::atomic<bool> begun{false};
-      if (thread == 0) return holder.Set({1});
-      // Waits for an invocation in progress, and lets no other begin.
-      std::optional watcher(Watcher(kState, [&](auto&) { begun = true; }));
-      watcher.reset();
-      EXPECT_TRUE(begun);
-    });
   }
 }
 

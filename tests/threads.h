@@ -21,7 +21,7 @@ bool ComesTrue(const Condition& condition) {
 
 // Gives other threads time to get as far as they can. No test may rely on it.
 inline void LetOthersRun() {
-  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+  for (int i = 0; i < 300; ++i) std::this_thread::yield();
 }
 
 // Calls function(0) to function(count - 1) on threads that start together, and waits for them.
