@@ -131,7 +131,7 @@ void Worker::Run() {
     SetStatus(false, why_not);
     Pause();
   }
-  const auto unsent = Unsent();
+  const std::size_t unsent = *core_->unsent;
   link_.reset();
   SetStatus(false, "closed");
   MQTT_LOG(unsent == 0 ? bridge::kLogInfo : bridge::kLogWarn,
@@ -145,14 +145,8 @@ void Worker::Stop(Clock::time_point limit) {
 }
 
 bool Worker::Ended() {
-  ended_ = ended_ || (stopping_ && (Unsent() == 0 || Clock::now() >= limit_));
+  ended_ = ended_ || (stopping_ && (*core_->unsent == 0 || Clock::now() >= limit_));
   return ended_;
-}
-
-std::size_t Worker::Unsent() const {
-  std::size_t unsent = 0;
-  for (const auto& route : routes_) unsent += route->pending;
-  return unsent;
 }
 
 // Returns why there is no connection any more.

@@ -26,14 +26,19 @@ struct Rejected {
 
 // Where an export sends to.
 struct Route {
-  Route(std::string of, std::string mqtt_topic, bool is_state)
-      : name(std::move(of)), topic(std::move(mqtt_topic)), retained(is_state) {}
+  using Total = std::shared_ptr<std::atomic<std::size_t>>;
+  Route(std::string of, std::string mqtt_topic, bool is_state, Total of_connection)
+      : name(std::move(of)),
+        topic(std::move(mqtt_topic)),
+        retained(is_state),
+        total(std::move(of_connection)) {}
   const std::string name;
   const std::string topic;
   const bool retained;
   std::atomic<std::size_t> pushed{0};        // given to the inbox
   std::atomic<std::size_t> pending{0};       // of them, in the inbox, or sent
   std::atomic<std::size_t> acknowledged{0};  // of them; the inbox has dropped the others
+  const Total total;                         // pending, for all exports of the connection
   Rejected rejected;
 };
 
@@ -42,8 +47,12 @@ struct Pending {
   Pending(std::shared_ptr<Route> to, std::string what)
       : route(std::move(to)), text(std::move(what)) {
     ++route->pending;
+    ++*route->total;
   }
-  ~Pending() { --route->pending; }
+  ~Pending() {
+    --route->pending;
+    --*route->total;
+  }
   Pending(const Pending&) = delete;
   const std::shared_ptr<Route> route;
   const std::string text;
@@ -79,6 +88,7 @@ struct Core {
   void Close();  // by the worker, at its end
 
   std::string prefix;
+  const Route::Total unsent = std::make_shared<std::atomic<std::size_t>>(0);
   Worker* worker = nullptr;
   std::unique_ptr<Inbox> tasks = std::make_unique<Inbox>();
   std::unique_ptr<Inbox> messages = std::make_unique<Inbox>();  // of all exports
@@ -129,7 +139,6 @@ class Worker {
   bool Wait(short events, Clock::time_point until);
   short Poll(short events, Clock::time_point until);
   bool Ended();
-  std::size_t Unsent() const;
   void Report();
   template <typename Channel>
   void ReportRejected(Channel& channel, const char* kind);

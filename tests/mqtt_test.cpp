@@ -2,6 +2,7 @@
 // its topic "in" is "x/in" for the far one, which has no prefix.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <zorvix/inspect.h>
 #include <zorvix/mqtt.h>
 
 #include <future>
@@ -52,6 +53,13 @@ Lines Got(const Lines& log) {
     if (line.rfind("got ", 0) == 0) got.push_back(line.substr(4));
   }
   return got;
+}
+
+zorvix::HandleInfo Find(const std::string& kind, const std::string& name) {
+  for (const auto& handle : zorvix::Inspect()) {
+    if (handle.kind == kind && handle.name == name) return handle;
+  }
+  return {};
 }
 
 class Mqtt : public testing::Test {
@@ -244,12 +252,15 @@ TEST_F(Mqtt, KeepsTheLastMessagesWhileTheBrokerIsAway) {
   WaitForLog("MQTT not connected", 2);
 
   for (int number = 0; number < 10; ++number) line.publisher.Publish(std::to_string(number));
+  const auto away = Find("Export", "in");
   broker.Start();
   WaitForLog("got 9");
 
   const auto log = TakeLog();
   EXPECT_EQ(Got(log), (Lines{"7", "8", "9"}));
-  EXPECT_EQ(Count(log, "lost: 7"), 1u);
+  EXPECT_EQ(Count(log, "dropped: 7"), 1u);
+  EXPECT_EQ(away.pending, 3u);
+  EXPECT_EQ(away.dropped, 7u);
 }
 
 TEST_F(Mqtt, StatesReachProcessesThatConnectLater) {
@@ -337,6 +348,7 @@ TEST_F(Mqtt, BadPayloadsReachNobodyAndAreLoggedWithoutTheirText) {
 
   const auto log = TakeLog();
   EXPECT_EQ(Got(log), Lines{std::string(20, 'y')});
+  EXPECT_EQ(Find("Import", "x/in").dropped, 101u);
   EXPECT_EQ(Count(log, "secret"), 0u);
   EXPECT_EQ(Count(log, "MQTT import rejects messages, name: x/in"), 2u);
 }

@@ -104,7 +104,8 @@ Importing::~Importing() { imported = outer_; }
 // until the connection has taken what is pending.
 struct Sender::Parts {
   Parts(Core& core, const std::string& name, Kind kind, KeepLast keep)
-      : route(std::make_shared<Route>(name, CheckedTopic(core, name), kind == Kind::kState)),
+      : route(std::make_shared<Route>(name, CheckedTopic(core, name), kind == Kind::kState,
+                                      core.unsent)),
         relay{OwnName(name)},
         publisher(relay, Audience::Optional),
         subscriber(

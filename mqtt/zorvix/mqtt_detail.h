@@ -182,7 +182,7 @@ ZORVIX_HIDDEN inline std::shared_ptr<void> StartImport(Connection& connection,
                                                        const std::string& name, Kind kind,
                                                        Handler handler) {
   const auto receiver = std::make_shared<Receiver>(connection, name, kind, std::move(handler));
-  return std::make_shared<const Listing<Receiver>>("Import", name, receiver, 0);
+  return std::make_shared<Listing<Receiver>>("Import", name, receiver, 0);
 }
 
 }  // namespace detail
