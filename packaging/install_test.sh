@@ -9,13 +9,14 @@ rm -rf "$work"
 mkdir -p "$work"
 cd "$work"
 
-cmake -S "$source" -B build -DCMAKE_INSTALL_LIBDIR=lib -DZORVIX_BUILD_EXAMPLES=OFF "$@"
+cmake -S "$source" -B build -DCMAKE_INSTALL_LIBDIR=lib -DZORVIX_BUILD_EXAMPLES=OFF \
+  -DZORVIX_BUILD_MQTT=ON "$@"
 grep -x CMAKE_BUILD_TYPE:STRING=Release build/CMakeCache.txt
 cmake --build build
 cmake --install build --prefix 'installed here'
 rm -rf build
 [ "$(cd 'installed here/include/zorvix' && find . -name '*.h' | sort)" = \
-  "$(cd "$source" && (cd common/zorvix && find . -name '*.h'; cd ../../typed/zorvix && find . -name '*.h') | sort)" ]
+  "$(for folder in common typed mqtt; do (cd "$source/$folder/zorvix" && find . -name '*.h'); done | sort)" ]
 
 stays_loaded() { # MODULE
   readelf -d "$1" | grep 'FLAGS_1.*NODELETE'
@@ -31,6 +32,7 @@ consume() { # FOLDER [CMAKE-OPTION...]
   if nm -D --defined-only "$1/libunloadable.so" | grep ' _ZNSt'; then exit 1; fi
 }
 consume find_package -DCMAKE_PREFIX_PATH="$work/installed here"
+find_package/mqtt_consumer | grep -x connecting
 consume FetchContent -DZORVIX_SOURCE="$source" "$@"
 [ "$(find FetchContent/installed -type f ! -name 'lib*.so' -printf %f)" = consumer ]
 consume FetchContent -DZORVIX_INSTALL=ON
@@ -45,3 +47,7 @@ eval "$line"
 ./main
 eval "$line -shared -fPIC -o module.so"
 stays_loaded module.so
+
+cp "$source/packaging/consumer/mqtt.cpp" .
+eval "$(echo "$line" | sed s/main.cpp/mqtt.cpp/) $(pkg-config --libs zorvix-mqtt)"
+./main | grep -x connecting

@@ -1,37 +1,47 @@
-// Two processes that share a topic through an MQTT broker, such as Mosquitto:
+// Two processes that share a topic through an MQTT broker, such as Mosquitto. The messages are
+// JSON.
 //
 //   mqtt_example receive 127.0.0.1 1883    prints each reading that arrives
 //   mqtt_example send 127.0.0.1 1883       sends what is typed, such as: kitchen 21.5
 //
 // Both end at the end of their input.
+#include <zorvix/mqtt.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <nlohmann/json.hpp>
 
-#include "mqtt.h"
-
-using mqtt::Carrier;
+struct Reading {
+  std::string sensor;
+  double value = 0;
+};
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Reading, sensor, value)
 
 namespace {
 
-const zorvix::Topic<mqtt::Reading> kReadings{"readings"};
+const zorvix::Topic<Reading> kReadings{"readings"};
 
-void Send(const char* host, int port) {
-  const Carrier carrier(Carrier::Way::Out, kReadings, host, port);
-  const zorvix::Workers worker(1);
+std::string ToJson(const Reading& reading) { return nlohmann::json(reading).dump(); }
+
+Reading FromJson(const std::string& text) { return nlohmann::json::parse(text).get<Reading>(); }
+
+void Send(zorvix::mqtt::Connection& connection) {
+  const zorvix::mqtt::Export readings(connection, kReadings, ToJson, zorvix::KeepLast{1000});
   const zorvix::Publisher publisher(kReadings);
-  std::string sensor, value;
+  std::string sensor;
+  std::string value;
   while (std::cin >> sensor >> value) {
     publisher.Publish({sensor, std::strtod(value.c_str(), nullptr)});
   }
 }
 
-void Receive(const char* host, int port) {
-  const zorvix::Subscriber print(kReadings, [](const mqtt::Reading& reading) {
+void Receive(zorvix::mqtt::Connection& connection) {
+  const zorvix::Subscriber print(kReadings, [](const Reading& reading) {
     std::printf("%s %g\n", reading.sensor.c_str(), reading.value);
     std::fflush(stdout);
   });
-  const Carrier carrier(Carrier::Way::In, kReadings, host, port);
+  const zorvix::mqtt::Import readings(connection, kReadings, FromJson);
   while (std::getchar() != EOF) {
   }
 }
@@ -44,5 +54,13 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s send|receive HOST PORT\n", argv[0]);
     return 2;
   }
-  (mode == "send" ? Send : Receive)(argv[2], std::atoi(argv[3]));
+  zorvix::mqtt::Options options;
+  options.host = argv[2];
+  options.port = std::atoi(argv[3]);
+  zorvix::mqtt::Connection connection(options);
+  if (mode == "send") {
+    Send(connection);
+  } else {
+    Receive(connection);
+  }
 }

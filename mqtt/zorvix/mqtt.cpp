@@ -90,7 +90,7 @@ Connection::~Connection() {
     thread_.detach();
     return;
   }
-  const auto limit = Clock::now() + close_limit_;
+  const auto limit = zorvix::detail::Deadline(close_limit_);
   core_->Post([limit](Worker& worker) { worker.Stop(limit); });
   thread_.join();
 }

@@ -65,14 +65,17 @@ struct Options {
   std::string certificate_file;  // of this client, where the broker asks for one; needs ca_file
   std::string key_file;          // not encrypted
   // User name and password are refused without ca_file, unless the host is this machine or this is
-  // true: then anybody on the way can read them.
+  // true: then everybody between here and the broker can read them.
   bool send_password_unencrypted = false;
-  std::string prefix;                               // of all MQTT topics, such as "factory/"
-  std::size_t payload_limit = 256 * 1024;           // longer payloads are rejected unread
-  std::chrono::milliseconds close_limit{1'000};     // to send what is pending, in the destructor
-  std::chrono::milliseconds longest_pause{30'000};  // between attempts; pauses double up to it
+  std::string prefix;                      // of all MQTT topics, such as "factory/"
+  std::size_t payload_limit = 256 * 1024;  // longer payloads are rejected before they are read
+  // How long the destructor may take to send what is pending; negative: without limit.
+  std::chrono::milliseconds close_limit{1'000};
+  // Between attempts to connect. Pauses begin with 100 ms and double up to it.
+  std::chrono::milliseconds longest_pause{30'000};
   std::chrono::seconds keep_alive{30};  // a broker that is silent for longer is away; 5 or more
-  std::chrono::seconds session_expiry{3'600};  // how long the broker keeps messages for imports
+  // How long the broker keeps messages for imports while the connection is interrupted.
+  std::chrono::seconds session_expiry{3'600};
   // Where the status is. A second connection of a process needs a state of its own.
   State<Status> status = kStatus;
 };
