@@ -214,12 +214,12 @@ struct Module {
     if (library == nullptr) throw std::runtime_error(dlerror());
   }
   template <typename Function>
-  Function* Find(Function&, const char* function) const {
+  Function* Find(const char* function) const {
     return reinterpret_cast<Function*>(dlsym(library, function));
   }
-  void Subscribe(int duration) const { Find(::Subscribe, "Subscribe")(duration); }
-  void Unsubscribe() const { Find(::Unsubscribe, "Unsubscribe")(); }
-  std::size_t CountHandles() const { return Find(::CountHandles, "CountHandles")(); }
+  void Subscribe(int duration) const { Find<decltype(::Subscribe)>("Subscribe")(duration); }
+  void Unsubscribe() const { Find<decltype(::Unsubscribe)>("Unsubscribe")(); }
+  std::size_t CountHandles() const { return Find<decltype(::CountHandles)>("CountHandles")(); }
   bool Unload() const {  // and return whether the code is gone
     return dlclose(library) == 0 && dlopen(name.c_str(), RTLD_NOLOAD | RTLD_NOW) == nullptr;
   }
