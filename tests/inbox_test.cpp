@@ -237,7 +237,7 @@ TEST_F(Bridge, ManyQueuedSubscribersShareAFewTasksOfTheQueue) {
     std::vector<zorvix::Topic<int>> topics(one_topic ? 1 : kSubscribers, kTopic);
     for (int i = 0; i < kSubscribers; ++i) {
       auto& topic = topics[static_cast<std::size_t>(i) % topics.size()];
-      if (!one_topic) topic.name = std::to_string(i);
+      if (!one_topic) topic.name = "topic " + std::to_string(i);
       subscribers.emplace_back(
           topic, [&, i](int) { ++invocations[i]; }, Delivery::Queued);
     }
