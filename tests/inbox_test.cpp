@@ -288,6 +288,23 @@ TEST_F(Bridge, QueuedMessagesAreInvokedAfterAnExceptionHasLeftSpinOnce) {
   EXPECT_EQ(invocations, 8);
 }
 
+TEST_F(Bridge, QueuedSubscriberThatSendsToItselfGetsAllInSeveralTasks) {
+  int invocations = 0;
+  const zorvix::Publisher publisher(kTopic);
+  const auto send_less = [&](int more) {
+    ++invocations;
+    if (more > 0) publisher.Publish(more - 1);
+  };
+  const zorvix::Subscriber subscriber(kTopic, send_less, Delivery::Queued);
+  publisher.Publish(99);
+
+  int tasks = 0;
+  while (ZorvixRunOneceStep()) ++tasks;
+
+  EXPECT_EQ(invocations, 100);
+  EXPECT_GT(tasks, 1) << "so that other tasks of the queue are run meanwhile";
+}
+
 TEST_F(Bridge, QueuedTaskMayOutliveAllQueuedSubscribers) {
   const auto fail = [](int) { ADD_FAILURE(); };
   std::optional subscriber(zorvix::Subscriber(kTopic, fail, Delivery::Queued));
@@ -363,10 +380,17 @@ TEST_F(Bridge, WaitWakesEveryThreadThatWaitsHoweverLong) {
   }
 }
 
-// Seen by luck, hence often: a stop that comes between a look at the flag and the wait.
+// A stop that comes between a look at the flag and the wait is seen by luck, hence the rounds.
 TEST_F(Bridge, InboxThreadWithNothingPendingEnds) {
   Inbox inbox;
-  for (int i = 0; i < 10'000; ++i) const zorvix::InboxThread thread(inbox);
+  for (int round = 0; round < 5000; ++round) {
+    std::atomic<int> delay{round % 100};
+    std::atomic<bool> done{false};
+    const zorvix::InboxThread thread(inbox);
+    inbox.Post([&] { done = true; });
+    EXPECT_TRUE(ComesTrue([&] { return done.load(); }));
+    while (delay > 0) --delay;
+  }
 }
 
 // Whether the stop comes before the drain ends is a matter of luck, mostly good.
