@@ -423,4 +423,16 @@ TEST_F(Bridge, InboxThreadDestroyedByItsCallableEndsTheProcess) {
   EXPECT_EXIT(die(), testing::ExitedWithCode(7), "");
 }
 
+TEST_F(Bridge, TaskMayDestroyItsInboxAndThrow) {
+  std::optional<Inbox> inbox(std::in_place);
+  inbox->Post([&] {
+    inbox.reset();
+    throw std::runtime_error("bad luck");
+  });
+
+  EXPECT_EQ(inbox->Drain(), 1u);
+
+  EXPECT_EQ(Count(TakeLog(), "callable failed! error: bad luck, name: inbox"), 1u);
+}
+
 }  // namespace

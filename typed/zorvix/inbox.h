@@ -69,16 +69,16 @@ class Inbox {
   // invoked. What arrives meanwhile is left to the next drain. Returns 0 while another drain is in
   // progress, also on this thread.
   ZORVIX_HIDDEN std::size_t Drain() {
-    const auto mailbox = state().mailbox;  // a callable may destroy the inbox
-    return mailbox->Drain([] { return true; });
+    const auto keeps_state = state_;  // a callable may destroy the inbox
+    return state().mailbox->Drain([] { return true; });
   }
 
   // Does the same, but begins no further invocation once that time is over, after one at least. The
   // rest stays pending, in order.
   ZORVIX_HIDDEN std::size_t Drain(std::chrono::milliseconds limit) {
-    const auto mailbox = state().mailbox;
+    const auto keeps_state = state_;
     const auto end = detail::Deadline(limit);
-    return mailbox->Drain([end] { return detail::Clock::now() < end; });
+    return state().mailbox->Drain([end] { return detail::Clock::now() < end; });
   }
 
   // Blocks until something is pending and no drain is in progress, or for that long; a negative
