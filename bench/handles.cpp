@@ -61,7 +61,7 @@ void BuildPublisher(benchmark::State& state) {
 
 const bool added = [] {
   if (ZORVIX_BENCH_KEEPS_LOG) return true;
-  for (const std::size_t burst : {1, 8, 64}) {
+  for (const std::size_t burst : {1u, 8u, 64u}) {
     const std::string name = "Call through two inboxes, " + std::to_string(burst) + " at a time";
     benchmark::RegisterBenchmark(name.c_str(), CallThroughInboxes, burst)->Iterations(150);
   }

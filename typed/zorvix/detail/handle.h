@@ -135,7 +135,7 @@ inline void Ignore(const std::any&) {}
 
 inline std::shared_ptr<Sender> MakePublisher(const std::string& topic, bridge::BridgeType type,
                                              Audience audience) {
-  const auto sender = std::make_shared<Sender>("Publisher", topic, DescribeTopic(topic, type));
+  auto sender = std::make_shared<Sender>("Publisher", topic, DescribeTopic(topic, type));
   if (audience == Audience::Optional) sender->optional_audience.emplace(topic, type, Ignore);
   return sender;
 }
