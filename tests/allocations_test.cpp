@@ -123,10 +123,10 @@ TEST_F(Bridge, HandleThatCannotBeBuiltLeavesNothingBehind) {
 TEST_F(Bridge, MessageThatCannotBeStoredChangesNothingElse) {
   const zorvix::Topic<std::string> topic{"t"};
   const zorvix::Publisher publisher(topic);
-  zorvix::Inbox inbox;
-  const zorvix::Subscriber subscriber(
-      topic, [](auto&) {}, inbox, zorvix::KeepAll());
   for (std::size_t pending = 0; pending < 70; ++pending) {
+    zorvix::Inbox inbox;
+    const zorvix::Subscriber subscriber(
+        topic, [](auto&) {}, inbox, zorvix::KeepAll());
     for (std::size_t i = 0; i < pending; ++i) publisher.Publish("before");
     TakeLog();
 

@@ -68,17 +68,25 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
   }
 }
 
-TEST_F(Bridge, PublicationInProgressDoesNotInvokeADestroyedSubscriber) {
+TEST_F(Bridge, CallableIsDestroyedWithItsSubscriberThoughAPublicationIsInProgress) {
   Subscribed("t", BridgeType::Sync, {Subscriber([](auto&) { Log("first"); })});
-  std::optional second(zorvix::Subscriber(kTopic, Fail));
+  zorvix::Inbox inbox;
+  const auto owned = std::make_shared<int>();
+  const auto fail = [owned](int number) { Fail(number); };
+  const auto owners = owned.use_count();
+  std::optional direct(zorvix::Subscriber(kTopic, fail));
+  std::optional with_inbox(zorvix::Subscriber(kTopic, fail, inbox));
   HoldLog("first");
   auto publication = std::async(std::launch::async, [] { zorvix::Publisher(kTopic).Publish(1); });
   WaitForLog("first");
 
-  second.reset();
+  direct.reset();
+  with_inbox.reset();
 
+  EXPECT_EQ(owned.use_count(), owners);
   HoldLog("");
   publication.get();
+  EXPECT_EQ(inbox.Drain(), 0u);
 }
 
 TEST_F(Bridge, QueuedCallToADestroyedServerIsAnsweredWithNone) {
