@@ -3,6 +3,7 @@
 #include <zorvix/mqtt.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>

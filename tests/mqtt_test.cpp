@@ -395,6 +395,7 @@ TEST_F(Mqtt, WhatIsImportedIsNotExported) {
   const Import back(line.near, kNear, Text);
   const Export far_out(line.far, kFar, Text);
   const Subscriber answer(kNear, [&](const std::string& text) {
+    AddLine("near: " + text);
     if (text == "ping") Publisher(kNear).Publish("pong");  // this is not what was imported
   });
   const State<std::string> state{"both"};
@@ -405,10 +406,13 @@ TEST_F(Mqtt, WhatIsImportedIsNotExported) {
   Publisher(kFar).Publish("ping");
   WaitForLog("got pong");
   Publisher(kFar).Publish("end");
+  WaitForLog("near: end");
   line.publisher.Publish("behind it");
   WaitForLog("got behind it");
 
-  EXPECT_EQ(Got(TakeLog()), (Lines{"ping", "pong", "end", "behind it"}));
+  const auto log = TakeLog();
+  EXPECT_EQ(Got(log), (Lines{"ping", "pong", "end", "behind it"}));
+  EXPECT_EQ(Count(log, "near: pong"), 1u);
 }
 
 TEST_F(Mqtt, TheDestructorSendsWhatIsPending) {
