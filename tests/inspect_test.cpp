@@ -3,6 +3,7 @@
 #include <zorvix/inspect.h>
 #include <zorvix/state.h>
 
+#include <filesystem>
 #include <future>
 #include <map>
 #include <sstream>
@@ -207,10 +208,12 @@ TEST_F(Bridge, InspectPrintsATable) {
             "           0           0\n");
 }
 
-// A module that is loaded apart from others, as an app loads its modules.
+// A module that is loaded apart from others, as an app loads its modules. It is in the program's
+// folder.
 struct Module {
-  explicit Module(const std::string& its_name)
-      : name(its_name), library(dlopen(name.c_str(), RTLD_LOCAL | RTLD_NOW)) {
+  explicit Module(const std::string& name)
+      : path(std::filesystem::read_symlink("/proc/self/exe").replace_filename(name)),
+        library(dlopen(path.c_str(), RTLD_LOCAL | RTLD_NOW)) {
     if (library == nullptr) throw std::runtime_error(dlerror());
   }
   template <typename Function>
@@ -221,9 +224,9 @@ struct Module {
   void Unsubscribe() const { Find<decltype(::Unsubscribe)>("Unsubscribe")(); }
   std::size_t CountHandles() const { return Find<decltype(::CountHandles)>("CountHandles")(); }
   bool Unload() const {  // and return whether the code is gone
-    return dlclose(library) == 0 && dlopen(name.c_str(), RTLD_NOLOAD | RTLD_NOW) == nullptr;
+    return dlclose(library) == 0 && dlopen(path.c_str(), RTLD_NOLOAD | RTLD_NOW) == nullptr;
   }
-  const std::string name;
+  const std::string path;
   void* const library;
 };
 
