@@ -469,8 +469,11 @@ TEST_F(Calls, EachCallIsAnsweredExactlyOnceWhileServersComeAndGo) {
   };
   const auto call_without_waiting = [&](int number) {
     with_inbox.Call(number, [&pending, number](Answer answer) { pending.End(number, answer); });
-    // Of a client that is destroyed before the next drain.
-    IntClient(kService, *client_inbox_).Call(number, [owned](Answer) { ADD_FAILURE(); });
+    {
+      const IntClient brief(kService, *client_inbox_);
+      for (int i = 0; i < 5; ++i) brief.Call(number, [owned](Answer) { ADD_FAILURE(); });
+    }
+    EXPECT_EQ(owned.use_count(), 1) << "all callables are destroyed with their client";
     client_inbox_->Drain();
   };
   std::atomic<int> callers{3};
@@ -489,7 +492,6 @@ TEST_F(Calls, EachCallIsAnsweredExactlyOnceWhileServersComeAndGo) {
   for (const auto* const counts : {&blocking, &limited, &pending}) {
     EXPECT_EQ(counts->answered, std::deque<int>(counts->answered.size(), 1));
   }
-  EXPECT_EQ(owned.use_count(), 1) << "all callables are destroyed";
 }
 
 TEST_F(Calls, DrainWithALimitInvokesOneCallableAtLeastAndLeavesTheRestInOrder) {

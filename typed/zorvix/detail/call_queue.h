@@ -107,23 +107,24 @@ class CallQueue final : public Queue {
   }
 
   // Called when the client is destroyed, and when its inbox is. The server may have the call for
-  // longer, without the callable.
+  // longer, without the callable. All calls are taken before the first unlock: another thread that
+  // settled one meanwhile would destroy its callable after the client.
   void Discard(Lock& lock) override {
     RemoveTurns();
-    while (first_answered_ != nullptr || in_progress_ != nullptr) {
-      std::shared_ptr<Call> call;
-      if (first_answered_ != nullptr) {
-        call = TakeAnswered();
-      } else {
-        call = in_progress_->shared_from_this();
-        EndProgress(*call);
-      }
-      lock.unlock();
-      call->DestroyCallable();
-      call.reset();
-      lock.lock();
+    auto discarded = std::move(first_answered_);
+    last_answered_ = nullptr;
+    answered_count_ = 0;
+    while (in_progress_ != nullptr) {
+      auto call = in_progress_->shared_from_this();
+      EndProgress(*call);
+      call->next_answered_ = std::move(discarded);
+      discarded = std::move(call);
     }
     Unlock(lock);
+    while (discarded != nullptr) {
+      discarded->DestroyCallable();
+      discarded = std::move(discarded->next_answered_);
+    }
   }
 
   void DestroyCallable() override {}  // each call has its own
