@@ -38,29 +38,31 @@ struct ClientState {
 
 }  // namespace detail
 
-// An answer is a std::optional<Response>. It is none if there is no server, or the server throws,
-// answers with another type, or is destroyed before it has answered.
+// An answer is a std::optional<Response>. It is none (std::nullopt) if there is no server, or the
+// server throws, answers with another type, or is destroyed before it has answered. A moved-from
+// client makes no calls.
 template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Client {
  public:
   [[nodiscard]] ZORVIX_HIDDEN explicit Client(const Service<Request, Response, kType>& service)
       : state_(std::make_shared<State>(service.name, kType)) {}
 
-  // Has the callables of calls invoked in drains of the inbox. When the client is destroyed, the
-  // callables that have not been invoked are destroyed.
+  // Invokes the callables of its calls in drains of the inbox. When the client is destroyed,
+  // callables that have not been invoked are destroyed. The destructor blocks while another thread
+  // is inside one of them. If the inbox is destroyed first, they are destroyed with it.
   [[nodiscard]] ZORVIX_HIDDEN Client(const Service<Request, Response, kType>& service, Inbox& inbox)
       : state_(std::make_shared<State>(service.name, inbox.state().mailbox)) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
   }
   ZORVIX_MOVE_ONLY(Client);
 
-  // Of a Sync service: blocks until the server has answered, on this thread or in a drain of its
-  // inbox, and returns the answer. Returns none, with an ERROR, if this thread is draining the
-  // server's inbox.
+  // Sync service: blocks until the server has answered, on this thread or in a drain of its inbox,
+  // and returns the answer. If this thread is draining the server's inbox, it logs an ERROR and
+  // returns none. Two threads that drain inboxes and call servers of each other's block forever.
   //
-  // Of an Async or SignleAsync service: returns a std::future of the answer. It becomes ready as
-  // long as the queue is drained: with none, too, if the queue drops the call. A task that waits
-  // for it needs another worker that is free.
+  // Async or SignleAsync service: returns a std::future of the answer. It becomes ready as long as
+  // the queue is drained. If the full queue drops the call, the answer is none. A task of the queue
+  // that waits for the future blocks forever unless another worker is free.
   ZORVIX_HIDDEN auto Call(Request request) const {
     std::any any(std::in_place_type<Request>, std::move(request));
     if constexpr (kType == bridge::BridgeType::Sync) {
@@ -73,8 +75,9 @@ class Client {
     }
   }
 
-  // Waits for the server's inbox at most that long; without limit, if it is negative. Returns none
-  // then, and a late answer is ignored. A server without an inbox is not interrupted.
+  // Does the same, but waits at most that long for a server with an inbox, and returns none then. A
+  // negative limit means without limit. A late answer is ignored. A server without an inbox is
+  // invoked on this thread and is not interrupted.
   ZORVIX_HIDDEN std::optional<Response> Call(Request request,
                                              std::chrono::milliseconds limit) const {
     static_assert(kType == bridge::BridgeType::Sync, "only a call of a Sync service has a limit");

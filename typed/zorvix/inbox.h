@@ -73,16 +73,16 @@ class Inbox {
     return state().mailbox->Drain([] { return true; });
   }
 
-  // Does the same, but begins no further invocation once that time is over, after one at least. The
-  // rest stays pending, in order.
+  // Does the same, but invokes no further callable once that time is over. It invokes at least one.
+  // The rest stays pending, in order.
   ZORVIX_HIDDEN std::size_t Drain(std::chrono::milliseconds limit) {
     const auto keeps_state = state_;
     const auto end = detail::Deadline(limit);
     return state().mailbox->Drain([end] { return detail::Clock::now() < end; });
   }
 
-  // Blocks until something is pending and no drain is in progress, or for that long; a negative
-  // limit means without limit. Returns whether that is so.
+  // Blocks until something is pending and no drain is in progress, and returns true. Returns false
+  // after that time; a negative limit means without limit. Do not call it in a drain of the inbox.
   ZORVIX_HIDDEN bool Wait(std::chrono::milliseconds limit) const {
     return state().mailbox->Wait(detail::Deadline(limit), false);
   }
@@ -92,7 +92,7 @@ class Inbox {
   // without it, no function makes a system call for it. Throws std::system_error.
   ZORVIX_HIDDEN int fd() const { return state().mailbox->fd(); }
 
-  // Has the task invoked in a drain, in its turn. Tasks are never dropped.
+  // Adds a task, which a drain invokes in its turn. Does not block. Tasks are never dropped.
   ZORVIX_HIDDEN void Post(std::function<void()> task) { state().tasks->Push(std::move(task)); }
 
  private:
@@ -119,7 +119,7 @@ class InboxThread {
   // Throws std::system_error if the thread cannot be started.
   [[nodiscard]] ZORVIX_HIDDEN explicit InboxThread(Inbox& inbox)
       : mailbox_(inbox.state().mailbox), thread_(detail::RunObject<InboxThread>{this}) {}
-  // As Stop without a limit.
+  // Does the same as Stop without a limit.
   ZORVIX_HIDDEN ~InboxThread() { Stop(std::chrono::milliseconds(-1)); }
   InboxThread(const InboxThread&) = delete;
   InboxThread& operator=(const InboxThread&) = delete;

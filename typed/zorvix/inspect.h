@@ -1,5 +1,5 @@
-// Tells what the handles of the process do: who is registered, what is pending and dropped, which
-// callables are slow. It covers all modules, also those loaded with RTLD_LOCAL.
+// Reports what the handles of the process do: which are registered, what is pending and dropped,
+// and which callables are slow. Covers all modules, also those loaded with RTLD_LOCAL.
 //
 //   std::cerr << zorvix::Inspect();
 //   const zorvix::SlowLog slow(std::chrono::milliseconds(16));
@@ -27,7 +27,7 @@ struct HandleInfo {
   std::string module;  // file name of the module that built it, such as "libhud.so"
   // Of a handle with an inbox or queued delivery, at the moment at which it was looked at:
   std::size_t pending = 0;  // messages, requests or answers
-  std::size_t depth = 0;    // how many are kept; 0 if nothing is
+  std::size_t depth = 0;    // that of KeepLast; 0 without a queue; the largest number for KeepAll
   std::size_t dropped = 0;  // since the handle was built
   // While a SlowLog lived:
   std::uint64_t invocations = 0;
@@ -61,7 +61,7 @@ ZORVIX_HIDDEN inline std::vector<HandleInfo> Inspect() {
   return handles;
 }
 
-// Prints a table for people: a line for each handle.
+// Prints a table with a line for each handle.
 ZORVIX_HIDDEN inline std::ostream& operator<<(std::ostream& out,
                                               const std::vector<HandleInfo>& handles) {
   constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();

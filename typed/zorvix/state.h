@@ -28,7 +28,8 @@ struct State {
   std::string name;
 };
 
-// Sets the value of a state. The newest holder of a state replaces the others, with a WARN.
+// Sets the value of a state. If there are several, watchers that are built later get the value of
+// the newest holder; the bridge logs a WARN when it is built.
 template <typename Value>
 class Holder {
  public:
@@ -48,7 +49,7 @@ class Holder {
   std::shared_ptr<void> state_;
 };
 
-// Has the latest value of a state.
+// Gives access to the latest value of a state.
 template <typename Value>
 class Watcher {
  public:
@@ -89,8 +90,8 @@ class Watcher {
     return std::static_pointer_cast<const Value>(queue().Latest());
   }
 
-  // Blocks until there is a value, or for that long; a negative limit means without limit. Returns
-  // the latest value, or null. The holder must not be built on the thread that waits.
+  // Blocks until there is a value, and returns the latest one. Returns null after that time; a
+  // negative limit means without limit. Another thread must set the value.
   ZORVIX_HIDDEN std::shared_ptr<const Value> WaitFor(std::chrono::milliseconds limit) const {
     if (watch_ == nullptr) return nullptr;
     return std::static_pointer_cast<const Value>(queue().WaitFor(detail::Deadline(limit)));

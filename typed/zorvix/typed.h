@@ -55,9 +55,9 @@ class Publisher {
   }
   ZORVIX_MOVE_ONLY(Publisher);
 
-  // Returns whether there was a subscriber; always true with Audience::Optional. A Sync topic
-  // blocks while subscribers with direct delivery are invoked. Of the subscribers of an Async or
-  // SignleAsync topic only the first gets the message.
+  // Returns whether there was a subscriber; with Audience::Optional always true. Blocks while the
+  // subscribers of a Sync topic with direct delivery are invoked. Only the first subscriber of an
+  // Async or SignleAsync topic gets the message; the others are not invoked.
   ZORVIX_HIDDEN bool Publish(Message message) const {
     const auto* const sender = static_cast<const detail::Sender*>(sender_.get());
     if (sender == nullptr) return false;
@@ -74,8 +74,9 @@ template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Subscriber {
  public:
   // Invokes callable(const Message&) for each message. A message of another type is logged instead.
-  // The depth applies to Delivery::Queued. A queued subscriber gets its messages in order and one
-  // at a time, with any number of workers. Both delivery and depth apply to Sync topics only.
+  // A subscriber with Delivery::Queued gets its messages in order and one at a time, with any
+  // number of workers; `keep` limits how many are pending. Delivery and depth have no effect on
+  // Async and SignleAsync topics, whose messages always come from the bridge's queue.
   template <typename Callable>
   [[nodiscard]] ZORVIX_INLINED Subscriber(const Topic<Message, kType>& topic, Callable callable,
                                           Delivery delivery = Delivery::Direct,
@@ -125,13 +126,15 @@ Subscriber(const Service<Request, Response, kType>&, const More&...) -> Subscrib
 // WARN. Server handles of one service may be destroyed in any order: destroying a handle that was
 // replaced does not remove its successor.
 //
-// Limitation: this is not guaranteed when a server without a handle (Zorvix::RegisterServer) is
-// involved: if it has replaced a handle that still has calls in progress, or if a participant
-// without a handle was the first to use the name, destroying the handle may remove that server.
+// Limitation: destroying a handle may remove a server that was registered without a handle
+// (Zorvix::RegisterServer), in two cases:
+// - that server has replaced the handle while calls of the handle were in progress;
+// - the first publisher, subscriber, client or server to use the name had no handle.
 template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Server {
  public:
-  // Answers each call with callable(const Request&): of a Sync service on the caller's thread.
+  // Answers each call with callable(const Request&): on the caller's thread if the service is Sync,
+  // otherwise where the bridge's queue is drained.
   template <typename Callable>
   [[nodiscard]] ZORVIX_INLINED Server(const Service<Request, Response, kType>& service,
                                       Callable callable)
