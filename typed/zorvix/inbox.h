@@ -88,8 +88,8 @@ class Inbox {
   }
 
   // Returns a descriptor for poll, epoll or ALooper_addFd. It is readable while something is
-  // pending and no drain is in progress. Do not read or close it. It is created by the first call;
-  // without it, no function makes a system call for it. Throws std::system_error.
+  // pending and no drain is in progress. Do not read or close it. The first call creates it. Throws
+  // std::system_error.
   ZORVIX_HIDDEN int fd() const { return state().mailbox->fd(); }
 
   // Adds a task, which a drain invokes in its turn. Does not block. Tasks are never dropped.

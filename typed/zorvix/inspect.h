@@ -91,9 +91,10 @@ ZORVIX_HIDDEN inline std::ostream& operator<<(std::ostream& out,
   return out;
 }
 
-// While it lives, each invocation of a callable that takes longer than the limit is logged as a
-// WARN, with kind, name, module and milliseconds, and the invocations of each handle are counted.
-// If several live, the smallest limit counts. Without one, no clock is read.
+// While an object exists, each invocation of a handle's callable or of a posted task that takes
+// longer than the limit is logged as a WARN, with kind, name, module and milliseconds, and the
+// invocations of each handle are counted; the counts are kept afterwards. If there are several
+// objects, the smallest limit applies. Without one, no clock is read. Any thread may build it.
 class SlowLog {
  public:
   [[nodiscard]] ZORVIX_HIDDEN explicit SlowLog(std::chrono::milliseconds limit)

@@ -5,9 +5,9 @@
 //   zorvix::Subscriber print(kSamples, [](const Sample& sample) { ... });
 //   zorvix::Publisher(kSamples).Publish({1, 0.5});
 //
-// Handles and endpoints without handles match by the same names. Any thread may use a handle. A
-// constructor that throws leaves nothing behind; a destructor that cannot allocate ends the
-// process.
+// Handles match endpoints that are registered through zorvix.h under the same name and type. Any
+// thread may use a handle. A constructor that throws has no effect; it throws what allocations
+// throw, and what its comment says. A destructor that cannot allocate ends the process.
 //
 // Lifetime: once the destructor of a Subscriber or Server has returned, its callable is not running
 // on any other thread and is not invoked again, not even for messages that were published or queued
@@ -18,7 +18,9 @@
 //
 // Callables: a callable with direct delivery may be entered by several threads at the same time,
 // and before the constructor of its handle has returned. It must return on the thread that invoked
-// it, which matters to fibers. A std::exception that it throws is logged and contained.
+// it, which matters to fibers. A std::exception that it throws is caught and logged. Any other
+// exception propagates to the code that published, called or drained, and ends the process on a
+// worker or an InboxThread.
 //
 // Moving: a handle may be moved, but not by two threads at the same time. A moved-from handle does
 // nothing.
