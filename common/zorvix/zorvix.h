@@ -1,17 +1,17 @@
 // Zorvix: an in-process message bridge between modules that do not know each other.
 //
-// A module describes an endpoint by a Control (name, module, type) and registers it. Endpoints
-// match when all three are equal. A topic delivers a publisher's message to every subscriber; a
-// service passes a client's request to its server. Sync endpoints are served directly on the
-// caller's thread. Async and SignleAsync endpoints are served from a bounded queue, which the host
-// drains (RunOneceStep, SpinOnce) or worker threads drain (Spin, StopSpin).
+// A module describes an endpoint by a Control (name, topic or service, delivery type) and registers
+// it. Endpoints match when all three are equal. A topic delivers a publisher's message to every
+// subscriber; a service passes a client's request to its server. Sync endpoints are served directly
+// on the caller's thread. Async and SignleAsync endpoints are served from a bounded queue, which
+// the host drains (RunOneceStep, SpinOnce) or worker threads drain (Spin, StopSpin).
 //
 // Threads: any thread and any callback may call every operation, unless its comment says otherwise.
 // Callbacks run without a lock of the bridge, and several threads may run one at the same time.
 //
 // Ownership: users own Controls, the bridge holds weak pointers. Callbacks are shared with the
 // bridge and with each delivery that is queued or in progress, so unregistering cancels none.
-// Unregister callbacks before their Control is destroyed, or the next one there inherits them.
+// Unregister callbacks before their Control is destroyed: a later one at its address gets them.
 //
 // Failures: the bridge logs them with the tag "[BRIDGE]" and throws nothing of its own. It catches
 // and logs a callback's std::exception. Any other exception reaches the thread that runs the
@@ -99,7 +99,7 @@ struct Control {
   BridgeType bridge_type = BridgeType::Sync;
 };
 
-// Returns what a real name adds to the name. Logs ERROR for a module or type out of range.
+// Returns the suffix of a real name, such as "/Topic/Sync". Logs ERROR for values out of range.
 inline __attribute__((visibility("hidden"))) std::string_view RealNameSuffix(
     const Control& control) {
   static constexpr std::string_view kSuffixes[3][4] = {
@@ -121,10 +121,9 @@ using RequestCallback = std::function<void(const std::function<void(const std::a
 using Task = std::function<void()>;
 
 // The bridge of the process. Operations log a null Control or callback and do nothing.
-// All participants of a name share one Control, and deliveries find their receivers by its address:
-// if an object is registered under the name of `control`, register operations replace `control` by
-// it. Keep this pointer and pass it to the matching unregister operation, which empties it. The
-// name is removed when its last participant unregisters.
+// All participants of a name share one Control. If the name has one already, a register operation
+// sets `control` to it; deliveries find their receivers by its address. Pass the same pointer to
+// the unregister operation, which sets it to null. The last one to unregister removes the name.
 class Zorvix {
  public:
   // Returns the only instance. The first call constructs it. At process exit, tasks that are still
@@ -144,14 +143,14 @@ class Zorvix {
   ZORVIX_EXPORT void RegisterPublisher(std::shared_ptr<const Control>& control);
   ZORVIX_EXPORT void UnregisterPublisher(std::shared_ptr<const Control>& control);
 
-  // Appends `callback` to a topic's subscribers, again if it is one. Logs as RegisterPublisher.
+  // Adds a subscriber. Registered twice, it is invoked twice. Logs as RegisterPublisher.
   ZORVIX_EXPORT void RegisterSubscriber(std::shared_ptr<const Control>& control,
                                         const SubscriberCallback& callback);
 
   // Removes every subscriber whose function object has the address `callback_handle`, that is
-  // (unsigned long)callback.get(), or all subscribers if it removes the name. Deliveries that are
-  // queued or in progress still invoke them. Logs INFO if it removes the name or the last
-  // subscriber or finds none, ERROR if the name was not registered.
+  // (unsigned long)callback.get(). If no participant is left, the name and all its subscribers are
+  // removed. Deliveries that are queued or in progress still invoke them. Logs INFO if it removes
+  // the name or the last subscriber or finds none, ERROR if the name was not registered.
   ZORVIX_EXPORT void UnregisterSubscriber(std::shared_ptr<const Control>& control,
                                           unsigned long callback_handle);
 
@@ -176,7 +175,7 @@ class Zorvix {
   ZORVIX_EXPORT void RegisterServer(std::shared_ptr<const Control>& control,
                                     const ServerCallback& callback);
 
-  // Removes the server of a service, whatever the number. Calls that are queued or in progress
+  // Removes the server of a service; the number is ignored. Calls that are queued or in progress
   // still reach it. Logs INFO what was removed, ERROR if the name was not registered.
   ZORVIX_EXPORT void UnregisterServer(std::shared_ptr<const Control>& control, unsigned long);
 
@@ -194,15 +193,16 @@ class Zorvix {
   ZORVIX_EXPORT void SpinOnce();
 
   // Starts `workers` threads that drain the queue, and blocks until StopSpin has ended them. Any
-  // number of threads may call this; the workers share one queue and one stop. Cancels an earlier
-  // stop for workers that have not seen it. Logs INFO at the end, and twice when a worker wakes.
-  // Throws if memory or threads run out, or ends the process if some workers have started by then.
+  // number of threads may call this; the workers share one queue, and a stop applies to all. Clears
+  // an earlier stop, also for workers that have not seen it. Logs INFO at the end, and twice when a
+  // worker wakes. Throws if memory or threads run out; ends the process if workers have started.
   ZORVIX_EXPORT void Spin(unsigned long workers);
 
-  // Ends each worker when it sees the queue empty. Blocks until all have ended, for 0.2 s of system
-  // time at most; in a task on a worker, always that long. Waits for a StopSpin in progress. Does
-  // not wait for workers that have not begun, and a later Spin cancels the stop: to end a Spin for
-  // certain, repeat this until it has returned. Logs INFO at each poll, and WARN at the timeout.
+  // Ends each worker when it sees the queue empty. Blocks until all have ended, for at most 0.2 s
+  // by the system's clock; in a task on a worker, always that long. Waits for a StopSpin in
+  // progress. Does not wait for workers that have not begun, and a later Spin clears the stop: to
+  // end a Spin for certain, repeat this until it has returned. Logs INFO at each poll, WARN at
+  // timeout.
   ZORVIX_EXPORT void StopSpin();
 
  private:

@@ -7,9 +7,9 @@
 //
 // A watcher that is built after Set has returned has that value or a later one when its constructor
 // returns. A watcher that is built before there is a holder has the values that are set later; the
-// bridge logs a WARN that there is no server. When the holder is destroyed, watchers keep the
-// latest value; later watchers have none until there is another holder, whose values count as
-// later. Setting an equal value again is a new value.
+// bridge logs the WARN "Call failed, no server". When the holder is destroyed, watchers keep the
+// latest value; watchers that are built afterwards have none until another holder sets one. Setting
+// an equal value again is a new value.
 //
 // Values are shared by all watchers, not copied, and are destroyed by code of the module that set
 // them: do not unload it while a watcher has one. Names of states do not match those of topics and
