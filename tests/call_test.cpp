@@ -177,32 +177,6 @@ TEST_F(Unanswered, CallableIsInvokedOnceWithNone) {
   }
 }
 
-TEST_F(Unanswered, BlockingCallReturnsNone) {
-  const auto throw_int = [](int number) -> int { throw number; };
-  const auto call_again = [this] {
-    EXPECT_EQ(IntClient(kService).Call(2, milliseconds(0)), std::nullopt);
-  };
-  const auto serve_one = [this] { server_.emplace(kService, Double, *server_inbox_, KeepLast{1}); };
-  const Row rows[] = {
-      {"destroyed", Serve(Double), [this] { server_.reset(); }, ""},
-      {"inbox destroyed", Serve(Double), [this] { server_inbox_.reset(); }, ""},
-      {"dropped", serve_one, call_again, ""},
-      {"throws", Serve(throw_int), [this] { EXPECT_THROW(server_inbox_->Drain(), int); }, ""},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    server_inbox_.emplace();
-    row.before_the_call();
-
-    auto answer = std::async(std::launch::async, [] { return IntClient(kService).Call(1); });
-    server_inbox_->Wait(kNoLimit);
-    row.after_the_call();
-
-    EXPECT_EQ(answer.get(), std::nullopt);
-    server_.reset();
-  }
-}
-
 // Each row is where a call may be when its client is destroyed.
 TEST_F(Calls, DestroyedClientDestroysItsCallablesWhereverTheirCallsAre) {
   const auto nothing = [] {};
@@ -263,29 +237,6 @@ TEST_F(Calls, DestroyedInboxOfAClientDestroysAnsweredCallables) {
   EXPECT_EQ(answers_, Answers());
 }
 
-TEST_F(Calls, DestructorOfAClientWaitsForItsCallable) {
-  const IntServer server(kService, Double);
-  std::optional client(IntClient(kService, *client_inbox_));
-  std::atomic<bool> is_running{true};
-  client->Call(1, [&](Answer) {
-    Log("running");
-    is_running = false;
-  });
-
-  HoldLog("running");
-  auto drain = std::async(std::launch::async, [&] { client_inbox_->Drain(); });
-  WaitForLog("running");
-  auto destroy = std::async(std::launch::async, [&] {
-    client.reset();
-    EXPECT_FALSE(is_running);
-  });
-  WaitForLog("a destructor waits for its callable to return, name: double");
-  HoldLog("");
-
-  destroy.get();
-  drain.get();
-}
-
 TEST_F(Calls, CallableMayDestroyItsClient) {
   const IntServer server(kService, Double);
   std::optional client(IntClient(kService, *client_inbox_));
@@ -323,21 +274,6 @@ TEST_F(Calls, CallWithACallableNeedsAClientWithAnInbox) {
   const IntClient client(kService);
 
   EXPECT_THROW(client.Call(1, Append()), std::logic_error);
-}
-
-TEST_F(Calls, BlockingCallsGetTheAnswerOfWhoeverDrains) {
-  std::thread::id server_thread;
-  const auto note_thread = [&](int number) {
-    server_thread = std::this_thread::get_id();
-    return Double(number);
-  };
-  const IntServer server(kService, note_thread, *server_inbox_);
-  const InboxThread thread(*server_inbox_);
-
-  EXPECT_EQ(IntClient(kService).Call(1), 2);
-  EXPECT_EQ(IntClient(kService).Call(2, hours(1)), 4);
-  EXPECT_EQ(IntClient(kService, *client_inbox_).Call(3), 6);
-  EXPECT_NE(server_thread, std::this_thread::get_id());
 }
 
 // Calls the service without a handle.

@@ -410,19 +410,6 @@ TEST_F(Bridge, InboxThreadProcessesWhatIsPendingAlsoWhatArrivesInItsLastDrain) {
   EXPECT_EQ(Count(TakeLog(), "callable failed! error: bad luck, name: mine"), 1u);
 }
 
-TEST_F(Bridge, InboxThreadDestroyedByItsCallableEndsTheProcess) {
-  const auto die = [] {
-    Inbox inbox;
-    std::optional<zorvix::InboxThread> thread(inbox);
-    HoldLog("E(inbox.h");
-    inbox.Post([&] { thread.reset(); });
-    WaitForLog("E(inbox.h");
-    std::_Exit(7);
-  };
-
-  EXPECT_EXIT(die(), testing::ExitedWithCode(7), "");
-}
-
 TEST_F(Bridge, TaskMayDestroyItsInboxAndThrow) {
   std::optional<Inbox> inbox(std::in_place);
   inbox->Post([&] {

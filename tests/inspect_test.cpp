@@ -190,24 +190,6 @@ TEST_F(Bridge, InspectSeesCompleteHandlesWhileOthersComeAndGo) {
   EXPECT_EQ(InspectLines(), Lines{"Holder state of zorvix_test"});
 }
 
-TEST_F(Bridge, InspectPrintsATable) {
-  Inbox inbox;
-  const Ints all(kTopic, ignore, inbox, KeepAll());
-  const Ints few(zorvix::Topic<int>{"a longer name"}, ignore, inbox, KeepLast{2});
-  zorvix::Publisher(kTopic).Publish(1);
-  std::ostringstream out;
-
-  out << zorvix::Inspect();
-
-  EXPECT_EQ(out.str(),
-            "name           kind        module            pending       depth     dropped "
-            "invocations longest, ms\n"
-            "a longer name  Subscriber  zorvix_test             0           2           0"
-            "           0           0\n"
-            "t              Subscriber  zorvix_test             1         all           0"
-            "           0           0\n");
-}
-
 // A module that is loaded apart from others, as an app loads its modules. It is in the program's
 // folder.
 struct Module {
@@ -288,25 +270,6 @@ TEST_F(Bridge, DroppedMessagesAreLoggedWithTheModuleWhoseHandleDropsThem) {
                   "module: libinspected_one.so, discarded: 2"),
             1u);
   EXPECT_EQ(Count(log, "I(message_queue.h"), 2u);
-}
-
-TEST_F(Bridge, SubscriberThatCatchesUpLogsWhatItHasDropped) {
-  Inbox inbox;
-  const Ints with_inbox(kTopic, ignore, inbox, KeepLast{2});
-  const Ints queued(kTopic, ignore, Delivery::Queued, KeepLast{2});
-  const Ints latest(kTopic, ignore, inbox, KeepLast{1});
-  for (int number = 0; number < 5; ++number) zorvix::Publisher(kTopic).Publish(number);
-  EXPECT_EQ(Count(TakeLog(), "W(message_queue.h"), 2u) << "at the first drop only";
-
-  inbox.Drain();
-  ZorvixSpinOnce();
-
-  const Lines log = TakeLog();
-  EXPECT_EQ(Count(log,
-                  ": a queue has dropped messages, kind: Subscriber, name: t, "
-                  "module: zorvix_test, dropped: 3"),
-            2u);
-  EXPECT_EQ(Count(log, "W(message_queue.h"), 2u);
 }
 
 // Has each kind of callable invoked once: directly, from an inbox and from the bridge's queue.
