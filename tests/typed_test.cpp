@@ -135,6 +135,28 @@ TEST_F(Bridge, CallableMayDestroyItsHandle) {
   DestroyInItsCallable(kQueuedTopic, Delivery::Direct, 0);
 }
 
+TEST_F(Bridge, CallableMayDestroyItsHandleWhileAnotherThreadIsInIt) {
+  std::optional<zorvix::Subscriber<int>> subscriber;
+  const auto hold_or_destroy = [&](int number) {
+    if (number == 1) {
+      Log("held");
+    } else {
+      subscriber.reset();
+    }
+  };
+  subscriber.emplace(kTopic, hold_or_destroy);
+  HoldLog("held");
+  auto held = std::async(std::launch::async, [] { zorvix::Publisher(kTopic).Publish(1); });
+  WaitForLog("held");
+
+  auto destroyed = std::async(std::launch::async, [] { zorvix::Publisher(kTopic).Publish(2); });
+
+  WaitForLog("a destructor waits for its callable to return, name: t");
+  HoldLog("");
+  held.get();
+  destroyed.get();  // hangs if nobody wakes the destructor
+}
+
 TEST_F(Bridge, MovedFromHandlesDoNothing) {
   int received = 0;
   zorvix::Publisher publisher(kTopic);
