@@ -61,6 +61,7 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
     });
 
     WaitForLog("a destructor waits for its callable to return, name: ");
+    EXPECT_FALSE(zorvix::Publisher(kTopic).Publish(2)) << "it has unregistered before";
     HoldLog("");
     end.get();
     invocation.get();
