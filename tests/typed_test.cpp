@@ -206,7 +206,9 @@ TEST_F(Bridge, MessageOfAnotherTypeIsLoggedInsteadOfDelivered) {
   zorvix::Publisher(zorvix::Topic<char>{"t"}).Publish('x');
 
   EXPECT_EQ(inbox.Drain(), 0u);
-  EXPECT_EQ(Count(TakeLog(), "the message is a char, the subscriber takes an int"), 2u);
+  EXPECT_EQ(Count(TakeLog(),
+                  "E: error: bad any_cast: the message is a char, the subscriber takes an int"),
+            2u);
 }
 
 TEST_F(Bridge, OnlyTheFirstSubscriberOfAQueuedTopicGetsAMessage) {
