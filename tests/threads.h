@@ -29,6 +29,7 @@ template <typename Function>
 void OnThreads(int count, const Function& function) {
   std::atomic<int> started{0};
   std::vector<std::future<void>> threads;
+  threads.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) {
     threads.push_back(std::async(std::launch::async, [&, i] {
       for (++started; started < count;) std::this_thread::yield();

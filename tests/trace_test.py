@@ -56,7 +56,7 @@ class TraceTest(unittest.TestCase):
         cls.threads = by_thread(cls.events)
 
     def test_threads_have_their_names(self):
-        self.assertEqual(set(self.threads), {'"main" \\', "first", "second", "running", "unnamed"})
+        self.assertEqual(set(self.threads), {'"main" \\', "first", "second", "unnamed"})
 
     def test_names_of_sections_arrive(self):
         main = [e["name"] for e in self.threads['"main" \\'] if e["ph"] == "B"]
@@ -70,7 +70,7 @@ class TraceTest(unittest.TestCase):
                 for event in events:
                     depth += {"B": 1, "E": -1, "C": 0}[event["ph"]]
                     self.assertGreaterEqual(depth, 0)
-                self.assertEqual(depth, 1 if name == "running" else 0)
+                self.assertEqual(depth, 1 if name == "unnamed" else 0)
 
     def test_no_section_of_two_threads_is_missing(self):
         for name in ("first", "second"):
@@ -90,7 +90,7 @@ class TraceTest(unittest.TestCase):
         for name, events in self.threads.items():
             times = [e["ts"] for e in events]
             self.assertEqual(times, sorted(times), name)
-        begin, end = [e["ts"] for e in self.threads["unnamed"]]
+        begin, end, _ = [e["ts"] for e in self.threads["unnamed"]]
         self.assertGreaterEqual(end - begin, 20_000)
         self.assertLess(end - begin, 20_000_000)
 
