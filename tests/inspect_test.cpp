@@ -52,7 +52,6 @@ namespace {
 using std::chrono::milliseconds;
 using zorvix::Delivery;
 using zorvix::Inbox;
-using zorvix::KeepAll;
 using zorvix::KeepLast;
 using zorvix::SlowLog;
 using Ints = zorvix::Subscriber<int>;
@@ -175,8 +174,8 @@ TEST_F(Bridge, InspectSeesCompleteHandlesWhileOthersComeAndGo) {
     }
   };
   const zorvix::Holder holder(kState);
-  std::vector<std::future<void>> threads;
-  for (int i = 0; i < 2; ++i) threads.push_back(std::async(std::launch::async, come_and_go));
+  std::future<void> threads[] = {std::async(std::launch::async, come_and_go),
+                                 std::async(std::launch::async, come_and_go)};
 
   std::size_t most = 0;
   for (int round = 0; round < 300 || most < 5; ++round) {
@@ -186,7 +185,7 @@ TEST_F(Bridge, InspectSeesCompleteHandlesWhileOthersComeAndGo) {
     EXPECT_EQ(Count(lines, " of zorvix_test"), lines.size());
   }
   is_done = true;
-  threads.clear();
+  for (auto& thread : threads) thread.get();
   EXPECT_EQ(InspectLines(), Lines{"Holder state of zorvix_test"});
 }
 

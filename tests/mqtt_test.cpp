@@ -211,7 +211,7 @@ TEST_F(Mqtt, LosesNothingWhenTheBrokerRestarts) {
       [](const auto& message) {
         return std::to_string(message.first) + " " + std::to_string(message.second);
       },
-      KeepLast{2 * kEach});
+      KeepLast{std::size_t{2} * kEach});
   const Import in(far, far_topic, [](const std::string& text) {
     return std::pair(std::stoi(text), std::stoi(text.substr(2)));
   });
@@ -232,7 +232,7 @@ TEST_F(Mqtt, LosesNothingWhenTheBrokerRestarts) {
   };
   auto other = std::async(std::launch::async, publish, 1);
   auto first = std::async(std::launch::async, publish, 0);
-  for (int restart = 0; restart < 2; ++restart) {
+  for (std::size_t restart = 0; restart < 2; ++restart) {
     WaitForLog("got 500", restart + 1);
     broker.Stop();
     broker.Start();
@@ -383,8 +383,8 @@ TEST_F(Mqtt, RefusesWhatCannotWork) {
   for (const std::string name : {"", "a/+/b", "a/#", "$SYS/a", "\xff", "a\nb"}) {
     SCOPED_TRACE(name);
     const Topic<std::string> topic{name};
-    EXPECT_THROW(Export(connection, topic, Text), std::invalid_argument);
-    EXPECT_THROW(Import(connection, topic, Text), std::invalid_argument);
+    EXPECT_THROW(const Export out(connection, topic, Text), std::invalid_argument);
+    EXPECT_THROW(const Import in(connection, topic, Text), std::invalid_argument);
   }
 }
 

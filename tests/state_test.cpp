@@ -150,7 +150,7 @@ TEST_F(Bridge, WatcherWhoseCallableThrowsInItsConstructorDoesNotBlock) {
   const Watcher watcher(kState, fail);
   EXPECT_EQ(Count(TakeLog(), "callable failed! error: bad luck, name: s"), 1u);
   contained = false;
-  EXPECT_THROW(Watcher(kState, fail), int);
+  EXPECT_THROW(const Watcher fails(kState, fail), int);
 }
 
 TEST_F(Bridge, MovedFromHolderAndWatcherDoNothing) {

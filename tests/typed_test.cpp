@@ -422,7 +422,7 @@ TEST_F(Bridge, WorkersThatCannotBeStartedThrow) {
   pthread_attr_setstacksize(&too_large, std::size_t{1} << 46);
   pthread_setattr_default_np(&too_large);
 
-  EXPECT_THROW(zorvix::Workers(1), std::system_error);
+  EXPECT_THROW(const zorvix::Workers workers(1), std::system_error);
 
   pthread_setattr_default_np(&usual);
 }

@@ -110,7 +110,7 @@ class Model {
   static constexpr const char* kService = "real_name: ";
 
   // The log prints a name up to its first zero byte, and the first 1023 characters of a message.
-  static std::string Printed(const std::string& name) { return name.c_str(); }
+  static std::string Printed(const std::string& name) { return name.substr(0, name.find('\0')); }
   static void LogLine(const std::string& line) { AddLine(line.substr(0, 3 + 1023)); }
   static bool LogIf(bool condition, const std::string& line) {
     if (condition) LogLine(line);

@@ -67,8 +67,9 @@ struct Options {
   // User name and password are refused without ca_file, unless the host is this machine or this is
   // true: then everybody between here and the broker can read them.
   bool send_password_unencrypted = false;
-  std::string prefix;                      // of all MQTT topics, such as "factory/"
-  std::size_t payload_limit = 256 * 1024;  // longer payloads are rejected before they are read
+  std::string prefix;  // of all MQTT topics, such as "factory/"
+  std::size_t payload_limit =
+      std::size_t{256} * 1024;  // longer payloads are rejected before they are read
   // How long the destructor may take to send what is pending; negative: without limit.
   std::chrono::milliseconds close_limit{1'000};
   // Between attempts to connect. Pauses begin with 100 ms and double up to it.
@@ -142,8 +143,9 @@ class Import {
     const auto publisher = std::make_shared<const detail::ImportedTopic<Message>>(topic.name);
     const auto handle = [=](const std::string& text) {
       std::optional<Message> message = read(text);
-      if (message) publisher->Publish(*std::move(message));
-      return message.has_value();
+      if (!message) return false;
+      publisher->Publish(*std::move(message));
+      return true;
     };
     importing_ = detail::StartImport(connection, topic.name, detail::Kind::kTopic, handle);
   }
@@ -163,8 +165,9 @@ class Import {
         return true;
       }
       std::optional<Value> value = read(text);
-      if (value) (*holder)->Set(*std::move(value));
-      return value.has_value();
+      if (!value) return false;
+      (*holder)->Set(*std::move(value));
+      return true;
     };
     importing_ = detail::StartImport(connection, state.name, detail::Kind::kState, handle);
   }
