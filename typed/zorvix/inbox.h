@@ -126,7 +126,7 @@ class InboxThread {
 
   // Processes what is pending for at most that long, then ends the thread; a negative limit means
   // without limit. Blocks until an invocation in progress has returned. Returns whether everything
-  // was processed: the rest stays in the inbox, for whoever drains it next. Called again, it does
+  // was processed: the rest stays in the inbox, for the next drain. Called again, it does
   // nothing and returns the same. Must not be called by two threads at the same time. Called on the
   // inbox's own thread, it logs an ERROR and ends the process.
   ZORVIX_HIDDEN bool Stop(std::chrono::milliseconds limit) {

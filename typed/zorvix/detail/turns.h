@@ -9,7 +9,7 @@ namespace detail ZORVIX_HIDDEN {
 
 class Queue;
 
-// A ring of turns. Whoever has reserved a slot can push without an allocation.
+// A ring of turns. A push into a slot that was reserved needs no allocation.
 class Turns {
  public:
   std::size_t size() const { return size_; }

@@ -27,7 +27,6 @@ inline std::string StateName(const std::string& name) { return name + "/zorvix.s
 class HeldVersion {
  public:
   explicit HeldVersion(const std::type_info& type) : type_(type) {}
-
   const std::type_info& type() const { return type_; }
 
   // Numbers the version and stores it. Returns the version before.
