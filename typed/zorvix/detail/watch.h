@@ -161,8 +161,7 @@ class WatchQueue : public Queue {
 
   const bool has_callable_;
   std::condition_variable changed_;
-  // Guarded by the mailbox's mutex:
-  Version latest_;
+  Version latest_;  // guarded by the mailbox's mutex, as is:
   bool is_pending_ = false;
 };
 
