@@ -316,7 +316,8 @@ class Walk {
     if (i < 3) a.server = {shares_[4 + i], &servers[i]};
     if (Below(16) > 0) {
       a.message = shares_[7];
-      a.request = [owned = shares_[7]](auto& serve) { Ask(serve); };
+      // Too large to be stored inside a std::function: then a move always leaves an empty one.
+      a.request = [owned = shares_[7], more = std::string()](auto& serve) { Ask(serve); };
     }
     std::string result = operation.name;
     try {
