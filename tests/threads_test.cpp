@@ -79,6 +79,7 @@ TEST_F(Bridge, QueueHolds100TasksForEachWorker) {
   for (const std::size_t count : {0u, 3u, 1u}) {
     TakeLog();
     const zorvix::Workers workers(count);
+    if (count == 0) WaitForLog("Spin exit.");  // or it would be logged meanwhile
     HoldLog("running");
     for (std::size_t i = 0; i < count; ++i) ZorvixPublish(topic, 1);
     WaitForLog("running", count);
