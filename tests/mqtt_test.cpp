@@ -461,10 +461,16 @@ TEST_F(Mqtt, TheDestructorDoesNotWaitForABrokerThatIsSilent) {
   options.host = "127.0.0.1";
   options.port = bound[0] * 256 + bound[1];
 
+  auto connection = std::make_unique<Connection>(options);
+  const int accepted = accept(silent, nullptr, nullptr);
+  char greeting;
+  ASSERT_EQ(recv(accepted, &greeting, 1, 0), 1);
+
   const auto start = std::chrono::steady_clock::now();
-  { const Connection connection(options); }
+  connection.reset();
 
   EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+  close(accepted);
   close(silent);
 }
 
