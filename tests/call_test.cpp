@@ -251,18 +251,24 @@ TEST_F(Calls, NoOtherThreadDestroysACallableAfterTheDestructorOfItsClient) {
   EXPECT_EQ(destroyed_on, std::vector(2, std::this_thread::get_id()));
 }
 
-TEST_F(Calls, DestroyedInboxOfAClientDestroysAnsweredCallables) {
-  const IntServer server(kService, Double);
-  const IntClient client(kService, *client_inbox_);
-  auto owned = std::make_shared<int>();
-  const std::weak_ptr<int> seen = owned;
-  client.Call(1, [owned = std::move(owned)](Answer) { ADD_FAILURE() << "invoked"; });
+TEST_F(Calls, CallablesAreDestroyedWithTheInboxOfTheirClientOrWithTheClient) {
+  const auto answered = std::make_shared<int>();
+  const auto late = std::make_shared<int>();
+  const IntServer server(kService, Double, *server_inbox_);
+  const IntClient other(kService, *client_inbox_);
+  std::optional client(IntClient(kService, *client_inbox_));
+  other.Call(1, [answered](Answer) { ADD_FAILURE() << "invoked"; });
+  server_inbox_->Drain();
+  client->Call(2, [late](Answer) { ADD_FAILURE() << "invoked"; });
 
   client_inbox_.reset();
+  EXPECT_EQ(answered.use_count(), 1);
 
-  EXPECT_TRUE(seen.expired());
-  client.Call(1, Append());
-  EXPECT_EQ(client.Call(1), 2) << "blocking calls need no inbox";
+  server_inbox_->Drain();
+  client->Call(3, Append());
+  EXPECT_EQ(late.use_count(), 2) << "another thread could destroy it after the client";
+  client.reset();
+  EXPECT_EQ(late.use_count(), 1);
   EXPECT_EQ(answers_, Answers());
 }
 

@@ -49,7 +49,8 @@ class Client {
 
   // Invokes the callables of its calls in drains of the inbox. When the client is destroyed,
   // callables that have not been invoked are destroyed. The destructor blocks while another thread
-  // is inside one of them. If the inbox is destroyed first, they are destroyed with it.
+  // is inside one of them. If the inbox is destroyed first, they are destroyed with it or with the
+  // client.
   [[nodiscard]] ZORVIX_HIDDEN Client(const Service<Request, Response, kType>& service, Inbox& inbox)
       : state_(std::make_shared<State>(service.name, inbox.state().mailbox)) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");

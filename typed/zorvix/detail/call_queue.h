@@ -55,17 +55,19 @@ class CallQueue final : public Queue {
     return ReplyOwner<Response>(call);
   }
 
-  // Ends a call in progress: its callable is invoked in a drain.
+  // Ends a call in progress: its callable is invoked in a drain. If the inbox is destroyed, the
+  // queue keeps the call until the client is destroyed, since this thread could still be destroying
+  // the callable when the destructor of the client returns.
   void Settle(std::shared_ptr<Call> call) {
     {
       Lock lock(mutex());
       if (!call->in_progress_) return;  // discarded
       EndProgress(*call);
-      if (IsClosed()) return;
-      ++answered_count_;
       auto& last = last_answered_ == nullptr ? first_answered_ : last_answered_->next_answered_;
       last_answered_ = call.get();
       last = std::move(call);
+      ++answered_count_;
+      if (IsClosed()) return;
       AddTurn();
       Unlock(lock);
     }
@@ -79,6 +81,11 @@ class CallQueue final : public Queue {
 
  private:
   using Lock = Queue::Lock;
+
+  struct DestroyedAtEnd {
+    ~DestroyedAtEnd() { call.DestroyCallable(); }
+    Call& call;
+  };
 
   void EndProgress(Call& call) {
     turns().Unreserve(1);
@@ -102,8 +109,9 @@ class CallQueue final : public Queue {
   void TakeAndInvoke(Lock& lock) override {
     const auto call = TakeAnswered();
     Unlock(lock);
+    // Also when the callable throws: the server's thread may still own the call.
+    const DestroyedAtEnd destroyed_at_end{*call};
     Invoke([&] { call->Invoke(); });
-    call->DestroyCallable();
   }
 
   // Called when the client is destroyed, and when its inbox is. The server may have the call for
