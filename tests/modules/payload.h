@@ -5,6 +5,9 @@
 #include <dlfcn.h>
 #include <zorvix/typed.h>
 
+#include <filesystem>
+#include <stdexcept>
+
 struct Reading {
   std::string unit;
   int value;
@@ -19,17 +22,38 @@ void ForEachPayload(Function use) {
   use("readings", std::vector<Reading>{{"a unit too long to be stored inside a string", 7}});
 }
 
-#define BIND(library, name) reinterpret_cast<decltype(&name)>(dlsym(library, #name))
+// A module that is loaded apart from others, as an app loads its modules, from the program's
+// folder.
+struct Module {
+  explicit Module(const std::string& name)
+      : path(
+            std::filesystem::read_symlink("/proc/self/exe").replace_filename("lib" + name + ".so")),
+        library(dlopen(path.c_str(), RTLD_LOCAL | RTLD_NOW)) {
+    if (library == nullptr) throw std::runtime_error(dlerror());
+  }
+  // Returns whether the code is no longer in memory.
+  bool Unload() const {
+    return dlclose(library) == 0 && dlopen(path.c_str(), RTLD_NOLOAD | RTLD_NOW) == nullptr;
+  }
+  const std::string path;
+  void* const library;
+};
 
-// Of the module that is not linked with the bridge, which `library` is: publishes each payload and
-// asks the service for it. Returns whether all answers are right.
-extern "C" ZORVIX_EXPORT bool Send(void* library);
+#define BIND(module, name) reinterpret_cast<decltype(&name)>(dlsym((module).library, #name))
+
+// Of the module that is not linked with the bridge: publishes each payload and asks the service for
+// it. Returns whether all answers are right.
+extern "C" ZORVIX_EXPORT bool Send(const Module& bridge);
 
 // Of the modules that are linked with it:
 extern "C" ZORVIX_EXPORT void Receive();        // subscribes, and serves what has come, once
 extern "C" ZORVIX_EXPORT void Hold(int value);  // sets a state
 extern "C" ZORVIX_EXPORT void Watch(int* newest);
-extern "C" ZORVIX_EXPORT int UseAll();  // returns how many callables were invoked
-extern "C" ZORVIX_EXPORT void Leave();
+// Subscribes to "never drained" with an inbox and a depth of 2, and, unless the duration is 0, to
+// "slow" with a callable that takes that long.
+extern "C" ZORVIX_EXPORT void Subscribe(int milliseconds);
+extern "C" ZORVIX_EXPORT std::size_t CountHandles();  // as Inspect returns them
+extern "C" ZORVIX_EXPORT int UseAll();                // returns how many callables were invoked
+extern "C" ZORVIX_EXPORT void Leave();                // destroys all handles
 
 #endif  // ZORVIX_TESTS_MODULES_PAYLOAD_H_
