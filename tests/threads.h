@@ -2,6 +2,8 @@
 #ifndef ZORVIX_TESTS_THREADS_H_
 #define ZORVIX_TESTS_THREADS_H_
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -37,6 +39,29 @@ void OnThreads(int count, const Function& function) {
     }));
   }
   for (auto& thread : threads) thread.get();
+}
+
+// Lets four threads call wait(0) to wait(3), calls `wake`, and expects that all return. Whether all
+// wait by then is a matter of luck, mostly good.
+template <typename Wait, typename Wake>
+void ExpectWakesAll(const Wait& wait, const Wake& wake) {
+  constexpr int kThreads = 4;
+  std::atomic<int> waiting{0};
+  std::atomic<int> woken{0};
+  auto threads = std::async(std::launch::async, [&] {
+    OnThreads(kThreads, [&](int thread) {
+      ++waiting;
+      wait(thread);
+      ++woken;
+    });
+  });
+  EXPECT_TRUE(ComesTrue([&] { return waiting == kThreads; }));
+  LetOthersRun();
+
+  wake();
+
+  EXPECT_TRUE(ComesTrue([&] { return woken == kThreads; }));
+  while (woken < kThreads) wake();  // each time another one
 }
 
 #endif  // ZORVIX_TESTS_THREADS_H_

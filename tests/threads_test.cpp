@@ -147,6 +147,17 @@ TEST_F(Bridge, StopGivesUpAfter200MillisecondsAndSpinWaitsForIt) {
   EXPECT_LE(std::stod(timeout[-2].substr(12)), 200);
 }
 
+TEST_F(Bridge, StopThatHasGivenUpStillEndsTheWorkers) {
+  auto& topic = Subscribed("t", BridgeType::Async, {Subscriber([](auto&) { ZorvixStopSpin(); })});
+  auto spin = std::async(std::launch::async, ZorvixSpin, 1);
+
+  ZorvixPublish(topic, 1);
+
+  WaitForLog("StopSpin timeout.");
+  EXPECT_EQ(spin.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  ZorvixStopSpin();
+}
+
 TEST_F(Bridge, WorkersMayBeDestroyedWhileOthersWorkAndDrainTheQueue) {
   auto& topic = Subscribed("t", BridgeType::Async, {log_running});
   const zorvix::Workers busy(1);
