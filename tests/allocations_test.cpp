@@ -25,32 +25,24 @@ void* operator new(std::size_t size) {
 
 namespace {
 
-TEST_F(Bridge, SyncDeliveryAllocatesNothing) {
+TEST_F(Bridge, SmallMessagesAndSyncCallsAllocateNothing) {
   const std::string name(60, 'n');
-  auto& topic = Subscribed(name, BridgeType::Sync, {Subscriber([](auto&) {})});
-  auto& service = Service(name, BridgeType::Sync, Server([](auto&, auto&) {}));
-  bridge::RequestCallback request = Request;
-  allocations = 0;
-
-  ZorvixPublish(topic, 1);
-  ZorvixCall(service, std::move(request));
-
-  EXPECT_EQ(allocations, 0u);
-}
-
-TEST_F(Bridge, SmallMessageIsDeliveredWithoutAnAllocation) {
+  const zorvix::Topic<int> topic{name};
+  const zorvix::Service<int, int> service{name};
+  const auto same = [](int number) { return number; };
   zorvix::Inbox inbox;
-  const zorvix::Topic<int> topic{std::string(60, 'n')};
-  const zorvix::Subscriber direct(topic, [](int) {});
-  const zorvix::Subscriber with_inbox(
-      topic, [](int) {}, inbox);
+  const zorvix::Subscriber direct(topic, same);
+  const zorvix::Subscriber with_inbox(topic, same, inbox);
+  const zorvix::Server server(service, same);
   const zorvix::Publisher publisher(topic);
+  const zorvix::Client client(service);
   publisher.Publish(1);
   inbox.Drain();
   allocations = 0;
 
   publisher.Publish(2);
   inbox.Drain();
+  client.Call(2);
 
   EXPECT_EQ(allocations, 0u);
 }
@@ -162,25 +154,6 @@ TEST_F(Bridge, SetThatThrowsSetsNothingAndAnyOtherReachesAllWatchers) {
                        EXPECT_EQ(drained, set);
                        EXPECT_EQ(*zorvix::Watcher(state).Newest(), set);
                      });
-}
-
-TEST_F(Bridge, WatcherIsBuiltWithTheValueOrNotAtAll) {
-  const zorvix::State<int> state{"s"};
-  zorvix::Inbox inbox;
-  int shown = 0;
-  zorvix::Holder holder(state);
-  holder.Set(1);
-  std::optional<zorvix::Watcher<int>> watcher;
-  const auto show = [&](int number) { shown = number; };
-  const std::function<void()> rows[] = {[&] { watcher.emplace(state, show); },
-                                        [&] { watcher.emplace(state, show, inbox); }};
-  for (const auto& build : rows) {
-    FailEachAllocation(build, [&](bool threw) {
-      inbox.Drain();
-      EXPECT_EQ(std::exchange(shown, 0), threw ? 0 : 1);
-      watcher.reset();
-    });
-  }
 }
 
 }  // namespace

@@ -38,19 +38,15 @@ Broker::Broker(const std::string& settings) : port_(FreePort()) {
   std::string folder = std::filesystem::temp_directory_path() / "broker-XXXXXX";
   Expect(mkdtemp(folder.data()) != nullptr, "no folder for the broker");
   folder_ = folder;
-  Configure(settings);
+  std::ofstream(folder_ + "/mosquitto.conf")
+      << "user root\nconnection_messages false\nmax_queued_messages 0\nlistener " << port_
+      << " 127.0.0.1\n"
+      << settings;
 }
 
 Broker::~Broker() {
   if (process_ != 0) Stop();
   std::filesystem::remove_all(folder_);
-}
-
-void Broker::Configure(const std::string& settings) {
-  std::ofstream(folder_ + "/mosquitto.conf")
-      << "user root\nconnection_messages false\nmax_queued_messages 0\nlistener " << port_
-      << " 127.0.0.1\n"
-      << settings;
 }
 
 void Broker::Start() {

@@ -13,7 +13,6 @@ class Broker {
   ~Broker();
   Broker(const Broker&) = delete;
 
-  void Configure(const std::string& settings);
   // Returns when it accepts connections.
   void Start();
   // Returns when it has ended and has written what it keeps.

@@ -2,15 +2,13 @@
 // it. Says whether tracing is on. Looks the functions up at run time, as the handles do.
 #include <dlfcn.h>
 #include <pthread.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <string_view>
-
-#include "threads.h"
+#include <thread>
 
 namespace {
 
@@ -31,15 +29,17 @@ const struct AtExit {
   ~AtExit() { Section("static destructor"); }
 } at_exit;
 
-void Work(int thread) {
+void Work(const char* name) {
   for (int i = 0; i < 500; ++i) {
     set_counter("work", i);
-    begin_section("outer");
-    Section("inner");
-    end_section();
+    Section("section");
     end_section();  // one too many
   }
-  pthread_setname_np(pthread_self(), thread == 0 ? "first" : "second");
+  pthread_setname_np(pthread_self(), name);
+  begin_section("20 ms");
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  end_section();
+  begin_section("when the process exits");
 }
 
 }  // namespace
@@ -49,23 +49,8 @@ int main(int count, char** arguments) {
   pthread_setname_np(pthread_self(), "\"main\" \\");
   for (int i = 2; i < count; ++i) Section(arguments[i]);
   for (const std::int64_t value : {INT64_MIN, INT64_MAX}) set_counter("\"count\"", value);
-  if (fork() == 0) {
-    Section("child");
-    std::exit(0);
-  }
-  wait(nullptr);
-
-  OnThreads(2, Work);
-  std::promise<void> running;
-  std::thread([&running] {
-    begin_section("20 ms");
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    end_section();
-    begin_section("when the process exits");
-    running.set_value();
-    for (;;) pause();
-  }).detach();
-  running.get_future().wait();
-
+  std::thread other(Work, "other");
+  Work("\"main\" \\");
+  other.join();
   if (arguments[1] == std::string_view("abort")) std::abort();
 }

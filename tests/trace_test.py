@@ -55,13 +55,13 @@ class TraceTest(unittest.TestCase):
         cls.events = json.loads(text)
         cls.threads = by_thread(cls.events)
 
-    def test_threads_have_their_names(self):
-        self.assertEqual(set(self.threads), {'"main" \\', "first", "second", "unnamed"})
+    def test_sections_of_each_thread_arrive(self):
+        sections = {name: [e["name"] for e in events if e["ph"] == "B"]
+                    for name, events in self.threads.items()}
 
-    def test_names_of_sections_arrive(self):
-        main = [e["name"] for e in self.threads['"main" \\'] if e["ph"] == "B"]
-
-        self.assertEqual(main, [*NAMES.values(), "static destructor"])
+        own = ["section"] * 500 + ["20 ms", "when the process exits"]
+        self.assertEqual(sections, {'"main" \\': [*NAMES.values(), *own, "static destructor"],
+                                    "other": own})
 
     def test_no_section_ends_that_did_not_begin(self):
         for name, events in self.threads.items():
@@ -70,12 +70,7 @@ class TraceTest(unittest.TestCase):
                 for event in events:
                     depth += {"B": 1, "E": -1, "C": 0}[event["ph"]]
                     self.assertGreaterEqual(depth, 0)
-                self.assertEqual(depth, 1 if name == "unnamed" else 0)
-
-    def test_no_section_of_two_threads_is_missing(self):
-        for name in ("first", "second"):
-            sections = [e["name"] for e in self.threads[name] if e["ph"] == "B"]
-            self.assertEqual(sections, ["outer", "inner"] * 500)
+                self.assertEqual(depth, 1)
 
     def test_counters_have_their_values(self):
         values = collections.defaultdict(list)
@@ -90,13 +85,9 @@ class TraceTest(unittest.TestCase):
         for name, events in self.threads.items():
             times = [e["ts"] for e in events]
             self.assertEqual(times, sorted(times), name)
-        begin, end, _ = [e["ts"] for e in self.threads["unnamed"]]
+        begin, end, _ = [e["ts"] for e in self.threads["other"][-3:]]
         self.assertGreaterEqual(end - begin, 20_000)
         self.assertLess(end - begin, 20_000_000)
-
-    def test_child_of_a_fork_is_not_traced(self):
-        self.assertEqual(len({e["pid"] for e in self.events}), 1)
-        self.assertNotIn("child", [e.get("name") for e in self.events])
 
     def test_tracing_is_on_only_with_a_file(self):
         self.assertEqual(self.said, "on\n")
@@ -106,7 +97,7 @@ class TraceTest(unittest.TestCase):
         _, text = run("abort")
 
         main = by_thread(json.loads(text + "]"))['"main" \\']
-        self.assertEqual([e["name"] for e in main if e["ph"] == "B"], [*NAMES.values()])
+        self.assertEqual([e["name"] for e in main if e["ph"] == "B"][:len(NAMES)], [*NAMES.values()])
 
 
 unittest.main(argv=sys.argv[:1])
