@@ -111,28 +111,6 @@ TEST_F(Bridge, HandleThatCannotBeBuiltLeavesNothingBehind) {
   }
 }
 
-// Containers grow at different numbers of pending messages.
-TEST_F(Bridge, MessageThatCannotBeStoredChangesNothingElse) {
-  const zorvix::Topic<std::string> topic{"t"};
-  const zorvix::Publisher publisher(topic);
-  for (std::size_t pending = 0; pending < 70; ++pending) {
-    zorvix::Inbox inbox;
-    const zorvix::Subscriber subscriber(
-        topic, [](auto&) {}, inbox, zorvix::KeepAll());
-    for (std::size_t i = 0; i < pending; ++i) publisher.Publish("before");
-    TakeLog();
-
-    std::size_t stored = pending;
-    FailEachAllocation([&] { publisher.Publish("message"); },
-                       [&](bool threw) {
-                         const bool logged = Count(TakeLog(), "E: ") > 0;
-                         if (!threw && !logged) ++stored;
-                       });
-
-    EXPECT_EQ(inbox.Drain(), stored);
-  }
-}
-
 TEST_F(Bridge, SetThatThrowsSetsNothingAndAnyOtherReachesAllWatchers) {
   const zorvix::State<int> state{std::string(1000, 's')};  // the bridge allocates for long names
   zorvix::Inbox inbox;

@@ -180,23 +180,6 @@ TEST_F(Bridge, MessagesAreDestroyedUnderNoLock) {
   inbox.reset();
 }
 
-TEST_F(Bridge, ManyQueuedSubscribersShareAtMost8TasksOfTheQueue) {
-  constexpr int kSubscribers = 150;
-  std::map<int, int> invocations;
-  std::list<zorvix::Subscriber<int>> subscribers;
-  for (int i = 0; i < kSubscribers; ++i) {
-    subscribers.emplace_back(
-        kTopic, [&, i](int) { ++invocations[i]; }, Delivery::Queued);
-  }
-
-  for (const int number : {1, 2, 3}) zorvix::Publisher(kTopic).Publish(number);
-  EXPECT_TRUE(ZorvixRunOneceStep());
-  EXPECT_EQ(Count(TakeLog(), "event queue size: 7"), 1u) << "besides the task that was taken";
-  ZorvixSpinOnce();
-
-  for (int i = 0; i < kSubscribers; ++i) EXPECT_EQ(invocations[i], 3) << i;
-}
-
 TEST_F(Bridge, EachWorkerMayInvokeAQueuedSubscriberWhileOthersAreBusy) {
   constexpr int kCount = 12;
   std::list<zorvix::Subscriber<int>> subscribers;
@@ -245,17 +228,14 @@ TEST_F(Bridge, QueuedTaskMayOutliveAllQueuedSubscribers) {
   EXPECT_EQ(invocations, 1);
 }
 
-TEST_F(Bridge, DepthOfNothingIsRefusedWithEachDelivery) {
+TEST_F(Bridge, DepthOfNothingIsRefused) {
   const KeepLast nothing{0};
-  const auto serve = [](int number) { return number; };
-  const zorvix::Service<int, int> service{"s"};
   Inbox inbox;
 
-  using Error = std::invalid_argument;
-  EXPECT_THROW(const zorvix::Subscriber refused(kTopic, ignore, Delivery::Direct, nothing), Error);
-  EXPECT_THROW(const zorvix::Subscriber refused(kTopic, ignore, Delivery::Queued, nothing), Error);
-  EXPECT_THROW(const zorvix::Subscriber refused(kTopic, ignore, inbox, nothing), Error);
-  EXPECT_THROW(const zorvix::Server refused(service, serve, inbox, nothing), Error);
+  EXPECT_THROW(const zorvix::Subscriber refused(kTopic, ignore, Delivery::Direct, nothing),
+               std::invalid_argument);
+  EXPECT_THROW(const zorvix::Subscriber refused(kTopic, ignore, inbox, nothing),
+               std::invalid_argument);
 }
 
 TEST_F(Bridge, PostedTasksAreNeverDropped) {

@@ -143,27 +143,13 @@ TEST_F(Bridge, InspectCountsWhatIsPendingAndDropped) {
   for (const auto& handle : zorvix::Inspect()) EXPECT_EQ(handle.pending, 0u) << handle.name;
 }
 
-TEST_F(Bridge, InspectMayBeCalledInsideCallables) {
-  Inbox inbox;
-  Lines seen;
-  const Ints subscriber(
-      kTopic, [&](int) { seen = InspectLines(); }, inbox);
-  for (const int number : {1, 2}) zorvix::Publisher(kTopic).Publish(number);
-
-  inbox.Drain(milliseconds(0));
-
-  EXPECT_EQ(seen, Lines{"t Subscriber zorvix_test 1 100 0 0 0"});
-}
-
 TEST_F(Bridge, InspectSeesCompleteHandlesWhileOthersComeAndGo) {
   std::atomic<bool> is_done{false};
   const auto come_and_go = [&] {
     Inbox inbox;
     while (!is_done) {
-      const Ints direct(kTopic, ignore);
-      const Ints with_inbox(kTopic, ignore, inbox, KeepLast{2});
+      const Ints subscriber(kTopic, ignore, inbox, KeepLast{2});
       const IntServer server(kService, answer, inbox);
-      const IntClient client(kService, inbox);
       for (int number = 0; number < 3; ++number) zorvix::Publisher(kTopic).Publish(number);
       inbox.Drain();
     }
@@ -188,8 +174,8 @@ TEST_F(Bridge, InspectCoversModulesThatAreLoadedApart) {
   const zorvix::Publisher publisher(kNeverDrained);
   const Module one("hidden");
   const Module two("visible");
-  BIND(one, Subscribe)(0);
-  BIND(two, Subscribe)(0);
+  BIND(one, Subscribe)();
+  BIND(two, Subscribe)();
   publisher.Publish(1);
   TakeLog();
 
@@ -211,7 +197,7 @@ TEST_F(Bridge, InspectCoversModulesThatAreLoadedApart) {
 
 TEST_F(Bridge, DroppedMessagesAreLoggedWithTheModuleWhoseHandleDropsThem) {
   const Module module("hidden");
-  BIND(module, Subscribe)(0);
+  BIND(module, Subscribe)();
 
   for (int number = 0; number < 4; ++number) zorvix::Publisher(kNeverDrained).Publish(number);
   BIND(module, Leave)();
@@ -294,17 +280,6 @@ TEST_F(Bridge, SmallestLimitCountsAndMeasuringStopsWithTheLastSlowLog) {
   high.reset();
   EXPECT_EQ(publish(), 0u);
   EXPECT_EQ(invocations(), 3u) << "not measured any more";
-}
-
-TEST_F(Bridge, SlowLogCoversModulesThatAreLoadedLater) {
-  const SlowLog slow(milliseconds(1));
-  const Module module("hidden");
-  BIND(module, Subscribe)(2);
-
-  zorvix::Publisher(zorvix::Topic<int>{"slow"}).Publish(1);
-
-  EXPECT_EQ(Count(TakeLog(), "kind: Subscriber, name: slow, module: libhidden.so"), 1u);
-  BIND(module, Leave)();
 }
 
 TEST_F(Bridge, MeasuredTaskMayDestroyItsInboxAndThrow) {

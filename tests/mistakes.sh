@@ -101,8 +101,6 @@ if ! compile_code '
   const Publisher publisher(kReadings, Audience::Optional);
   const Subscriber by_default(kReadings, take, {});
   const Subscriber queued(kReadings, make(), Delivery::Queued, KeepAll());
-  const Subscriber with_braces(kReadings, take, inbox, {1});
-  const Subscriber keeps_last(kReadings, make(), inbox, KeepLast{1});
   const Subscriber<Reading> with_type = {{"readings"}, take, inbox};
   const Subscriber member(kReadings, &Reading::left);
   const Subscriber getter(kReadings, &Reading::Half, inbox);
@@ -111,7 +109,6 @@ if ! compile_code '
   const Subscriber forwarding(kReadings, [](auto&&...) {}, inbox);
   const Subscriber converting(kShorts, [](int) {}, inbox);
   const Server server(kSum, make());
-  const Server server_in_drains(kSum, make(), inbox, KeepAll());
   const Server converted(kQueuedSum, [](const Reading&) { return short{1}; });
   const Watcher watcher(kLatest, make());
   const Watcher watcher_in_drains(kLatest, &Reading::Half, inbox);

@@ -63,16 +63,6 @@ TEST_F(Bridge, WatchersKeepTheValueOfAHolderUntilAnotherOneSetsALater) {
   EXPECT_EQ(seen, (Numbers{1, 1, 2, 3}));
 }
 
-TEST_F(Bridge, NewestHolderAnswersLateWatchers) {
-  zorvix::Holder first(kState);
-  first.Set({1});
-  zorvix::Holder second(kState);
-  second.Set({2});
-
-  EXPECT_EQ(Count(TakeLog(), "W: callback is motified"), 1u);
-  EXPECT_EQ(Watcher(kState).Newest()->number, 2);
-}
-
 TEST_F(Bridge, HolderWithoutWatchersLogsNothing) {
   zorvix::Holder holder(kState);
 
@@ -150,25 +140,6 @@ TEST_F(Bridge, WaitForWakesEveryThreadThatWaitsHoweverLong) {
   };
 
   ExpectWakesAll(wait, [&] { holder.Set({1}); });
-}
-
-TEST_F(Bridge, OlderValueThatIsLateIsNotShown) {
-  Numbers second;
-  Numbers late;
-  zorvix::Holder holder(kState);
-  const Watcher holds(kState, [](auto&) { Log("held"); });
-  const Watcher has_newer(kState, AppendTo(second));
-  HoldLog("held");
-  auto setting = std::async(std::launch::async, [&] { holder.Set({1}); });
-  WaitForLog("held");
-
-  const Watcher watcher(kState, AppendTo(late));
-  holder.Set({2});
-  HoldLog("");
-  setting.get();
-
-  EXPECT_EQ(second, Numbers{2});
-  EXPECT_EQ(late, (Numbers{1, 2})) << "it is set before early watchers are invoked";
 }
 
 TEST_F(Bridge, WatchersSeeTheValuesOfEachThreadInOrderAndTheLastInTheEnd) {

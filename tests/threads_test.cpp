@@ -115,19 +115,6 @@ TEST_F(Bridge, WorkersEndTheProcessByWhatIsNoStandardException) {
   EXPECT_DEATH(work(), "");
   EXPECT_THROW(ZorvixSpinOnce(), int);
 }
-TEST_F(Bridge, OneStopEndsTheWorkersOfAllSpinsAndTheNextLogsNothing) {
-  const zorvix::Workers first(1);
-  const zorvix::Workers second(2);
-  WaitForLog("Spin loop once lock.", 3);
-
-  ZorvixStopSpin();
-
-  WaitForLog("Spin exit.", 2);
-  EXPECT_FALSE(ZorvixIsSpin());
-  TakeLog();
-  ZorvixStopSpin();
-  EXPECT_EQ(TakeLog(), Lines{});
-}
 
 // The stop is called by a task, so it waits for its own thread.
 TEST_F(Bridge, StopGivesUpAfter200MillisecondsAndSpinWaitsForIt) {

@@ -90,16 +90,6 @@ TEST_F(Bridge, CallableIsDestroyedWithItsSubscriberThoughAPublicationIsInProgres
   EXPECT_EQ(inbox.Drain(), 0u);
 }
 
-TEST_F(Bridge, QueuedCallToADestroyedServerIsAnsweredWithNone) {
-  std::optional server(zorvix::Server(kQueuedService, Fail));
-  auto answer = zorvix::Client(kQueuedService).Call(1);
-
-  server.reset();
-  ZorvixSpinOnce();
-
-  EXPECT_EQ(answer.get(), std::nullopt);
-}
-
 // Invocations may be nested, with more messages queued.
 template <typename Topic>
 void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth) {
@@ -181,21 +171,6 @@ TEST_F(Bridge, MovedFromHandlesDoNothing) {
   EXPECT_TRUE(new_publisher.Publish(1));
   EXPECT_EQ(received, 1);
   EXPECT_EQ(new_client.Call(1), 2);
-}
-
-TEST_F(Bridge, AssignmentEndsTheRegistrationOfTheTarget) {
-  std::string received;
-  zorvix::Publisher publisher(kTopic);
-  zorvix::Subscriber target(kTopic, [&](int) { received += 'a'; });
-  zorvix::Subscriber source(kTopic, [&](int) { received += 'b'; });
-  zorvix::Server server(kService, Twice);
-
-  target = std::move(source);
-  server = zorvix::Server(kService, [](int number) { return 3 * number; });
-
-  publisher.Publish(1);
-  EXPECT_EQ(received, "b");
-  EXPECT_EQ(zorvix::Client(kService).Call(1), 3);
 }
 
 TEST_F(Bridge, MessageOfAnotherTypeIsLoggedInsteadOfDelivered) {

@@ -49,9 +49,7 @@ extern "C" ZORVIX_EXPORT bool Send(const Module& bridge);
 extern "C" ZORVIX_EXPORT void Receive();        // subscribes, and serves what has come, once
 extern "C" ZORVIX_EXPORT void Hold(int value);  // sets a state
 extern "C" ZORVIX_EXPORT void Watch(int* newest);
-// Subscribes to "never drained" with an inbox and a depth of 2, and, unless the duration is 0, to
-// "slow" with a callable that takes that long.
-extern "C" ZORVIX_EXPORT void Subscribe(int milliseconds);
+extern "C" ZORVIX_EXPORT void Subscribe();            // to "never drained", with a depth of 2
 extern "C" ZORVIX_EXPORT std::size_t CountHandles();  // as Inspect returns them
 extern "C" ZORVIX_EXPORT int UseAll();                // returns how many callables were invoked
 extern "C" ZORVIX_EXPORT void Leave();                // destroys all handles
