@@ -101,15 +101,21 @@ TEST_P(PendingMessages, AreTakenOrCountedAsDroppedOrDiscarded) {
   EXPECT_EQ(sum, kPublishers * kCount);
 }
 
-// ThreadSanitizer sees an invocation that the destructor does not wait for, since `finished` is not
-// atomic and the other flag orders nothing.
-TEST_P(Subscribers, AreNotInvokedOnceDestroyedWhileOthersPublish) {
+// Publishes until it is destroyed.
+struct Publishing {
+  ~Publishing() { stop = true; }
   std::atomic<bool> stop{false};
-  std::atomic<int> round{0};
-  auto publishing = std::async(std::launch::async, [&] {
+  const std::future<void> thread = std::async(std::launch::async, [this] {
     const zorvix::Publisher publisher(kTopic, zorvix::Audience::Optional);
     while (!stop) publisher.Publish(0);
   });
+};
+
+// ThreadSanitizer sees an invocation that the destructor does not wait for, since `finished` is not
+// atomic and the other flag orders nothing.
+TEST_P(Subscribers, AreNotInvokedOnceDestroyedWhileOthersPublish) {
+  std::atomic<int> round{0};
+  const Publishing publishing;
   StartThreads();
 
   for (; round < 100; ++round) {
@@ -127,23 +133,17 @@ TEST_P(Subscribers, AreNotInvokedOnceDestroyedWhileOthersPublish) {
     subscriber.reset();
     EXPECT_GT(finished, 0);
   }
-  stop = true;
 }
 
 TEST_F(Bridge, NothingIsLeftInAnInboxForSubscribersThatAreDestroyed) {
   Inbox inbox;
-  std::atomic<bool> stop{false};
-  auto publishing = std::async(std::launch::async, [&] {
-    const zorvix::Publisher publisher(kTopic, zorvix::Audience::Optional);
-    while (!stop) publisher.Publish(0);
-  });
+  std::optional<Publishing> publishing(std::in_place);
 
   for (int i = 0; i < 300; ++i) {
     const zorvix::Subscriber subscriber(kTopic, ignore, inbox);
     EXPECT_TRUE(inbox.Wait(std::chrono::seconds(30)));
   }
-  stop = true;
-  publishing.get();
+  publishing.reset();
 
   EXPECT_EQ(inbox.Drain(), 0u);
 }

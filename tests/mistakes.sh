@@ -2,14 +2,9 @@
 # mistakes.sh FOLDER COMPILER FLAG...: checks that the first error for a mistake with a handle says
 # what is wrong, and that correct uses compile without a warning. Compiles in FOLDER.
 #
-# Mistakes that only the compiler's own words tell:
-# - a copy of a handle, since a copy constructor that says more would make handles seem copyable;
-# - a Service or State of another type than its server's, client's or holder's;
-# - the name of an overloaded function as a callable, or of a member function without &;
-# - a handle without the type of its name: Subscriber("readings", callable);
-# - the inbox before the callable, and an inbox that is const or a temporary object;
-# - a generic callable that changes its message: the error is in the callable;
-# - Publisher(kReadings); as a statement, which declares a variable kReadings.
+# Not here, since only the compiler's own words tell them: a copy of a handle; a Service or State of
+# another type than its handle's; an overloaded function as a callable; the inbox before the
+# callable, or a temporary one; a generic callable that changes its message.
 set -euo pipefail
 folder=$1
 compile=("${@:2}" -std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)

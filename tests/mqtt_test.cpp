@@ -349,9 +349,6 @@ TEST_F(Mqtt, WhatIsImportedIsNotExported) {
     AddLine("near: " + text);
     if (text == "ping") Publisher(kNear).Publish("pong");  // this is not what was imported
   });
-  const State<std::string> state{"both"};
-  Holder<std::string> holder(state);
-  const Export state_out(line.near, state, Text);
   WaitForLog("MQTT subscribed", 2);
 
   Publisher(kFar).Publish("ping");

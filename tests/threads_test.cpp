@@ -106,16 +106,6 @@ TEST_F(Bridge, EmptyQueueIsPolledWithoutItsLock) {
   HoldLog("");
 }
 
-TEST_F(Bridge, WorkersEndTheProcessByWhatIsNoStandardException) {
-  ZorvixPublish(Subscribed("t", BridgeType::Async, {Subscriber([](auto&) { throw 1; })}), 1);
-  const auto work = [] {
-    const zorvix::Workers workers(1);
-    WaitForLog("event queue size");
-  };
-  EXPECT_DEATH(work(), "");
-  EXPECT_THROW(ZorvixSpinOnce(), int);
-}
-
 // The stop is called by a task, so it waits for its own thread.
 TEST_F(Bridge, StopGivesUpAfter200MillisecondsAndSpinWaitsForIt) {
   auto& topic = Subscribed("t", BridgeType::Async, {Subscriber([](auto&) { ZorvixStopSpin(); })});

@@ -2,7 +2,6 @@
 // it. Says whether tracing is on. Looks the functions up at run time, as the handles do.
 #include <dlfcn.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>

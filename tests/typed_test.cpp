@@ -71,23 +71,16 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
 
 TEST_F(Bridge, CallableIsDestroyedWithItsSubscriberThoughAPublicationIsInProgress) {
   Subscribed("t", BridgeType::Sync, {Subscriber([](auto&) { Log("first"); })});
-  zorvix::Inbox inbox;
   const auto owned = std::make_shared<int>();
-  const auto fail = [owned](int number) { Fail(number); };
-  const auto owners = owned.use_count();
-  std::optional direct(zorvix::Subscriber(kTopic, fail));
-  std::optional with_inbox(zorvix::Subscriber(kTopic, fail, inbox));
+  std::optional subscriber(zorvix::Subscriber(kTopic, [owned](int number) { Fail(number); }));
   HoldLog("first");
   auto publication = std::async(std::launch::async, [] { zorvix::Publisher(kTopic).Publish(1); });
   WaitForLog("first");
 
-  direct.reset();
-  with_inbox.reset();
+  subscriber.reset();
 
-  EXPECT_EQ(owned.use_count(), owners);
+  EXPECT_EQ(owned.use_count(), 1);
   HoldLog("");
-  publication.get();
-  EXPECT_EQ(inbox.Drain(), 0u);
 }
 
 // Invocations may be nested, with more messages queued.
