@@ -15,7 +15,8 @@
 // for any subscriber with an inbox (under the name zorvix/mqtt/NUMBER/NAME). Nothing else is lost
 // while the process lives and the broker keeps what it has acknowledged. What others publish while
 // a connection is interrupted arrives when it is back, within Options::session_expiry and what the
-// broker is willing to keep.
+// broker is willing to keep. A process that starts again with the same client_id also gets what the
+// broker has kept since; messages that arrive before their Import is constructed are dropped.
 //
 // States are retained messages, so a process that connects later has the latest value. On each
 // connect an export sends its state's current value again.
