@@ -213,17 +213,24 @@ TEST_F(Calls, CallThatCouldOnlyWaitForItsOwnThreadReturnsNone) {
   EXPECT_EQ(answers_.back(), 10) << "what does not wait is answered by the next drain";
 }
 
+// ThreadSanitizer sees a call that looks for its answer too late, since the flag orders nothing.
 TEST_F(Calls, CallReturnsNoneAtItsLimitAndIgnoresALateAnswer) {
-  const IntServer server(kService, Double, *server_inbox_);
+  std::atomic<bool> has_returned{false};
+  const auto answer_late = [&](int number) {
+    while (!has_returned.load(std::memory_order_relaxed)) std::this_thread::yield();
+    return Double(number);
+  };
+  const IntServer server(kService, answer_late, *server_inbox_);
   const IntClient client(kService, *client_inbox_);
+  std::optional<InboxThread> thread(*server_inbox_);
   const auto begin = std::chrono::steady_clock::now();
 
   EXPECT_EQ(client.Call(1, milliseconds(20)), std::nullopt);
+  has_returned.store(true, std::memory_order_relaxed);
 
   EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(20));
-  EXPECT_EQ(server_inbox_->Drain(), 1u);
   client.Call(2, Append());
-  server_inbox_->Drain();
+  thread.reset();
   EXPECT_EQ(DrainAnswers(), Answers{4});
   EXPECT_EQ(Count(TakeLog(), "E"), 0u);
 }

@@ -162,7 +162,10 @@ TEST_F(Bridge, WatchersSeeTheValuesOfEachThreadInOrderAndTheLastInTheEnd) {
 
   OnThreads(kSetters + 1, [&](int thread) {
     if (thread == kSetters) {
-      while (setting > 0) inbox.Drain();
+      while (setting > 0) {
+        inbox.Drain();
+        static_cast<void>(direct.Newest());  // while it changes
+      }
     } else {
       for (int i = 1; i <= kCount; ++i) holder.Set({i * kSetters + thread});
       --setting;
