@@ -1,5 +1,6 @@
 #include "zorvix/mqtt.h"
 
+#include <condition_variable>
 #include <set>
 
 #include "../worker.h"
@@ -71,6 +72,38 @@ std::string CheckedTopic(const detail::Core& core, const std::string& name) {
   return topic;
 }
 
+// The threads that nobody joins, since their connections were destroyed on them. The process exits
+// when they have ended: until then they use the bridge, which is destroyed then.
+class DetachedThreads {
+ public:
+  // The first call must follow the first use of the bridge, so that this is destroyed before it.
+  static DetachedThreads& Instance() {
+    static DetachedThreads instance;
+    return instance;
+  }
+  void AddThisThread() {
+    const std::lock_guard lock(mutex_);
+    threads_.insert(std::this_thread::get_id());
+  }
+  // Does nothing if it was not added.
+  void RemoveThisThread() {
+    const std::lock_guard lock(mutex_);
+    threads_.erase(std::this_thread::get_id());
+    removed_.notify_all();
+  }
+
+ private:
+  ~DetachedThreads() {
+    std::unique_lock lock(mutex_);
+    threads_.erase(std::this_thread::get_id());  // a callable may call std::exit
+    removed_.wait(lock, [this] { return threads_.empty(); });
+  }
+
+  std::mutex mutex_;
+  std::condition_variable removed_;
+  std::set<std::thread::id> threads_;
+};
+
 }  // namespace
 
 Connection::Connection(const Options& options) : core_(std::make_shared<detail::Core>()) {
@@ -81,12 +114,18 @@ Connection::Connection(const Options& options) : core_(std::make_shared<detail::
   close_limit_ = options.close_limit;
   auto worker = std::make_unique<Worker>(options, core_);
   core_->worker = worker.get();
-  thread_ = std::thread([worker = std::move(worker)] { worker->Run(); });
+  DetachedThreads::Instance();
+  thread_ = std::thread([worker = std::move(worker)]() mutable {
+    worker->Run();
+    worker.reset();
+    DetachedThreads::Instance().RemoveThisThread();
+  });
 }
 
 Connection::~Connection() {
   if (thread_.get_id() == std::this_thread::get_id()) {
     core_->worker->Stop(Clock::now());
+    DetachedThreads::Instance().AddThisThread();
     thread_.detach();
     return;
   }

@@ -90,7 +90,8 @@ class Connection {
   // other, and for certificates and keys that cannot be read.
   ZORVIX_EXPORT explicit Connection(const Options& options);
   // Sends what is pending, for Options::close_limit at most, and logs how many messages were not
-  // sent. In a callable that runs on the connection's own thread it sends nothing more.
+  // sent. In a callable that runs on the connection's own thread it sends nothing more, and the
+  // process exits only when that callable has returned.
   ZORVIX_EXPORT ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
