@@ -84,19 +84,20 @@ TEST_F(Bridge, ValueOfAnotherTypeIsLoggedForEarlyAndLateWatchers) {
   EXPECT_FALSE(early.Newest() || late.Newest());
 }
 
-TEST_F(Bridge, ValueThatAWatcherSetsBeforeItThrowsIsShown) {
+TEST_F(Bridge, ValueIsSetAndShownThoughAWatcherThrows) {
   Numbers seen;
   zorvix::Holder holder(kState);
   const Watcher watcher(kState, [&](const Value& value) {
     seen.push_back(value.number);
-    if (value.number == 2) return;
-    holder.Set({2});
-    throw 1;
+    if (value.number == 1) holder.Set({2});
+    if (value.number != 2) throw 1;
   });
 
   EXPECT_THROW(holder.Set({1}), int);
+  EXPECT_THROW(holder.Set({3}), int);
 
-  EXPECT_EQ(seen, (Numbers{1, 2}));
+  EXPECT_EQ(seen, (Numbers{1, 2, 3}));
+  EXPECT_EQ(Watcher(kState).Newest()->number, 3);
 }
 
 TEST_F(Bridge, WatcherWhoseCallableThrowsInItsConstructorDoesNotBlock) {

@@ -10,6 +10,7 @@ using zorvix::Delivery;
 
 const zorvix::Topic<int> kTopic{"t"};
 const zorvix::Topic<int, BridgeType::Async> kQueuedTopic{"t"};
+const zorvix::Topic<int> kEnd{"end"};
 const zorvix::Service<int, int> kService{"s"};
 const zorvix::Service<int, int, BridgeType::Async> kQueuedService{"s"};
 const zorvix::State<int> kState{"state"};
@@ -69,25 +70,35 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
   }
 }
 
-TEST_F(Bridge, CallableIsDestroyedWithItsSubscriberThoughAPublicationIsInProgress) {
-  Subscribed("t", BridgeType::Sync, {Subscriber([](auto&) { Log("first"); })});
+TEST_F(Bridge, CallableIsDestroyedWithItsHandleWhileOthersAreInvoked) {
+  Subscribed("t", BridgeType::Sync, {Subscriber([](auto&) { Log("held"); })});
+  zorvix::Inbox inbox;
   const auto owned = std::make_shared<int>();
-  std::optional subscriber(zorvix::Subscriber(kTopic, [owned](int number) { Fail(number); }));
-  HoldLog("first");
+  const auto fail = [owned](int number) { Fail(number); };
+  const auto owners = owned.use_count();
+  std::optional direct(zorvix::Subscriber(kTopic, fail));
+  std::optional with_inbox(zorvix::Subscriber(kTopic, fail, inbox));
+  HoldLog("held");
   auto publication = std::async(std::launch::async, [] { zorvix::Publisher(kTopic).Publish(1); });
-  WaitForLog("first");
+  inbox.Post([] { Log("held"); });
+  auto drain = std::async(std::launch::async, [&] { inbox.Drain(); });
+  WaitForLog("held", 2);
 
-  subscriber.reset();
+  direct.reset();
+  with_inbox.reset();
 
-  EXPECT_EQ(owned.use_count(), 1);
+  EXPECT_EQ(owned.use_count(), owners);
   HoldLog("");
 }
 
-// Invocations may be nested, with more messages queued.
+// The callable destroys it in that of another subscriber. Invocations may be nested, with more
+// messages queued.
 template <typename Topic>
 void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth) {
   const zorvix::Publisher publisher(topic);
+  const zorvix::Publisher end(kEnd);
   std::shared_ptr<void> handle;
+  const zorvix::Subscriber destroy(kEnd, [&](int) { handle.reset(); });
   int invocations = 0;
   long owners = 0;
   auto owned = std::make_shared<int>();
@@ -97,7 +108,7 @@ void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth) {
     if (more > 0) {
       publisher.Publish(more - 1);
     } else {
-      handle.reset();
+      end.Publish(0);
     }
     EXPECT_EQ(observer.use_count(), owners) << "the callable lives as long as its invocations";
   };
