@@ -131,25 +131,31 @@ TEST_F(Bridge, CallableMayDestroyItsHandle) {
   DestroyInItsCallable(kQueuedTopic, Delivery::Queued, 0);
 }
 
-TEST_F(Bridge, CallableMayDestroyItsHandleWhileAnotherThreadIsInIt) {
+// One thread is in the callable, and another comes while the destructor waits.
+TEST_F(Bridge, CallableMayDestroyItsHandleWhileOtherThreadsUseIt) {
+  Subscribed("t", BridgeType::Sync, {Subscriber([](const std::any& message) {
+               if (std::any_cast<int>(message) == 2) Log("held before it");
+             })});
   std::optional<zorvix::Subscriber<int>> subscriber;
-  const auto hold_or_destroy = [&](int number) {
-    if (number == 1) {
-      Log("held");
-    } else {
-      subscriber.reset();
-    }
+  subscriber.emplace(kTopic, [&](int number) {
+    EXPECT_NE(number, 2);
+    if (number == 1) Log("held in it");
+    if (number == 3) subscriber.reset();
+  });
+  const auto publish = [](int number) {
+    return std::async(std::launch::async, [=] { zorvix::Publisher(kTopic).Publish(number); });
   };
-  subscriber.emplace(kTopic, hold_or_destroy);
   HoldLog("held");
-  auto held = std::async(std::launch::async, [] { zorvix::Publisher(kTopic).Publish(1); });
-  WaitForLog("held");
+  auto held = publish(1);
+  auto refused = publish(2);
+  WaitForLog("held", 2);
 
-  auto destroyed = std::async(std::launch::async, [] { zorvix::Publisher(kTopic).Publish(2); });
+  auto destroyed = publish(3);
 
   WaitForLog("a destructor waits for its callable to return, name: t");
+  HoldLog("held in it");
+  refused.get();
   HoldLog("");
-  held.get();
   destroyed.get();  // hangs if nobody wakes the destructor
 }
 
@@ -247,17 +253,6 @@ TEST_F(Bridge, CallIsAnsweredWithNoneWithoutAServerThatAnswers) {
   Service("s", BridgeType::Sync, other_type);
   Service("s", BridgeType::Async, other_type);
   EXPECT_EQ(Ask(3), std::nullopt);
-}
-
-TEST_F(Bridge, CallThatTheQueueDropsIsAnsweredWithNone) {
-  const zorvix::Server server(kQueuedService, Twice);
-  const zorvix::Client client(kQueuedService);
-
-  auto dropped = client.Call(1);
-  for (int i = 0; i < 100; ++i) client.Call(1);
-
-  EXPECT_EQ(dropped.get(), std::nullopt);
-  ZorvixSpinOnce();
 }
 
 using QueuedServer = zorvix::Server<int, int, BridgeType::Async>;
