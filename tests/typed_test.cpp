@@ -51,6 +51,7 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
       zorvix::Publisher(kTopic).Publish(1);
       zorvix::Client(kService).Call(1);
       holder.Set(1);
+      inbox.Post([] { Log("next"); });
       ZorvixSpinOnce();
       inbox.Drain();
     });
@@ -63,8 +64,9 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
 
     WaitForLog("a destructor waits for its callable to return, name: ");
     EXPECT_FALSE(zorvix::Publisher(kTopic).Publish(2)) << "it has unregistered before";
+    HoldLog("next");
+    end.get();  // not later than its own callable
     HoldLog("");
-    end.get();
     invocation.get();
     TakeLog();
   }
@@ -91,8 +93,7 @@ TEST_F(Bridge, CallableIsDestroyedWithItsHandleWhileOthersAreInvoked) {
   HoldLog("");
 }
 
-// The callable destroys it in that of another subscriber. Invocations may be nested, with more
-// messages queued.
+// It is destroyed inside another callable. Invocations may be nested, with more messages queued.
 template <typename Topic>
 void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth) {
   const zorvix::Publisher publisher(topic);
