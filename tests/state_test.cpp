@@ -84,12 +84,14 @@ TEST_F(Bridge, ValueOfAnotherTypeIsLoggedForEarlyAndLateWatchers) {
   EXPECT_FALSE(early.Newest() || late.Newest());
 }
 
-TEST_F(Bridge, ValueIsSetAndShownThoughAWatcherThrows) {
+TEST_F(Bridge, ValueIsSetAndShownThoughAWatcherThrowsAndDestroysItself) {
   Numbers seen;
   zorvix::Holder holder(kState);
-  const Watcher watcher(kState, [&](const Value& value) {
+  std::optional<Watcher> watcher;
+  watcher.emplace(kState, [&](const Value& value) {
     seen.push_back(value.number);
     if (value.number == 1) holder.Set({2});
+    if (value.number == 3) watcher.reset();
     if (value.number != 2) throw 1;
   });
 

@@ -15,7 +15,6 @@ const zorvix::Service<int, int> kService{"s"};
 const zorvix::Service<int, int, BridgeType::Async> kQueuedService{"s"};
 const zorvix::State<int> kState{"state"};
 
-const auto ignore = [](auto&) {};
 int Twice(int number) { return 2 * number; }
 int Fail(int number) {
   ADD_FAILURE() << "invoked with " << number;
@@ -215,7 +214,7 @@ TEST_F(Bridge, UsedUpSubscriberOfAOneShotTopicRemovesNoLaterOne) {
   const zorvix::Topic<int, BridgeType::SignleAsync> topic{"t"};
   const zorvix::Publisher publisher(topic);
   int received = 0;
-  std::optional used_up(zorvix::Subscriber(topic, ignore));
+  std::optional used_up(zorvix::Subscriber(topic, [](int) {}));
   publisher.Publish(1);
   ZorvixSpinOnce();
   const zorvix::Subscriber later(topic, [&](int) { ++received; });
