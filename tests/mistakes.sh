@@ -67,7 +67,7 @@ mistake "a member function needs an object: pass a lambda that calls it" \
   'Subscriber s(kReadings, &Screen::Show);'
 
 mistake "a subscriber needs a Topic of its own type" 'Subscriber<int> s(kReadings, [](int) {});'
-mistake "a subscriber needs a Topic of its own type" 'Subscriber s(kSum, [](const Reading&) {});'
+mistake "a response must be a value, to be copied and moved" 'Service<int, int&> s{"s"};'
 mistake "a publisher needs a Topic of its own type" 'Publisher<int> p(kReadings);'
 mistake "a watcher needs a State of its own type" 'Watcher<int> w(kLatest, [](int) {}, inbox);'
 

@@ -124,7 +124,6 @@ void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth) {
 }
 
 TEST_F(Bridge, CallableMayDestroyItsHandle) {
-  DestroyInItsCallable(kTopic, Delivery::Direct, 0);
   DestroyInItsCallable(kTopic, Delivery::Direct, 2);
   DestroyInItsCallable(kTopic, Delivery::Queued, 0);
   // The delivery has no effect on a topic that is always queued.
@@ -319,9 +318,9 @@ TEST_F(Bridge, ServerSharesItsNameWithParticipantsWithoutHandles) {
 }
 
 TEST_F(Bridge, PublisherWithOptionalAudienceLogsNothing) {
-  const zorvix::Publisher publisher(kTopic, zorvix::Audience::Optional);
+  const zorvix::Publisher publisher(zorvix::Topic<std::any>{"t"}, zorvix::Audience::Optional);
 
-  EXPECT_TRUE(publisher.Publish(1));
+  EXPECT_TRUE(publisher.Publish({})) << "an empty std::any is a message like any other";
 
   EXPECT_EQ(TakeLog(), Lines{});
 }
