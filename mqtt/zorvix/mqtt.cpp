@@ -72,8 +72,8 @@ std::string CheckedTopic(const detail::Core& core, const std::string& name) {
   return topic;
 }
 
-// The threads that nobody joins, since their connections were destroyed on them. The process exits
-// when they have ended: until then they use the bridge, which is destroyed then.
+// The threads that nobody joins, since their connections were destroyed on them. At exit, the
+// destructor waits until they have ended: they use the bridge, which is destroyed next.
 class DetachedThreads {
  public:
   // The first call must follow the first use of the bridge, so that this is destroyed before it.

@@ -108,8 +108,8 @@ class Connection {
 class Export {
  public:
   // Sends write(const Message&), a std::string, for each message that is published. It is called on
-  // the publisher's thread, by several threads at once where several publish. A message for which
-  // it throws a std::exception is not sent; that is counted and logged without its text.
+  // the publisher's thread, so several threads may call it at the same time. A message for which it
+  // throws a std::exception is not sent; that is counted and logged without its text.
   template <typename Message>
   [[nodiscard]] ZORVIX_INLINED Export(
       Connection& connection, const Topic<Message>& topic,
