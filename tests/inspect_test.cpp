@@ -4,7 +4,6 @@
 
 #include <future>
 #include <map>
-#include <regex>
 #include <sstream>
 
 #include "bridge_test.h"
@@ -61,7 +60,9 @@ Lines InspectLines() {
   Lines lines;
   for (std::string line; std::getline(table, line);) {
     EXPECT_EQ(line.size(), heading.size()) << line;
-    lines.push_back(std::regex_replace(line, std::regex(" +"), " "));
+    const auto are_spaces = [](char one, char other) { return one == ' ' && other == ' '; };
+    line.erase(std::unique(line.begin(), line.end(), are_spaces), line.end());
+    lines.push_back(line);
   }
   return lines;
 }

@@ -231,9 +231,7 @@ TEST_F(Mqtt, KeepsTheLastMessagesWhileTheBrokerIsAway) {
   broker.Start();
   WaitForLog("got 9");
 
-  const auto log = TakeLog();
-  EXPECT_EQ(Got(log), (Lines{"7", "8", "9"}));
-  EXPECT_EQ(Count(log, "dropped: 7"), 1u);
+  EXPECT_EQ(Got(TakeLog()), (Lines{"7", "8", "9"}));
   EXPECT_EQ(away.pending, 3u);
   EXPECT_EQ(away.dropped, 7u);
 }
