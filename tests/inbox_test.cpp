@@ -33,6 +33,7 @@ class Subscribers : public Bridge, public testing::WithParamInterface<Way> {
   void StopThreads() {
     thread_.reset();
     workers_.reset();
+    ZorvixSpinOnce();  // workers that are stopped before they have begun run no task
   }
 
   Inbox inbox_;
