@@ -83,7 +83,7 @@ namespace detail {
 struct Core {
   // Runs task(worker) on the connection's thread, unless that has ended.
   void Post(std::function<void(Worker&)> task);
-  // Likewise, after all that exports have pushed so far.
+  // Does the same, after all that exports have pushed so far.
   void PostBehindMessages(std::function<void(Worker&)> task);
   void Close();  // by the worker, at its end
 

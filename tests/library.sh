@@ -18,7 +18,7 @@ expect exports "$("$nm" -D --defined-only --demangle "$library" |
 # Wherever in a name: lambdas and the standard library's code for types of the headers count, too.
 expect "symbols of the headers in a module" \
   "$("$nm" -D --defined-only "$module" | grep -E ' _Z.*6(bridge|zorvix)')" ""
-# If the module is the first to load the standard library, that would bind to them, and keep it loaded.
+# The standard library would bind to them and keep the module loaded, if that loads it first.
 expect "symbols of the standard library in a module that dlclose must unload" \
   "$("$nm" -D --defined-only "$module" | grep -E ' _Z(T[A-Z]|GV|Z)*N?K?S[abdiost]')" ""
 expect SONAME "$(dynamic SONAME)" libcom.quenmar.zorvix.so

@@ -1,5 +1,5 @@
-// What states promise: everybody has the latest value, whoever is built first, and nothing older
-// after it.
+// What states promise: every watcher has the latest value, whether it is built before or after the
+// holder, and nothing older after it.
 #include <zorvix/state.h>
 
 #include "bridge_test.h"

@@ -97,7 +97,8 @@ class TraceTest(unittest.TestCase):
         _, text = run("abort")
 
         main = by_thread(json.loads(text + "]"))['"main" \\']
-        self.assertEqual([e["name"] for e in main if e["ph"] == "B"][:len(NAMES)], [*NAMES.values()])
+        sections = [e["name"] for e in main if e["ph"] == "B"]
+        self.assertEqual(sections[:len(NAMES)], [*NAMES.values()])
 
 
 unittest.main(argv=sys.argv[:1])

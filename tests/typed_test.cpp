@@ -92,7 +92,8 @@ TEST_F(Bridge, CallableIsDestroyedWithItsHandleWhileOthersAreInvoked) {
   HoldLog("");
 }
 
-// It is destroyed inside another callable. Invocations may be nested, with more messages queued.
+// The handle is destroyed in another callable. Invocations may be nested, with more messages
+// queued.
 template <typename Topic>
 void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth) {
   const zorvix::Publisher publisher(topic);

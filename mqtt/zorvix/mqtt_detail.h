@@ -128,7 +128,7 @@ class Sender {
   const std::shared_ptr<Parts> parts_;
 };
 
-// Likewise of an import.
+// The same for an import.
 class Receiver {
  public:
   ZORVIX_EXPORT Receiver(Connection& connection, const std::string& name, Kind kind,
