@@ -2,7 +2,12 @@
 // loop.
 #include <zorvix/typed.h>
 
+#include <chrono>
 #include <cstdio>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
 
 // What modules would share. The request is a destination, the answer a distance in kilometres.
 const zorvix::Service<std::string, int> kDistance{"distance"};

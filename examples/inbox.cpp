@@ -3,7 +3,9 @@
 #include <unistd.h>
 #include <zorvix/typed.h>
 
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 // What modules would share.
 const zorvix::Topic<int> kSamples{"samples"};

@@ -1,7 +1,11 @@
 // Inspect and SlowLog: which handles there are, what is pending and dropped, and what is slow.
 #include <zorvix/inspect.h>
+#include <zorvix/typed.h>
 
+#include <chrono>
 #include <iostream>
+#include <string>
+#include <thread>
 
 using std::chrono::milliseconds;
 

@@ -1,8 +1,11 @@
-// A state: each watcher has the latest value, whether it was built before or after the value was
-// set.
-#include <zorvix/state.h>
+// A state: each watcher has the latest value, whether it was constructed before or after the value
+// was set.
+#include <zorvix/typed.h>
 
+#include <chrono>
 #include <cstdio>
+#include <string>
+#include <thread>
 
 // What modules would share.
 struct Settings {
@@ -34,7 +37,7 @@ int main() {
   settings.Set({"dark", 2});
   early.join();
 
-  // Built late: its callable is invoked with the latest value before the constructor returns.
+  // Constructed late: its callable is invoked with the latest value before the constructor returns.
   const zorvix::Watcher late(kSettings, print("late"));
   // With an inbox: its callable is invoked in drains, with the latest value only.
   zorvix::Inbox frame;

@@ -1,7 +1,10 @@
-// Topics and services with typed handles, which unregister in their destructors.
+// Handles for topics and services: direct, and queued, which workers invoke. Handles unregister in
+// their destructors.
 #include <zorvix/typed.h>
 
+#include <atomic>
 #include <cstdio>
+#include <optional>
 
 // What modules would share: names and types.
 struct Sample {
@@ -9,7 +12,7 @@ struct Sample {
   double value;
 };
 const zorvix::Topic<Sample> kSamples{"samples"};
-const zorvix::Service<int, double, bridge::BridgeType::Async> kSquare{"square"};
+const zorvix::Service<int, double> kSquare{"square"};
 
 int main() {
   std::atomic<int> shown{0};
@@ -19,20 +22,23 @@ int main() {
       ++shown;
     };
   };
-  std::optional<double> square;
+  const auto compute = [](int side) { return 1.0 * side * side; };
+  std::optional<double> of_seven;
+  std::optional<double> of_eight;
   {
     const zorvix::Subscriber direct(kSamples, show("directly"));
     const zorvix::Subscriber queued(kSamples, show("on a worker"), zorvix::Delivery::Queued);
-    const zorvix::Server squares(kSquare, [](int side) { return 1.0 * side * side; });
-    const zorvix::Workers workers(1);  // destroyed first, when the queue is empty
+    const zorvix::Server squares(kSquare, compute, zorvix::Delivery::Queued);
+    const zorvix::Client client(kSquare, zorvix::Delivery::Queued);
+    const zorvix::Workers workers(1);  // destroyed first, when nothing is pending any more
 
     const zorvix::Publisher samples(kSamples);
     samples.Publish({1, 0.5});
     samples.Publish({2, 1.5});
 
-    const zorvix::Client client(kSquare);
-    square = client.Call(7).get();
+    of_seven = client.Call(7);  // blocks until a worker has answered
+    client.Call(8, [&](std::optional<double> answer) { of_eight = answer; });  // on a worker
   }
-  std::printf("the square of 7, from a worker: %.0f\n", square.value_or(0));
-  return shown == 4 && square == 49 ? 0 : 1;
+  std::printf("the squares of 7 and 8: %.0f, %.0f\n", of_seven.value_or(0), of_eight.value_or(0));
+  return shown == 4 && of_seven == 49 && of_eight == 64 ? 0 : 1;
 }

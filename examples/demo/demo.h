@@ -3,10 +3,13 @@
 #define ZORVIX_EXAMPLES_DEMO_DEMO_H_
 
 #include <pthread.h>
-#include <zorvix/state.h>
+#include <zorvix/typed.h>
 
 #include <algorithm>
+#include <memory>
 #include <set>
+#include <string>
+#include <thread>
 
 namespace demo {
 

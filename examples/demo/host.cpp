@@ -4,8 +4,13 @@
 #include <dlfcn.h>
 #include <zorvix/inspect.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdarg>
+#include <cstdio>
 #include <iostream>
+#include <optional>
+#include <stdexcept>
 
 #include "screen.h"
 

@@ -1,5 +1,8 @@
 // Measures how busy the CPUs are and publishes it twenty times a second, from a thread of its own.
+#include <chrono>
 #include <fstream>
+#include <future>
+#include <utility>
 
 #include "demo.h"
 

@@ -1,4 +1,6 @@
 // Uploads samples more slowly than they are published. It drops samples, and no other module does.
+#include <chrono>
+
 #include "demo.h"
 
 namespace {
