@@ -1,0 +1,72 @@
+// The calls of a client whose callables are invoked in a strand.
+#ifndef ZORVIX_HANDLES_CALL_QUEUE_H_
+#define ZORVIX_HANDLES_CALL_QUEUE_H_
+
+#include <atomic>
+#include <list>
+#include <memory>
+#include <thread>
+#include <utility>
+
+#include "reply.h"
+#include "strand.h"
+
+namespace zorvix::detail {
+
+class CallQueue;
+
+// A call in progress, or one that is answered. The server's request shares it.
+class PendingCall final : public SharedReply {
+ public:
+  PendingCall(std::shared_ptr<CallQueue> queue, Function<> callable)
+      : queue_(std::move(queue)), callable_(std::move(callable)) {}
+  void Settle(void (*write)(const AnswerSlot&, void*), void* answer) override;
+
+ private:
+  friend class CallQueue;
+
+  const std::shared_ptr<CallQueue> queue_;
+  Function<> callable_;
+  const AnswerSlot slot_{callable_.answer(), nullptr};
+  // The thread that settles or discards the call, and so the only one that may use the callable
+  // until the call is answered. None while it is in progress.
+  std::atomic<std::thread::id> owner_{std::thread::id()};
+  Turn turn_ = 0;  // the queue's mutex guards this and what follows
+  bool is_abandoned_ = false;
+  std::list<std::shared_ptr<PendingCall>>::iterator position_;
+};
+
+// An answer allocates nothing, so that it cannot fail.
+class CallQueue final : public Queue {
+ public:
+  using Queue::Queue;
+
+  // Returns the reply of the call. If the queue is closed, nothing comes of it.
+  ReplyOwner Add(std::shared_ptr<PendingCall> call);
+
+  Counts Count() const override;
+
+ private:
+  friend class PendingCall;
+  using Calls = std::list<std::shared_ptr<PendingCall>>;
+
+  // Makes this thread the owner. Returns whether it is, and EndSettling must follow.
+  static bool Claim(PendingCall& call);
+  void EndSettling(PendingCall& call);
+
+  bool IsUsedByOthers() const override ZORVIX_REQUIRES(mutex_);
+  Turn Take() override ZORVIX_REQUIRES(mutex_);
+  void InvokeTaken() override;
+  void Discard() override;
+  void DestroyCallable() override;
+
+  std::shared_ptr<PendingCall> taken_;  // by the drain in progress
+  Calls in_progress_ ZORVIX_GUARDED_BY(mutex_);
+  Calls answered_ ZORVIX_GUARDED_BY(mutex_);
+  Calls late_ ZORVIX_GUARDED_BY(mutex_);   // answered when they were not wanted any more
+  Calls spare_ ZORVIX_GUARDED_BY(mutex_);  // elements for later calls
+};
+
+}  // namespace zorvix::detail
+
+#endif  // ZORVIX_HANDLES_CALL_QUEUE_H_

@@ -1,0 +1,48 @@
+// Direct delivery.
+#ifndef ZORVIX_HANDLES_DIRECT_H_
+#define ZORVIX_HANDLES_DIRECT_H_
+
+#include <exception>
+#include <string>
+#include <utility>
+
+#include "gate.h"
+#include "records.h"
+
+namespace zorvix::detail {
+
+// Invokes a callable on the thread that delivers, until it is closed.
+class Direct final : public Receiver {
+ public:
+  Direct(const char* its_kind, const Endpoint& endpoint, const MessageType& its_type,
+         Callable callable)
+      : Receiver(its_kind, endpoint.name, endpoint.module),
+        type(its_type),
+        callable_(std::move(callable)) {}
+
+  Gate& gate() { return gate_; }
+  // To be called with a pass.
+  void Invoke(const void* message, Reply* reply) {
+    const Measured measured(*this);
+    try {
+      callable_(message, reply);
+    } catch (const std::exception& error) {
+      ThrowCopy(error);
+    }
+  }
+  void Close() override { gate_.Close(name, &callable_); }
+
+  const MessageType& type;
+
+ private:
+  // Throws an exception with the same text, since the code of this one may be unloaded before the
+  // bridge has logged it.
+  [[noreturn]] static void ThrowCopy(const std::exception& error);
+
+  Gate gate_;
+  Callable callable_;
+};
+
+}  // namespace zorvix::detail
+
+#endif  // ZORVIX_HANDLES_DIRECT_H_

@@ -1,0 +1,99 @@
+// Registrations with the bridge that end with their object.
+#ifndef ZORVIX_HANDLES_ENDPOINT_H_
+#define ZORVIX_HANDLES_ENDPOINT_H_
+
+#include <zorvix/zorvix.h>
+
+#include <any>
+#include <functional>
+#include <memory>
+#include <string>
+#include <typeinfo>
+#include <utility>
+
+#include "records.h"
+
+namespace zorvix::detail {
+
+inline bridge::Zorvix& Bridge() { return bridge::Zorvix::GetInstance(); }
+
+// What the bridge logs when an endpoint gets a value of another type.
+class TypeMismatch final : public std::bad_any_cast {
+ public:
+  // `what` such as "message", `who` such as "subscriber".
+  TypeMismatch(const char* what, const std::type_info& given, const char* who,
+               const std::type_info& wanted);
+  const char* what() const noexcept override { return text_.c_str(); }
+
+ private:
+  const std::string text_;
+};
+
+// Returns the value in `any`. Throws TypeMismatch.
+inline const void* FindOrThrow(const MessageType& type, const std::any& any, const char* what,
+                               const char* who) {
+  if (const void* const found = type.find(any)) return found;
+  throw TypeMismatch(what, any.type(), who, *type.type);
+}
+
+using Control = std::shared_ptr<const bridge::Control>;
+using SubscriberFunction = std::function<void(const std::any&)>;
+using ServerFunction = std::function<void(const std::any&, std::any&)>;
+
+// Registers a name as publisher or client, and unregisters it unless `control` has been emptied.
+// The registrations below allocate all they need before: so a failure leaves nothing behind.
+struct Participant {
+  Participant(const std::string& name, bridge::BridgeModule module, bridge::BridgeType type);
+  ~Participant();
+  Participant(const Participant&) = delete;
+  Participant& operator=(const Participant&) = delete;
+
+  Control control;
+  const bool is_topic;
+};
+
+struct Subscription {
+  Subscription(const std::string& topic, bridge::BridgeType type, SubscriberFunction function);
+  ~Subscription();
+  Subscription(const Subscription&) = delete;
+  Subscription& operator=(const Subscription&) = delete;
+
+  // Kept until the end, so that no other subscriber gets its address, by which it is unregistered.
+  const bridge::SubscriberCallback callback;
+  Participant participant;
+};
+
+// The bridge has one server for each name. If it is destroyed, the latest one that still exists
+// takes over.
+struct ServerRegistration {
+  ServerRegistration(const std::string& service, bridge::BridgeType type, ServerFunction function);
+  ~ServerRegistration();
+  ServerRegistration(const ServerRegistration&) = delete;
+  ServerRegistration& operator=(const ServerRegistration&) = delete;
+
+  const bridge::ServerCallback callback;
+  Participant participant;
+  const std::string real_name;
+};
+
+// A receiver that is registered. First the registration ends, and then the receiver is closed.
+template <typename Registration>
+struct Registered {
+  template <typename Function>
+  Registered(std::shared_ptr<Receiver> its_receiver, const Endpoint& endpoint, Function function)
+      : closer{std::move(its_receiver)},
+        registration(endpoint.name, endpoint.type, std::move(function)),
+        listed(*closer.receiver) {}
+
+  struct Closer {
+    ~Closer() { receiver->Close(); }
+    const std::shared_ptr<Receiver> receiver;
+  };
+  const Closer closer;
+  const Registration registration;
+  const Listed listed;
+};
+
+}  // namespace zorvix::detail
+
+#endif  // ZORVIX_HANDLES_ENDPOINT_H_

@@ -1,0 +1,115 @@
+#include "inbox.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+#include <utility>
+
+#include "dispatcher.h"
+
+namespace zorvix {
+namespace detail {
+namespace {
+
+using Task = std::function<void()>;
+
+// Tasks are stored on the heap.
+struct InvokeTask {
+  void operator()(const Task& task) const { task(); }
+};
+
+}  // namespace
+
+InboxState::InboxState(const std::string& name, Module& its_module)
+    : module(its_module),
+      strand(std::make_shared<Strand>(name, module)),
+      tasks(std::make_shared<MessageQueue>("Inbox", name, module, strand, kMessageType<Task>,
+                                           Receive<Task>(InvokeTask()), KeepAll())) {}
+
+InboxState& StateOf(const Inbox& inbox) { return *inbox.state_; }
+
+std::shared_ptr<Strand> StrandAt(const Place& place, const Endpoint& endpoint) {
+  if (place.inbox != nullptr) return StateOf(*place.inbox).strand;
+  if (place.delivery == Delivery::Queued && endpoint.type == bridge::BridgeType::Sync) {
+    return MakeQueuedStrand(endpoint);
+  }
+  return nullptr;
+}
+
+// The thread of an InboxThread.
+class DrainThread {
+ public:
+  explicit DrainThread(std::shared_ptr<Strand> strand)
+      : strand_(std::move(strand)), thread_(&DrainThread::Run, this) {}
+
+  bool Stop(std::chrono::milliseconds limit) {
+    if (!thread_.joinable()) return processed_all_;
+    if (thread_.get_id() == std::this_thread::get_id()) {
+      BRIDGE_LOG(bridge::kLogError, "an InboxThread is stopped by a callable it invokes");
+      std::abort();
+    }
+    end_ = Deadline(limit);
+    strand_->Stop(stop_);
+    thread_.join();
+    return processed_all_;
+  }
+
+ private:
+  void Run() {
+    const auto may_go_on = [this] { return !stop_ || Clock::now() < end_; };
+    while (!stop_) {
+      strand_->Wait(Deadline(std::chrono::milliseconds(-1)), stop_);
+      strand_->Drain(may_go_on);
+    }
+    // What arrived during the last drain.
+    if (may_go_on()) strand_->Drain(may_go_on);
+    processed_all_ = !strand_->ready();
+  }
+
+  const std::shared_ptr<Strand> strand_;
+  std::atomic<bool> stop_{false};
+  Clock::time_point end_;  // written before stop_
+  bool processed_all_ = false;
+  std::thread thread_;
+};
+
+}  // namespace detail
+
+Inbox::Inbox(const std::string& name, detail::Module& module)
+    : state_(std::make_shared<detail::InboxState>(name, module)) {}
+
+Inbox::~Inbox() { state_->strand->Shut(); }
+
+std::size_t Inbox::Drain() {
+  const auto keeps_state = state_;  // a callable may destroy the inbox
+  return keeps_state->strand->Drain();
+}
+
+std::size_t Inbox::Drain(std::chrono::milliseconds limit) {
+  const auto keeps_state = state_;
+  const auto end = detail::Deadline(limit);
+  return keeps_state->strand->Drain([end] { return detail::Clock::now() < end; });
+}
+
+bool Inbox::Wait(std::chrono::milliseconds limit) const {
+  return state_->strand->Wait(detail::Deadline(limit), false);
+}
+
+int Inbox::fd() const { return state_->strand->fd(); }
+
+void Inbox::Post(std::function<void()> task, detail::Module& module) {
+  if (&module != &state_->module) {
+    detail::KeepLoaded(module, "it has posted a task to an inbox of another module",
+                       state_->tasks->name);
+  }
+  state_->tasks->PushOwned(new detail::Task(std::move(task)));
+}
+
+InboxThread::InboxThread(Inbox& inbox)
+    : thread_(std::make_unique<detail::DrainThread>(detail::StateOf(inbox).strand)) {}
+
+InboxThread::~InboxThread() { Stop(std::chrono::milliseconds(-1)); }
+
+bool InboxThread::Stop(std::chrono::milliseconds limit) { return thread_->Stop(limit); }
+
+}  // namespace zorvix

@@ -1,0 +1,117 @@
+// A queue of messages or requests with a depth, in a strand.
+#ifndef ZORVIX_HANDLES_MESSAGE_QUEUE_H_
+#define ZORVIX_HANDLES_MESSAGE_QUEUE_H_
+
+#include <zorvix/delivery.h>
+
+#include <any>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <typeinfo>
+
+#include "fifo.h"
+#include "gate.h"
+#include "reply.h"
+#include "strand.h"
+
+namespace zorvix::detail {
+
+// Throws std::invalid_argument for a depth of 0.
+std::size_t CheckedDepth(KeepLast keep);
+
+class MessageQueue final : public Queue {
+ public:
+  // `answer_type` is that of a server, whose messages are requests, or null.
+  MessageQueue(const char* its_kind, const std::string& its_name, Module& its_module,
+               std::shared_ptr<Strand> strand, const MessageType& type, Callable callable,
+               KeepLast keep, const std::type_info* answer_type = nullptr);
+
+  // Stores a copy. Throws TypeMismatch.
+  void Push(const std::any& message);
+  // Does the same. The reply is settled without an answer if the request is not stored.
+  void PushRequest(const std::any& request, ReplyOwner reply, const std::type_info& wanted_answer);
+  // Takes a message on the heap.
+  void PushOwned(void* copy);
+
+  // Where code may use the module.
+  Gate& gate() { return gate_; }
+
+  void Close() override;
+  Counts Count() const override;
+
+ private:
+  // What a slot has of a message: the value itself, or the address of a copy on the heap.
+  union Stored {
+    alignas(std::max_align_t) unsigned char value[64];
+    void* copy;
+  };
+  // A message that is in no queue any more, or not yet, and its reply. Destroyed under no lock.
+  class Taken {
+   public:
+    explicit Taken(const MessageQueue& queue) : queue_(queue) {}
+    ~Taken() { Reset(); }
+    Taken(const Taken&) = delete;
+    Taken& operator=(const Taken&) = delete;
+    void Reset();
+    const void* message() const { return queue_.is_in_place_ ? &stored : stored.copy; }
+
+    bool has_message = false;
+    Stored stored;
+    ReplyOwner reply;
+
+   private:
+    const MessageQueue& queue_;
+  };
+  // What the client of a request expects. Empty for a message.
+  struct Expected {
+    ReplyOwner reply;
+    const std::type_info* answer_type = nullptr;
+  };
+  enum class Pushed { kYes, kClosed, kOtherType, kOtherAnswer };
+
+  Pushed Push(const std::any& message, Expected expected);
+  Pushed PushInPlace(const std::any& message, Expected& expected);
+  Pushed PushCopy(const std::any& message, Expected& expected);
+  // The types are in the module, so they are compared with a pass or, while it is open, under the
+  // mutex.
+  bool GivesAnswer(const Expected& expected) const {
+    return expected.answer_type == nullptr || *expected.answer_type == *answer_type_;
+  }
+  // Stores the copy and drops the oldest message if the queue is full.
+  void Add(Taken& copy, Taken& dropped) ZORVIX_REQUIRES(mutex_);
+  // Does the same for a message that is in the next slot.
+  void AddStored(ReplyOwner& reply, Taken& dropped) ZORVIX_REQUIRES(mutex_);
+  void MakeRoom() ZORVIX_REQUIRES(mutex_);
+  // Pushes are followed by this, under no lock.
+  void AfterAdd(bool is_first_drop) const;
+  void PopFrom(Fifo& pending, Taken& oldest) const;
+
+  Turn Take() override ZORVIX_REQUIRES(mutex_);
+  void InvokeTaken() override;
+  void Discard() override;
+  void DestroyCallable() override { callable_.Reset(); }
+  void LogDropped(std::size_t count) const;
+
+  const MessageType& type_;
+  const std::type_info* const answer_type_;
+  const bool is_in_place_;
+  const std::size_t slot_size_;     // of a message in pending_
+  const std::size_t element_size_;  // with its reply behind it
+  const std::size_t depth_;
+  Gate gate_;  // a push is inside while it runs code of the module without the mutex
+  Callable callable_;
+
+  // Of the drain in progress:
+  Taken taken_{*this};
+  std::size_t caught_up_from_ = 0;
+
+  Fifo pending_ ZORVIX_GUARDED_BY(mutex_);
+  Fifo turns_ ZORVIX_GUARDED_BY(mutex_);  // as many as messages
+  std::size_t dropped_ ZORVIX_GUARDED_BY(mutex_) = 0;
+  std::size_t dropped_in_a_row_ ZORVIX_GUARDED_BY(mutex_) = 0;  // since it last caught up
+};
+
+}  // namespace zorvix::detail
+
+#endif  // ZORVIX_HANDLES_MESSAGE_QUEUE_H_

@@ -1,0 +1,92 @@
+#include "records.h"
+
+#include <dlfcn.h>
+
+#include <type_traits>
+#include <utility>
+
+// What modules need to be loaded: see erasure.h.
+const int zorvix_handles_3_0 = 0;
+
+namespace zorvix::detail {
+
+// Looked up when the library is loaded.
+const Trace trace = Trace::LookUp();
+std::atomic<std::int64_t> smallest_slow_limit{0};
+
+Clock::time_point Deadline(std::chrono::milliseconds limit) {
+  constexpr std::chrono::milliseconds kYears = std::chrono::hours(87'600);
+  if (limit.count() < 0 || limit > kYears) limit = kYears;
+  return Clock::now() + limit;
+}
+
+Process& Process::Get() {
+  static Process& process = *new Process;
+  return process;
+}
+
+Listed::Listed(Record& record) {
+  Process& process = Process::Get();
+  const Lock lock(process.mutex);
+  position_ = process.records.insert(process.records.end(), &record);
+}
+
+Listed::~Listed() {
+  Process& process = Process::Get();
+  const Lock lock(process.mutex);
+  process.records.erase(position_);
+}
+
+struct Listing::Row final : Record {
+  Row(const char* its_kind, const std::string& its_name, Module& its_module,
+      std::function<Counts()> its_count)
+      : Record(its_kind, its_name, its_module), count(std::move(its_count)), listed(*this) {}
+  Counts Count() const override { return count(); }
+
+  const std::function<Counts()> count;
+  const Listed listed;
+};
+
+Listing::Listing(const char* kind, const std::string& name, Module& module,
+                 std::function<Counts()> count)
+    : row_(std::make_unique<Row>(kind, name, module, std::move(count))) {}
+
+Listing::~Listing() = default;
+
+Trace Trace::LookUp() {
+  void* library = RTLD_DEFAULT;
+#ifdef __ANDROID__
+  // Not among the default libraries of every process.
+  if (void* const android = dlopen("libandroid.so", RTLD_NOW)) library = android;
+#endif
+  const auto look_up = [library](auto& function, const char* name) {
+    function = reinterpret_cast<std::decay_t<decltype(function)>>(dlsym(library, name));
+  };
+  Trace found;
+  look_up(found.begin_section, "ATrace_beginSection");
+  look_up(found.end_section, "ATrace_endSection");
+  look_up(found.set_counter, "ATrace_setCounter");
+  if (found.begin_section != nullptr && found.end_section != nullptr) {
+    look_up(found.is_on, "ATrace_isEnabled");
+  }
+  return found;
+}
+
+void Section::Begin(const char* kind, const std::string& name) {
+  trace.begin_section((std::string(kind) + ' ' + name).c_str());
+}
+
+void Measured::Finish() {
+  const std::chrono::nanoseconds elapsed = Clock::now() - start_;
+  ++record_.invocations;
+  std::int64_t longest = record_.longest;
+  while (longest < elapsed.count() &&
+         !record_.longest.compare_exchange_weak(longest, elapsed.count())) {
+  }
+  if (elapsed.count() <= limit_) return;
+  BRIDGE_LOG(bridge::kLogWarn, "a callable took %lld ms, kind: %s, name: %s, module: %s",
+             static_cast<long long>(elapsed.count() / 1'000'000), record_.kind,
+             record_.name.c_str(), record_.module);
+}
+
+}  // namespace zorvix::detail

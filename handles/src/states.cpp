@@ -1,0 +1,211 @@
+// Holders and watchers of states.
+//
+// A holder publishes each value on a topic, and answers watchers that are constructed later as a
+// server. A watcher subscribes first and asks then, or it would miss a value that is set between.
+#include <zorvix/detail/library.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <new>
+#include <string>
+#include <typeinfo>
+#include <utility>
+
+#include "endpoint.h"
+#include "gate.h"
+#include "inbox.h"
+#include "watch_queue.h"
+
+namespace zorvix::detail {
+namespace {
+
+// Topic and service of a state have names of their own, so that a user's topic or service of the
+// same name does not match them.
+std::string StateName(const std::string& name) { return name + "/zorvix.state"; }
+
+// Takes a value. Its destructor, if it has one, is in the holder's module.
+std::shared_ptr<const void> Share(const void* value, void (*destroy)(const void*),
+                                  const std::shared_ptr<ValueOwner>& owner) {
+  if (destroy == nullptr) {
+    return {value, [](const void* its) { ::operator delete(const_cast<void*>(its)); }};
+  }
+  owner->AddValue();  // taken back below, even if this fails
+  return {value, [destroy, owner](const void* its) { owner->DestroyValue(its, destroy); }};
+}
+
+// The latest version of a holder. Answers that are in progress share it with the holder.
+class HeldVersion {
+ public:
+  explicit HeldVersion(const std::type_info& type) : type_(type) {}
+  const std::type_info& type() const { return type_; }
+
+  // Numbers the version and stores it. Returns the version before.
+  Version Store(Version& version) {
+    const auto now = Clock::now().time_since_epoch().count();
+    const Lock lock(mutex_);
+    // Versions of a later holder have higher numbers.
+    version.number = std::max(static_cast<std::uint64_t>(now), latest_.number + 1);
+    return std::exchange(latest_, version);
+  }
+
+  // Undoes the store of a version, unless a later one has been stored meanwhile.
+  void Restore(std::uint64_t number, Version previous) {
+    const Lock lock(mutex_);
+    if (latest_.number == number) std::swap(latest_, previous);
+  }
+
+  // The request is the type of the watcher's values. The response has the address of the watcher's
+  // version, so that an answer needs no allocation, which might fail.
+  void Answer(const std::any& request, const std::any& response) {
+    const Gate::Pass pass(gate_);
+    if (!pass.admitted()) return;
+    const auto* const wanted = std::any_cast<const std::type_info*>(request);
+    if (*wanted != type_) throw TypeMismatch("value", type_, "watcher", *wanted);
+    Version latest;
+    {
+      const Lock lock(mutex_);
+      latest = latest_;
+    }
+    *std::any_cast<Version*>(response) = std::move(latest);
+  }
+
+  // Afterwards nobody uses the type.
+  void Close(const std::string& name) {
+    gate_.Close(name, nullptr);
+    Version last;  // destroyed under no lock
+    const Lock lock(mutex_);
+    std::swap(latest_, last);
+  }
+
+ private:
+  const std::type_info& type_;  // of the holder's module
+  Gate gate_;
+  Mutex mutex_;
+  Version latest_ ZORVIX_GUARDED_BY(mutex_);
+};
+
+// Drains itself on the thread that pushes, unless another thread is draining it. That thread goes
+// on then.
+class DirectStrand final : public Strand {
+ public:
+  explicit DirectStrand(Module& module) : Strand("", module) {}
+
+ private:
+  void AfterPush() override {
+    std::exception_ptr first;
+    while (ready()) {
+      try {
+        Drain();
+      } catch (...) {
+        if (first == nullptr) first = std::current_exception();
+      }
+    }
+    if (first != nullptr) std::rethrow_exception(first);
+  }
+};
+
+}  // namespace
+
+struct HolderState : Record {
+  HolderState(const Endpoint& endpoint, const std::string& state_name, const std::type_info& type)
+      : Record("Holder", endpoint.name, endpoint.module),
+        values{std::make_shared<ValueOwner>(endpoint.module, endpoint.name)},
+        held{name, std::make_shared<HeldVersion>(type)},
+        publisher(state_name, bridge::BridgeModule::Topic, bridge::BridgeType::Sync),
+        optional_audience(state_name, bridge::BridgeType::Sync, [](const std::any&) {}),
+        server(state_name, bridge::BridgeType::Sync,
+               [version = held.version](const std::any& request, std::any& response) {
+                 version->Answer(request, response);
+               }),
+        listed(*this) {}
+
+  struct Closer {
+    ~Closer() { version->Close(name); }
+    const std::string& name;
+    const std::shared_ptr<HeldVersion> version;
+  };
+  struct Values {
+    ~Values() { owner->EndHolder(); }
+    const std::shared_ptr<ValueOwner> owner;
+  };
+  const Values values;  // destroyed last
+  const Closer held;
+  const Participant publisher;
+  const Subscription optional_audience;
+  const ServerRegistration server;
+  const Listed listed;
+};
+
+struct WatcherState {
+  template <typename Function>
+  WatcherState(const Endpoint& endpoint, const std::string& state_name,
+               std::shared_ptr<WatchQueue> queue, Function push)
+      : client(state_name, bridge::BridgeModule::Service, bridge::BridgeType::Sync),
+        receiver(std::move(queue), {state_name, bridge::BridgeType::Sync, endpoint.module},
+                 std::move(push)) {}
+  WatchQueue& queue() const { return static_cast<WatchQueue&>(*receiver.closer.receiver); }
+
+  // Pushes the holder's version, if there is a holder.
+  void AskHolder(const std::type_info& type) const {
+    Version latest;
+    const std::any request(&type);
+    Bridge().Call(client.control, [&](auto& serve) {
+      std::any response(&latest);
+      serve(request, response);
+    });
+    queue().Push(std::move(latest));
+  }
+
+  const Participant client;
+  const Registered<Subscription> receiver;
+};
+
+void Destroyer::operator()(HolderState* state) const { delete state; }
+void Destroyer::operator()(WatcherState* state) const { delete state; }
+
+Owned<HolderState> MakeHolder(const Endpoint& endpoint, const std::type_info& type) {
+  return Owned<HolderState>(new HolderState(endpoint, StateName(endpoint.name), type));
+}
+
+void Set(HolderState& holder, const void* value, void (*destroy)(const void*)) {
+  const Section section("Set", holder.name);
+  HeldVersion& held = *holder.held.version;
+  Version version{0, Share(value, destroy, holder.values.owner), &held.type()};
+  // Stored before it is published, so that a watcher that asks later gets it.
+  Version before = held.Store(version);
+  try {
+    Bridge().Publish(holder.publisher.control, static_cast<const Version*>(&version));
+  } catch (const std::bad_alloc&) {
+    // Thrown by the bridge before it has invoked anybody: it contains what callables throw.
+    held.Restore(version.number, std::move(before));
+    throw;
+  }
+}
+
+Owned<WatcherState> MakeWatcher(const Endpoint& endpoint, const std::type_info& type,
+                                Callable callable, const Place& place) {
+  auto strand = StrandAt(place, endpoint);
+  if (strand == nullptr) strand = std::make_shared<DirectStrand>(endpoint.module);
+  const auto queue = std::make_shared<WatchQueue>(endpoint, std::move(strand), std::move(callable));
+  const auto push = [queue, &type](const std::any& message) {
+    const auto* const version = std::any_cast<const Version*>(&message);
+    if (version == nullptr) {
+      throw TypeMismatch("message", message.type(), "watcher", typeid(const Version*));
+    }
+    queue->CheckType(*(*version)->type, type);
+    queue->Push(**version);
+  };
+  Owned<WatcherState> watcher(new WatcherState(endpoint, StateName(endpoint.name), queue, push));
+  watcher->AskHolder(type);
+  return watcher;
+}
+
+std::shared_ptr<const void> Newest(const WatcherState& watcher) { return watcher.queue().Newest(); }
+
+std::shared_ptr<const void> WaitFor(const WatcherState& watcher, std::chrono::milliseconds limit) {
+  return watcher.queue().WaitFor(Deadline(limit));
+}
+
+}  // namespace zorvix::detail

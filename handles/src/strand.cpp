@@ -1,0 +1,238 @@
+#include "strand.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <system_error>
+#include <utility>
+
+namespace zorvix::detail {
+
+Strand::Strand(const std::string& name, Module& module)
+    : counter_name_(name.empty() ? name : "pending " + name + ", " + ModuleName(module)) {}
+
+Strand::~Strand() {
+  if (fd_ >= 0) close(fd_);
+}
+
+std::size_t Strand::Drain(const std::function<bool()>& may_go_on) {
+  Lock lock(mutex_);
+  if (draining_) return 0;
+  draining_ = true;
+  drainer_ = std::this_thread::get_id();
+  UpdateReadiness();
+  const Turn last = last_turn_;  // what arrives meanwhile is left to the next drain
+  std::size_t count = 0;
+  // The condition is tested before a message is taken, so no message has to be put back.
+  while (!agenda_.empty() && agenda_.front().turn <= last &&
+         (count == 0 || !may_go_on || may_go_on())) {
+    Queue& queue = *agenda_.front().queue;
+    agenda_.PopFront();
+    queue.mutex_.AssertHeld();
+    if (const Turn next = queue.Take()) agenda_.Add({next, &queue});
+    --pending_;
+    ++count;
+    invoking_ = &queue;
+    TracePending();
+    lock.Unlock();
+    try {
+      Invoke(queue);
+    } catch (...) {
+      lock.Relock();
+      EndInvocation();
+      EndDrain();
+      throw;
+    }
+    lock.Relock();
+    EndInvocation();
+  }
+  EndDrain();
+  return count;
+}
+
+void Strand::Invoke(Queue& queue) {
+  struct AtEnd {
+    ~AtEnd() {
+      if (strand.closed_by_its_callable_ == nullptr) return;
+      const auto closed = std::move(strand.closed_by_its_callable_);
+      closed->DestroyCallable();
+    }
+    Strand& strand;
+  } const at_end{*this};
+  queue.InvokeTaken();
+}
+
+void Strand::EndInvocation() {
+  invoking_ = nullptr;
+  if (closing_ != 0) invocation_ended_.NotifyAll();
+}
+
+void Strand::EndDrain() {
+  draining_ = false;
+  UpdateReadiness();
+}
+
+void Strand::Shut() {
+  while (true) {
+    std::shared_ptr<Queue> queue;
+    {
+      const Lock lock(mutex_);
+      shut_ = true;
+      if (agenda_.empty()) return;
+      queue = agenda_.front().queue->shared_from_this();
+      queue->mutex_.AssertHeld();
+      queue->is_being_discarded_ = true;
+      shutter_ = std::this_thread::get_id();
+    }
+    queue->Discard();
+    const Lock lock(mutex_);
+    queue->mutex_.AssertHeld();
+    queue->is_being_discarded_ = false;
+    queue->NotifyClosing();
+  }
+}
+
+bool Strand::Wait(Clock::time_point end, const std::atomic<bool>& stop) {
+  Lock lock(mutex_);
+  ++waiting_;
+  while (!ready_ && !stop && became_ready_.WaitUntil(lock, end)) {
+  }
+  --waiting_;
+  return ready_;
+}
+
+void Strand::Stop(std::atomic<bool>& stop) {
+  const Lock lock(mutex_);
+  stop = true;
+  became_ready_.NotifyAll();
+}
+
+int Strand::fd() {
+  const Lock lock(mutex_);
+  if (fd_ < 0) fd_ = eventfd(ready_, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+  return fd_;
+}
+
+bool Strand::IsDrainedByThisThread() {
+  const Lock lock(mutex_);
+  return draining_ && drainer_ == std::this_thread::get_id();
+}
+
+void Strand::UpdateReadiness() {
+  const bool ready = !agenda_.empty() && !draining_;
+  if (ready == ready_.load(std::memory_order_relaxed)) return;
+  ready_.store(ready, std::memory_order_release);
+  if (ready && waiting_ != 0) became_ready_.NotifyAll();
+  if (fd_ < 0) return;
+  eventfd_t count = 1;
+  if (ready) {
+    eventfd_write(fd_, count);
+  } else {
+    eventfd_read(fd_, &count);
+  }
+}
+
+void Strand::SetCounter() const {
+  if (trace.set_counter == nullptr || counter_name_.empty()) return;
+  trace.set_counter(counter_name_.c_str(), static_cast<std::int64_t>(pending_));
+}
+
+Queue::Queue(const char* its_kind, const std::string& its_name, Module& its_module,
+             std::shared_ptr<Strand> strand)
+    : Receiver(its_kind, its_name, its_module),
+      strand_(std::move(strand)),
+      mutex_(strand_->mutex_) {
+  const Lock lock(strand_->mutex_);
+  strand_->agenda_.Reserve(strand_->queues_ + 1);
+  ++strand_->queues_;
+}
+
+Queue::~Queue() {
+  const Lock lock(strand_->mutex_);
+  --strand_->queues_;
+}
+
+bool Queue::IsClosed() const {
+  strand_->mutex_.AssertHeld();
+  return closed_ || strand_->shut_;
+}
+
+Turn Queue::AddTurn(bool is_first) noexcept {
+  strand_->mutex_.AssertHeld();
+  const Turn turn = ++strand_->last_turn_;
+  ++strand_->pending_;
+  if (is_first) {
+    strand_->agenda_.Add({turn, this});
+    strand_->UpdateReadiness();
+  }
+  strand_->TracePending();
+  return turn;
+}
+
+void Queue::RemoveTurns(Turn first, std::size_t count) noexcept {
+  if (count == 0) return;
+  strand_->mutex_.AssertHeld();
+  strand_->agenda_.Remove(first);
+  strand_->pending_ -= count;
+  strand_->UpdateReadiness();
+  strand_->TracePending();
+}
+
+void Queue::NotifyClosing() {
+  strand_->mutex_.AssertHeld();
+  if (strand_->closing_ != 0) strand_->invocation_ended_.NotifyAll();
+}
+
+void Queue::Close() {
+  {
+    const Lock lock(mutex_);
+    closed_ = true;
+  }
+  Discard();
+  strand_->AfterClose();
+  bool is_late = false;
+  {
+    Lock lock(mutex_);
+    is_late = !WaitWhileInUse(lock, Clock::now() + std::chrono::seconds(1));
+  }
+  if (is_late) {
+    BRIDGE_LOG(bridge::kLogWarn, "a destructor waits for its callable to return, name: %s",
+               name.c_str());
+  }
+  {
+    Lock lock(mutex_);
+    WaitWhileInUse(lock, Deadline(std::chrono::milliseconds(-1)));
+    strand_->mutex_.AssertHeld();
+    if (strand_->invoking_ == this) {  // by this thread
+      strand_->closed_by_its_callable_ = shared_from_this();
+      return;
+    }
+  }
+  DestroyCallable();
+}
+
+bool Queue::IsInUse() const {
+  strand_->mutex_.AssertHeld();
+  const auto self = std::this_thread::get_id();
+  return (strand_->invoking_ == this && strand_->drainer_ != self) ||
+         (is_being_discarded_ && strand_->shutter_ != self) || IsUsedByOthers();
+}
+
+bool Queue::WaitWhileInUse(Lock& lock, Clock::time_point end) {
+  strand_->mutex_.AssertHeld();
+  ++strand_->closing_;
+  bool is_late = false;
+  while (IsInUse() && !is_late) is_late = !strand_->invocation_ended_.WaitUntil(lock, end);
+  --strand_->closing_;
+  return !IsInUse();
+}
+
+void Queue::LogFailure(const std::exception& error) const {
+  BRIDGE_LOG(bridge::kLogError, "callable failed! error: %s, name: %s", error.what(), name.c_str());
+}
+
+}  // namespace zorvix::detail

@@ -1,0 +1,169 @@
+// Strands invoke callables one at a time: inboxes, queued handles, watchers and clients with an
+// inbox are made of them.
+//
+// A strand has one mutex. Each handle has a queue of what is pending for it, and each pending
+// message has a turn in that queue. A drain takes the lowest turn of all queues, and the oldest
+// message of its queue. A queue that drops a message keeps the turn, for its next message: so a
+// subscriber that drops messages is invoked as early as if it did not.
+//
+// Invariants, under the mutex: the agenda has an entry for each open queue that has something
+// pending, with the lowest of its turns, and no other; `ready_` is true while the agenda has an
+// entry and no drain is in progress.
+#ifndef ZORVIX_HANDLES_STRAND_H_
+#define ZORVIX_HANDLES_STRAND_H_
+
+#include <atomic>
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "agenda.h"
+#include "records.h"
+#include "sync.h"
+
+namespace zorvix::detail {
+
+class Strand : public std::enable_shared_from_this<Strand> {
+ public:
+  // Without a name, it has no counter in traces.
+  Strand(const std::string& name, Module& module);
+  virtual ~Strand();
+  Strand(const Strand&) = delete;
+  Strand& operator=(const Strand&) = delete;
+
+  // Takes what is pending when it begins, on this thread: the first in any case, the others as long
+  // as `may_go_on`, if given, returns true. Returns how many callables it has invoked: 0 if a drain
+  // is in progress already. Lets through what callables throw that is not a std::exception, and can
+  // be called again then.
+  std::size_t Drain(const std::function<bool()>& may_go_on = nullptr);
+
+  // Discards all that is pending; what arrives later is ignored.
+  void Shut();
+
+  // Blocks until it is ready, or `stop`, or until `end`. Returns whether it is ready.
+  bool Wait(Clock::time_point end, const std::atomic<bool>& stop);
+  void Stop(std::atomic<bool>& stop);
+
+  // Returns a descriptor that is readable while the strand is ready. Throws std::system_error.
+  int fd();
+
+  // Something is pending and no drain is in progress.
+  bool ready() const { return ready_; }
+
+  bool IsDrainedByThisThread();
+
+ protected:
+  // Called after something has been pushed, under no lock.
+  virtual void AfterPush() {}
+  // Called while a queue is closed, under no lock.
+  virtual void AfterClose() {}
+
+ private:
+  friend class Queue;
+
+  // Invokes what the queue has taken, under no lock.
+  void Invoke(Queue& queue);
+  void EndInvocation() ZORVIX_REQUIRES(mutex_);
+  void EndDrain() ZORVIX_REQUIRES(mutex_);
+  void UpdateReadiness() ZORVIX_REQUIRES(mutex_);
+  // Called under the mutex, so that the counter never shows an older number after a later one.
+  void TracePending() const ZORVIX_REQUIRES(mutex_) {
+    if (trace.IsOn()) SetCounter();
+  }
+  void SetCounter() const ZORVIX_REQUIRES(mutex_);
+
+  const std::string counter_name_;
+  mutable Mutex mutex_;
+  std::atomic<bool> ready_{false};  // written under the mutex
+  Agenda agenda_ ZORVIX_GUARDED_BY(mutex_);
+  Turn last_turn_ ZORVIX_GUARDED_BY(mutex_) = 0;
+  std::size_t queues_ ZORVIX_GUARDED_BY(mutex_) = 0;
+  std::size_t pending_ ZORVIX_GUARDED_BY(mutex_) = 0;  // of all queues
+  bool shut_ ZORVIX_GUARDED_BY(mutex_) = false;
+  std::size_t waiting_ ZORVIX_GUARDED_BY(mutex_) = 0;  // threads in Wait
+  Condition became_ready_;
+  int fd_ ZORVIX_GUARDED_BY(mutex_) = -1;
+
+  // The drain in progress.
+  bool draining_ ZORVIX_GUARDED_BY(mutex_) = false;
+  std::thread::id drainer_ ZORVIX_GUARDED_BY(mutex_);
+  Queue* invoking_ ZORVIX_GUARDED_BY(mutex_) = nullptr;
+  std::shared_ptr<Queue> closed_by_its_callable_;  // used by the drainer only
+
+  std::thread::id shutter_ ZORVIX_GUARDED_BY(mutex_);  // the thread in Shut
+  // Threads in Close, which wait for invocations and Shut.
+  std::size_t closing_ ZORVIX_GUARDED_BY(mutex_) = 0;
+  Condition invocation_ended_;
+};
+
+// What is pending for one handle, in a strand.
+class Queue : public Receiver, public std::enable_shared_from_this<Queue> {
+ public:
+  Queue(const char* its_kind, const std::string& its_name, Module& its_module,
+        std::shared_ptr<Strand> strand);
+  ~Queue() override;
+
+  // Discards what is pending and waits for an invocation on another thread. Then destroys the
+  // callable, or leaves that to the drain, if the callable itself closes the queue. What is pushed
+  // later is ignored.
+  void Close() override;
+
+  Strand& strand() const { return *strand_; }
+
+ protected:
+  // Takes the oldest pending message. Returns the turn of the next one, or 0 if there is none.
+  virtual Turn Take() ZORVIX_REQUIRES(mutex_) = 0;
+  // Invokes the callable with it, and destroys it. Called under no lock.
+  virtual void InvokeTaken() = 0;
+  // Removes all that is pending and destroys it. Called under no lock.
+  virtual void Discard() = 0;
+  virtual void DestroyCallable() = 0;
+
+  // Whether another thread still uses what Close destroys, besides the drain and Shut.
+  virtual bool IsUsedByOthers() const ZORVIX_REQUIRES(mutex_) { return false; }
+
+  // For those who push or discard:
+  bool IsClosed() const ZORVIX_REQUIRES(mutex_);
+  // Gives a turn to a message that is being pushed. `is_first`: nothing else is pending.
+  Turn AddTurn(bool is_first) noexcept ZORVIX_REQUIRES(mutex_);
+  // For a queue whose pending messages are being removed, with the lowest of their turns.
+  void RemoveTurns(Turn first, std::size_t count) noexcept ZORVIX_REQUIRES(mutex_);
+  // Lets a thread in Close look again whether others still use the queue.
+  void NotifyClosing() ZORVIX_REQUIRES(mutex_);
+  // Called under no lock.
+  void AfterPush() const { strand_->AfterPush(); }
+
+  // Logs a std::exception that the function throws.
+  template <typename Function>
+  void Invoke(const Function& function) {
+    try {
+      const Measured measured(*this);
+      function();
+    } catch (const std::exception& error) {
+      LogFailure(error);
+    }
+  }
+
+ private:
+  friend class Strand;
+  bool IsInUse() const ZORVIX_REQUIRES(mutex_);
+  // Returns false if it is still in use at `end`.
+  bool WaitWhileInUse(Lock& lock, Clock::time_point end) ZORVIX_REQUIRES(mutex_);
+  void LogFailure(const std::exception& error) const;
+
+  const std::shared_ptr<Strand> strand_;
+
+ protected:
+  Mutex& mutex_;  // of the strand
+
+ private:
+  bool closed_ ZORVIX_GUARDED_BY(mutex_) = false;
+  bool is_being_discarded_ ZORVIX_GUARDED_BY(mutex_) = false;  // by Shut
+};
+
+}  // namespace zorvix::detail
+
+#endif  // ZORVIX_HANDLES_STRAND_H_

@@ -1,0 +1,37 @@
+// Where the callable of a handle is invoked, and how much is kept for it until then.
+#ifndef ZORVIX_DELIVERY_H_
+#define ZORVIX_DELIVERY_H_
+
+#include <cstddef>
+#include <limits>
+
+namespace zorvix {
+
+// Where the callable of a handle without an inbox is invoked.
+enum class Delivery {
+  Direct,  // on the thread that publishes, calls or sets, before its operation returns
+  Queued,  // where the bridge's queue is drained: on a worker, or in SpinOnce
+};
+
+// How many messages, or requests, of one handle may be pending. When one more arrives, the handle's
+// oldest one is dropped. Logs a WARN with the first drop, and one with the number of drops when the
+// handle has caught up or is destroyed. With a depth of 1, only the latest one is kept, and drops
+// are not logged. A depth of 0 throws std::invalid_argument.
+struct KeepLast {
+  std::size_t depth = 100;
+};
+
+// Nothing is dropped: memory is the only bound.
+struct KeepAll {
+  constexpr operator KeepLast() const { return {std::numeric_limits<std::size_t>::max()}; }
+};
+
+// Whether a publisher expects subscribers.
+enum class Audience {
+  Expected,  // a publication without a subscriber is logged, as a WARN
+  Optional,  // it is not
+};
+
+}  // namespace zorvix
+
+#endif  // ZORVIX_DELIVERY_H_

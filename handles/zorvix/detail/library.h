@@ -1,0 +1,78 @@
+// What the templates of the handles call in the library. Not for users.
+#ifndef ZORVIX_DETAIL_LIBRARY_H_
+#define ZORVIX_DETAIL_LIBRARY_H_
+
+#include <zorvix/delivery.h>
+#include <zorvix/detail/erasure.h>
+#include <zorvix/zorvix.h>
+
+#include <any>
+#include <chrono>
+#include <memory>
+#include <typeinfo>
+
+namespace zorvix {
+
+class Inbox;
+
+namespace detail {
+
+// A pragma, since clang forgets the attribute of a namespace where the functions are defined.
+#pragma GCC visibility push(default)
+
+// Where a callable is invoked.
+struct Place {
+  Delivery delivery = Delivery::Direct;
+  Inbox* inbox = nullptr;  // in place of the bridge's queue
+};
+
+// Of one handle. Defined and destroyed in the library.
+struct PublisherState;
+struct SubscriberState;
+struct ServerState;
+struct ClientState;
+struct HolderState;
+struct WatcherState;
+
+struct Destroyer {
+  void operator()(PublisherState*) const;
+  void operator()(SubscriberState*) const;
+  void operator()(ServerState*) const;
+  void operator()(ClientState*) const;
+  void operator()(HolderState*) const;
+  void operator()(WatcherState*) const;
+};
+template <typename State>
+using Owned = std::unique_ptr<State, Destroyer>;
+
+Owned<PublisherState> MakePublisher(const Endpoint&, Audience);
+bool Publish(const PublisherState&, std::any&& message);
+
+Owned<SubscriberState> Subscribe(const Endpoint&, const MessageType&, Callable, const Place&,
+                                 KeepLast);
+
+Owned<ServerState> Serve(const Endpoint&, const MessageType&, const std::type_info& response,
+                         Callable, const Place&, KeepLast);
+
+Owned<ClientState> MakeClient(const Endpoint&, const Place&);
+// `answer` is a std::optional<Response>.
+void CallAndWait(const ClientState&, const std::any& request, const AnswerType&, void* answer,
+                 std::chrono::milliseconds limit);
+// The function is an Awaiting.
+void CallAndReply(const ClientState&, const std::any& request, const AnswerType&, Function<>);
+void CallQueued(const ClientState&, std::any&& request, const AnswerType&, Function<>);
+
+Owned<HolderState> MakeHolder(const Endpoint&, const std::type_info&);
+// Takes `value`. Destroys it with `destroy`, or if that is null, frees its memory.
+void Set(HolderState&, const void* value, void (*destroy)(const void*));
+
+Owned<WatcherState> MakeWatcher(const Endpoint&, const std::type_info&, Callable, const Place&);
+std::shared_ptr<const void> Newest(const WatcherState&);
+std::shared_ptr<const void> WaitFor(const WatcherState&, std::chrono::milliseconds limit);
+
+#pragma GCC visibility pop
+
+}  // namespace detail
+}  // namespace zorvix
+
+#endif  // ZORVIX_DETAIL_LIBRARY_H_

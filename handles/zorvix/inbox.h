@@ -1,0 +1,101 @@
+// Inboxes: pending messages, requests, answers and tasks for a thread of the user's choice. They do
+// not use the bridge's queue.
+//
+//   zorvix::Inbox inbox;
+//   zorvix::Subscriber show(kSamples, [](const Sample& sample) { ... }, inbox,
+//                           zorvix::KeepLast{1});
+//   inbox.Drain();  // once a frame, or when inbox.fd() is readable
+//
+// Callables are invoked inside Drain and nowhere else, one at a time, whichever thread drains. Each
+// subscriber gets its messages in the order in which they arrived. Across subscribers, too, the
+// order is that of arrival, until a subscriber drops messages: its next message then takes the turn
+// of the dropped one. A callable that throws a std::exception is logged and the drain goes on;
+// anything else it throws leaves Drain, and the other messages stay pending.
+#ifndef ZORVIX_INBOX_H_
+#define ZORVIX_INBOX_H_
+
+#include <zorvix/detail/erasure.h>
+#include <zorvix/zorvix.h>
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace zorvix {
+
+class Inbox;
+
+namespace detail {
+struct InboxState;
+class DrainThread;
+InboxState& StateOf(const Inbox& inbox);
+}  // namespace detail
+
+// Any thread may call any function at any time. The destructor discards what is pending; no other
+// thread may be inside a function then, but a callable of a drain may destroy the inbox. The inbox
+// may be destroyed before its subscribers, servers and clients: what arrives later is ignored, and
+// pending requests are answered with std::nullopt. After fork, the child must not drain a copy:
+// both processes share the descriptor.
+class ZORVIX_EXPORT Inbox {
+ public:
+  // The name appears in log lines about tasks, and in traces. The module is filled in.
+  explicit Inbox(const std::string& name = "inbox", detail::Module& module = detail::this_module);
+  ~Inbox();
+  Inbox(const Inbox&) = delete;
+  Inbox& operator=(const Inbox&) = delete;
+
+  // Invokes the callables for what is pending now, on this thread, and returns how many it has
+  // invoked. What arrives meanwhile is left to the next drain. Returns 0 while another drain is in
+  // progress, also on this thread.
+  std::size_t Drain();
+
+  // Does the same, but invokes no further callable once that time is over. It invokes at least one.
+  // The rest stays pending, in order.
+  std::size_t Drain(std::chrono::milliseconds limit);
+
+  // Blocks until something is pending and no drain is in progress, and returns true. Returns false
+  // after that time; a negative limit means without limit. Do not call it in a drain of the inbox.
+  bool Wait(std::chrono::milliseconds limit) const;
+
+  // Returns a descriptor for poll, epoll or ALooper_addFd. It is readable while something is
+  // pending and no drain is in progress. Do not read or close it. The first call creates it. Throws
+  // std::system_error.
+  int fd() const;
+
+  // Adds a task, which a drain invokes in its turn. Does not block. Tasks are never dropped. If the
+  // inbox belongs to another module, the calling module stays loaded from then on, even after
+  // dlclose, since the task is its code.
+  void Post(std::function<void()> task, detail::Module& module = detail::this_module);
+
+ private:
+  friend detail::InboxState& detail::StateOf(const Inbox& inbox);
+  const std::shared_ptr<detail::InboxState> state_;
+};
+
+// Drains an inbox on a thread of its own. The inbox must live longer. No other thread should drain
+// it meanwhile.
+class ZORVIX_EXPORT InboxThread {
+ public:
+  // Throws std::system_error if the thread cannot be started.
+  [[nodiscard]] explicit InboxThread(Inbox& inbox);
+  // Does the same as Stop without a limit.
+  ~InboxThread();
+  InboxThread(const InboxThread&) = delete;
+  InboxThread& operator=(const InboxThread&) = delete;
+
+  // Processes what is pending for at most that long, then ends the thread; a negative limit means
+  // without limit. Blocks until an invocation in progress has returned. Returns whether everything
+  // was processed: the rest stays in the inbox, for the next drain. Called again, it does
+  // nothing and returns the same. Must not be called by two threads at the same time. Called on the
+  // inbox's own thread, it logs an ERROR and ends the process.
+  bool Stop(std::chrono::milliseconds limit);
+
+ private:
+  const std::unique_ptr<detail::DrainThread> thread_;
+};
+
+}  // namespace zorvix
+
+#endif  // ZORVIX_INBOX_H_

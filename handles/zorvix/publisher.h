@@ -1,0 +1,51 @@
+// The publisher of a topic.
+//
+//   const zorvix::Publisher samples(kSamples);
+//   samples.Publish({1, 0.5});
+#ifndef ZORVIX_PUBLISHER_H_
+#define ZORVIX_PUBLISHER_H_
+
+#include <zorvix/delivery.h>
+#include <zorvix/detail/library.h>
+#include <zorvix/topic.h>
+
+#include <any>
+#include <type_traits>
+#include <utility>
+
+namespace zorvix {
+
+template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
+class Publisher {
+ public:
+  [[nodiscard]] explicit Publisher(const Topic<Message, kType>& topic)
+      : state_(detail::MakePublisher({topic.name, kType}, Audience::Expected)) {}
+  [[nodiscard]] Publisher(const Topic<Message, kType>& topic, Audience audience)
+      : state_(detail::MakePublisher({topic.name, kType}, audience)) {
+    static_assert(kType == bridge::BridgeType::Sync,
+                  "the audience can be chosen for a Sync topic only");
+  }
+
+  // Returns whether there was a subscriber; with Audience::Optional always true. Invokes the
+  // callables of direct subscribers, one after the other, and blocks meanwhile. For each queued
+  // subscriber and each one with an inbox it stores a copy of the message. A moved-from publisher
+  // returns false.
+  bool Publish(Message message) const {
+    return state_ != nullptr &&
+           detail::Publish(*state_, std::any(std::in_place_type<Message>, std::move(message)));
+  }
+
+  // A Topic of another type.
+  template <typename Other, typename... More, detail::IfOther<Other, Topic<Message, kType>> = 0>
+  [[nodiscard]] explicit Publisher(const Other&, const More&...) {
+    static_assert(std::is_same_v<Other, Topic<Message, kType>>,
+                  "a publisher needs a Topic of its own type");
+  }
+
+ private:
+  detail::Owned<detail::PublisherState> state_;
+};
+
+}  // namespace zorvix
+
+#endif  // ZORVIX_PUBLISHER_H_

@@ -1,0 +1,69 @@
+// The server of a service.
+//
+//   const zorvix::Server title(kTitle, [](int track) { return TitleOf(track); });
+//   const zorvix::Server slow(kCover, FindCover, zorvix::Delivery::Queued, zorvix::KeepLast{10});
+//   const zorvix::Server shown(kShown, [this](int) { return shown_; }, inbox);
+//
+// A service has one server at a time. A new server replaces the current one, and the bridge logs a
+// WARN. Server handles of one service may be destroyed in any order: when the current one is
+// destroyed, the latest of those that still exist takes over, which logs the same WARN.
+//
+// Limitation: destroying a handle may remove a server that was registered without a handle
+// (Zorvix::RegisterServer), if that has replaced the handle while calls of the handle were in
+// progress.
+#ifndef ZORVIX_SERVER_H_
+#define ZORVIX_SERVER_H_
+
+#include <zorvix/delivery.h>
+#include <zorvix/detail/library.h>
+#include <zorvix/topic.h>
+
+#include <type_traits>
+#include <typeinfo>
+#include <utility>
+
+namespace zorvix {
+
+template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
+class Server {
+ public:
+  // Answers each call with callable(const Request&), which returns a Response: with
+  // Delivery::Direct on the caller's thread, with Delivery::Queued one request at a time where the
+  // bridge's queue is drained. At most `keep` requests are pending then: the oldest is dropped and
+  // answered with std::nullopt. So are those that are pending when the server is destroyed.
+  template <typename Callable>
+  [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable,
+                       Delivery delivery = Delivery::Direct, KeepLast keep = {})
+      : Server(service, std::move(callable), detail::Place{delivery}, keep) {}
+
+  // Answers in drains of the inbox. Requests that are pending when the inbox is destroyed are
+  // answered with std::nullopt, too.
+  template <typename Callable>
+  [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable,
+                       Inbox& inbox, KeepLast keep = {})
+      : Server(service, std::move(callable), detail::Place{Delivery::Queued, &inbox}, keep) {
+    static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
+  }
+
+  // A mistake.
+  template <typename Callable, typename Where, typename Depth = KeepLast,
+            detail::IfMistaken<Where, Depth> = 0>
+  [[nodiscard]] Server(const Service<Request, Response, kType>&, const Callable&, const Where&,
+                       const Depth& = {}) {
+    detail::CheckOptions<Where, Depth>();
+  }
+
+ private:
+  template <typename Callable>
+  Server(const Service<Request, Response, kType>& service, Callable callable,
+         const detail::Place& place, KeepLast keep)
+      : state_(detail::Serve({service.name, kType}, detail::kMessageType<Request>, typeid(Response),
+                             detail::Answer<Request, Response>(std::move(callable)), place, keep)) {
+  }
+
+  detail::Owned<detail::ServerState> state_;
+};
+
+}  // namespace zorvix
+
+#endif  // ZORVIX_SERVER_H_

@@ -1,0 +1,115 @@
+// States: named values of which every watcher has the latest, even a watcher that is constructed
+// late.
+//
+//   const zorvix::State<Summary> kSummary{"summary"};  // in a header that modules share
+//   zorvix::Holder summary(kSummary);
+//   summary.Set({20, 0.5});
+//   const zorvix::Watcher show(kSummary, [](const Summary& latest) { ... });  // invoked now
+//
+// A watcher that is constructed after Set has returned has that value or a later one when its
+// constructor returns. A watcher that is constructed before there is a holder has the values that
+// are set later; the bridge logs the WARN "Call failed, no server". When the holder is destroyed,
+// watchers keep the latest value; watchers that are constructed afterwards have none until another
+// holder sets one. Setting an equal value again is a new value.
+//
+// Values are shared by all watchers, not copied. As long as others have values of a holder, and
+// these have a destructor, the holder's module stays loaded, even after dlclose. Names of states do
+// not match those of topics and services.
+#ifndef ZORVIX_STATE_H_
+#define ZORVIX_STATE_H_
+
+#include <zorvix/delivery.h>
+#include <zorvix/detail/checks.h>
+#include <zorvix/detail/library.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <typeinfo>
+#include <utility>
+
+namespace zorvix {
+
+template <typename Value>
+struct State {
+  std::string name;
+};
+
+// Sets the value of a state. If there are several holders, watchers that are constructed later get
+// the value of the latest holder that still exists; the bridge logs a WARN when it is constructed.
+template <typename Value>
+class Holder {
+ public:
+  [[nodiscard]] explicit Holder(const State<Value>& state)
+      : state_(detail::MakeHolder({state.name}, typeid(Value))) {}
+
+  // Blocks while direct watchers are invoked. Any thread may call it. If it throws std::bad_alloc,
+  // the value is not set. If a direct watcher throws an exception that is no std::exception, it
+  // leaves Set: the value is set, but other watchers may not have it.
+  void Set(Value value) {
+    if (state_ == nullptr) return;
+    detail::Set(*state_, ::new Value(std::move(value)), detail::kDestroyValue<Value>);
+  }
+
+ private:
+  detail::Owned<detail::HolderState> state_;
+};
+
+// Gives access to the latest value of a state.
+template <typename Value>
+class Watcher {
+ public:
+  [[nodiscard]] explicit Watcher(const State<Value>& state)
+      : state_(detail::MakeWatcher({state.name}, typeid(Value), {}, {})) {}
+
+  // Invokes callable(const Value&) for the latest value and for each later one, one at a time.
+  // Values in between may be skipped, the last one never; none is passed twice, or after a later
+  // one.
+  //
+  // With Delivery::Direct, on the thread that sets the value, or on a thread that is still inside
+  // the callable: a thread that is inside the callable stays there while other threads set values.
+  // When the constructor has returned, the callable has been invoked, or is being invoked on
+  // another thread, for the value that was set by then. With Delivery::Queued, where the bridge's
+  // queue is drained.
+  template <typename Callable>
+  [[nodiscard]] Watcher(const State<Value>& state, Callable callable,
+                        Delivery delivery = Delivery::Direct)
+      : Watcher(state, std::move(callable), detail::Place{delivery}) {}
+
+  // Invokes the callable in drains of the inbox.
+  template <typename Callable>
+  [[nodiscard]] Watcher(const State<Value>& state, Callable callable, Inbox& inbox)
+      : Watcher(state, std::move(callable), detail::Place{Delivery::Queued, &inbox}) {}
+
+  // Returns the latest value, or null if there is none yet.
+  std::shared_ptr<const Value> Newest() const {
+    if (state_ == nullptr) return nullptr;
+    return std::static_pointer_cast<const Value>(detail::Newest(*state_));
+  }
+
+  // Blocks until there is a value, and returns the latest one. Returns null after that time; a
+  // negative limit means without limit. Another thread must set the value.
+  std::shared_ptr<const Value> WaitFor(std::chrono::milliseconds limit) const {
+    if (state_ == nullptr) return nullptr;
+    return std::static_pointer_cast<const Value>(detail::WaitFor(*state_, limit));
+  }
+
+  // A State of another type.
+  template <typename Other, typename... More, detail::IfOther<Other, State<Value>> = 0>
+  [[nodiscard]] explicit Watcher(const Other&, const More&...) {
+    static_assert(std::is_same_v<Other, State<Value>>, "a watcher needs a State of its own type");
+  }
+
+ private:
+  template <typename Callable>
+  Watcher(const State<Value>& state, Callable callable, const detail::Place& place)
+      : state_(detail::MakeWatcher({state.name}, typeid(Value),
+                                   detail::Receive<Value>(std::move(callable)), place)) {}
+
+  detail::Owned<detail::WatcherState> state_;
+};
+
+}  // namespace zorvix
+
+#endif  // ZORVIX_STATE_H_

@@ -1,0 +1,59 @@
+// Typed handles for the bridge. A handle registers in its constructor and unregisters in its
+// destructor.
+//
+//   const zorvix::Topic<Sample> kSamples{"samples"};  // in a header that modules share
+//   const zorvix::Subscriber print(kSamples, [](const Sample& sample) { ... });
+//   zorvix::Publisher(kSamples).Publish({1, 0.5});
+//
+// Where callables are invoked, for each kind of handle:
+//
+//               | direct (default)         | Delivery::Queued        | an inbox
+//   ------------+--------------------------+-------------------------+----------------
+//   Subscriber  | on the publisher's       | one at a time, where    | one at a time,
+//   Server      | on the caller's          | the bridge's queue is   | in drains of
+//   Watcher     | on the setter's thread   | drained: Workers or     | the inbox
+//   Client      | (only blocking calls)    | Zorvix::SpinOnce        |
+//
+// Subscribers and servers that are queued or have an inbox also take a KeepLast. Handles match
+// endpoints that are registered through zorvix.h under the same name and type. Any thread may use a
+// handle. A constructor that throws has no effect; it throws what allocations throw, and what its
+// comment says. A destructor never throws; if there is no memory to unregister a name, the name
+// stays registered, with a WARN, and nothing is delivered to it.
+//
+// Lifetime: once the destructor of a handle has returned, its callable is destroyed, is not running
+// on any other thread and is not invoked again, not even for messages that were published or queued
+// earlier. The destructor therefore blocks while another thread is inside the callable; after one
+// second it logs a WARN with the endpoint's name. Do not destroy a handle while holding a lock that
+// its callable takes, and do not let two callables destroy each other's handles. A callable may
+// destroy its own handle: it is destroyed itself when it has returned.
+//
+// Unloading: once all handles and inboxes of a module have been destroyed, dlclose may unload it.
+// Where others still need code of the module, the library keeps it loaded, and logs why.
+//
+// Callables: a callable with direct delivery may be entered by several threads at the same time,
+// and before the constructor of its handle has returned. It must return on the thread that invoked
+// it, which matters to fibers. A std::exception that it throws is caught and logged. Any other
+// exception propagates to the code that published, called or drained, and ends the process on a
+// worker or an InboxThread.
+//
+// Moving: a handle may be moved, but not by two threads at the same time. A moved-from handle does
+// nothing.
+//
+// Exit: the bridge is destroyed at process exit, before every static object that existed when the
+// bridge was first used. Destroy handles before. A function-local static handle in a function that
+// has used the bridge is destroyed early enough; a global std::optional that main fills is not,
+// unless main empties it.
+#ifndef ZORVIX_TYPED_H_
+#define ZORVIX_TYPED_H_
+
+#include <zorvix/client.h>
+#include <zorvix/delivery.h>
+#include <zorvix/inbox.h>
+#include <zorvix/publisher.h>
+#include <zorvix/server.h>
+#include <zorvix/state.h>
+#include <zorvix/subscriber.h>
+#include <zorvix/topic.h>
+#include <zorvix/workers.h>
+
+#endif  // ZORVIX_TYPED_H_
