@@ -5,7 +5,9 @@
 #endif
 
 int main() {
-  const zorvix::Topic<std::string> topic{"topic"};
+  const zorvix::Topic<std::string, bridge::BridgeType::Async> topic{"topic"};
   const zorvix::Subscriber print(topic, [](const std::string& text) { std::puts(text.c_str()); });
-  return zorvix::Publisher(topic).Publish("message") ? 0 : 1;
+  const bool published = zorvix::Publisher(topic).Publish("message");
+  bridge::Zorvix::GetInstance().SpinOnce();  // the package of the handles brings the bridge
+  return published ? 0 : 1;
 }
