@@ -6,8 +6,13 @@
 #include <openssl/x509v3.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <new>
+#include <stdexcept>
+#include <utility>
 
 namespace zorvix {
 namespace mqtt {

@@ -6,6 +6,12 @@
 #include <openssl/ssl.h>
 #include <zorvix/mqtt.h>
 
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
 namespace zorvix {
 namespace mqtt {
 

@@ -4,8 +4,11 @@
 #include <poll.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
+#include <system_error>
+#include <thread>
 
 // Not __FILE__, so that lines are the same wherever this is built.
 #define MQTT_LOG(priority, ...) \

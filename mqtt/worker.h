@@ -2,8 +2,22 @@
 #ifndef ZORVIX_MQTT_WORKER_H_
 #define ZORVIX_MQTT_WORKER_H_
 
+#include <zorvix/inbox.h>
+#include <zorvix/publisher.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <functional>
 #include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <random>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "link.h"
 

@@ -4,8 +4,17 @@
 #include <sys/socket.h>
 #include <zorvix/inspect.h>
 #include <zorvix/mqtt.h>
+#include <zorvix/publisher.h>
 
+#include <atomic>
+#include <chrono>
 #include <future>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "broker.h"
 #include "log_capture.h"

@@ -6,11 +6,13 @@
 //
 // Both end at the end of their input.
 #include <zorvix/mqtt.h>
+#include <zorvix/publisher.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <string>
 
 struct Reading {
   std::string sensor;

@@ -1,7 +1,10 @@
 #include "zorvix/mqtt.h"
 
+#include <algorithm>
 #include <condition_variable>
+#include <mutex>
 #include <set>
+#include <stdexcept>
 
 #include "../worker.h"
 
@@ -12,6 +15,17 @@ namespace {
 
 // The message that an import publishes on this thread.
 thread_local const void* imported = nullptr;
+
+// Marks a message as published by an import, on this thread and until it is destroyed.
+class Importing {
+ public:
+  explicit Importing(const void* message) : outer_(std::exchange(imported, message)) {}
+  ~Importing() { imported = outer_; }
+  Importing(const Importing&) = delete;
+
+ private:
+  const void* const outer_;
+};
 
 // The names of states that this process imports.
 class ImportedStates {
@@ -72,6 +86,13 @@ std::string CheckedTopic(const detail::Core& core, const std::string& name) {
   return topic;
 }
 
+// A negative limit stands for no limit, which is a time so far away that adding it does not
+// overflow.
+Clock::time_point CloseDeadline(std::chrono::milliseconds limit) {
+  constexpr std::chrono::milliseconds kYears = std::chrono::hours(87'600);
+  return Clock::now() + (limit.count() < 0 ? kYears : std::min(limit, kYears));
+}
+
 // The threads that nobody joins, since their connections were destroyed on them. At exit, the
 // destructor waits until they have ended: they use the bridge, which is destroyed next.
 class DetachedThreads {
@@ -129,15 +150,25 @@ Connection::~Connection() {
     thread_.detach();
     return;
   }
-  const auto limit = zorvix::detail::Deadline(close_limit_);
+  const auto limit = CloseDeadline(close_limit_);
   core_->Post([limit](Worker& worker) { worker.Stop(limit); });
   thread_.join();
 }
 
 namespace detail {
 
-Importing::Importing(const void* message) : outer_(std::exchange(imported, message)) {}
-Importing::~Importing() { imported = outer_; }
+ImportedTopic::ImportedTopic(const std::string& name)
+    : control_(std::make_shared<bridge::Control>(
+          bridge::Control{name, bridge::BridgeModule::Topic, bridge::BridgeType::Sync})) {
+  bridge::Zorvix::GetInstance().RegisterPublisher(control_);
+}
+
+ImportedTopic::~ImportedTopic() { bridge::Zorvix::GetInstance().UnregisterPublisher(control_); }
+
+void ImportedTopic::Publish(std::any&& any, const void* message) const {
+  const Importing importing(message);
+  bridge::Zorvix::GetInstance().Publish(control_, std::move(any));
+}
 
 // Shared with a task behind the last message that was pushed: so the relay outlives the export
 // until the connection has taken what is pending.
@@ -186,6 +217,19 @@ Amounts Sender::Count() const {
   return {route.pending, pushed - std::min(kept, pushed) + route.rejected.count};
 }
 
+// The part of an import that does not depend on the type of its messages.
+class Receiver {
+ public:
+  Receiver(Connection& connection, const std::string& name, Kind kind, Handler handler);
+  ~Receiver();
+  Receiver(const Receiver&) = delete;
+  std::size_t rejected() const { return incoming_->rejected.count; }
+
+ private:
+  const std::shared_ptr<Core> core_;
+  const std::shared_ptr<Incoming> incoming_;
+};
+
 Receiver::Receiver(Connection& connection, const std::string& name, Kind kind, Handler handler)
     : core_(connection.core_),
       incoming_(std::make_shared<Incoming>(name, CheckedTopic(*core_, name), kind == Kind::kState,
@@ -200,7 +244,22 @@ Receiver::~Receiver() {
   core_->Post([incoming = incoming_](Worker& worker) { worker.RemoveImport(incoming); });
 }
 
-Amounts Receiver::Count() const { return {0, incoming_->rejected.count}; }
+// An import, and its row of Inspect.
+struct ListedReceiver {
+  ListedReceiver(Connection& connection, const std::string& name, Kind kind, Handler handler,
+                 zorvix::detail::Module& module)
+      : receiver(connection, name, kind, std::move(handler)),
+        listing("Import", name, module, [this] {
+          return zorvix::detail::Counts{0, 0, receiver.rejected()};
+        }) {}
+  const Receiver receiver;
+  const zorvix::detail::Listing listing;
+};
+
+std::shared_ptr<void> StartImport(Connection& connection, const std::string& name, Kind kind,
+                                  Handler handler, zorvix::detail::Module& module) {
+  return std::make_shared<ListedReceiver>(connection, name, kind, std::move(handler), module);
+}
 
 }  // namespace detail
 

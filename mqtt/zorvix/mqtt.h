@@ -42,7 +42,12 @@
 
 #include <zorvix/mqtt_detail.h>
 
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
 #include <thread>
+#include <utility>
 
 namespace zorvix {
 namespace mqtt {
@@ -84,15 +89,15 @@ struct Options {
 
 // Keeps up a connection to a broker on a thread of its own. While the broker is away it tries
 // again, with growing pauses; each new reason is logged with one WARN and set in Options::status.
-class Connection {
+class ZORVIX_EXPORT Connection {
  public:
   // Does not wait for the broker. Throws std::invalid_argument for options that contradict each
   // other, and for certificates and keys that cannot be read.
-  ZORVIX_EXPORT explicit Connection(const Options& options);
+  explicit Connection(const Options& options);
   // Sends what is pending, for Options::close_limit at most, and logs how many messages were not
   // sent. In a callable that runs on the connection's own thread it sends nothing more, and the
   // process exits only when that callable has returned.
-  ZORVIX_EXPORT ~Connection();
+  ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
@@ -111,21 +116,22 @@ class Export {
   // the publisher's thread, so several threads may call it at the same time. A message for which it
   // throws a std::exception is not sent; that is counted and logged without its text.
   template <typename Message>
-  [[nodiscard]] ZORVIX_INLINED Export(
-      Connection& connection, const Topic<Message>& topic,
-      typename detail::Given<detail::Writer<Message>>::Function write, KeepLast keep = {})
-      : exporting_(detail::StartExport<Subscriber<Message>>(connection, topic, detail::Kind::kTopic,
-                                                            std::move(write), keep)) {}
+  [[nodiscard]] Export(Connection& connection, const Topic<Message>& topic,
+                       typename detail::Given<detail::Writer<Message>>::Function write,
+                       KeepLast keep = {})
+      : exporting_(std::make_shared<detail::Exporting<Subscriber<Message>>>(
+            connection, topic, detail::Kind::kTopic, std::move(write), keep)) {}
 
   // Sends the current value, if there is one, and each later one, as a retained message. While the
   // broker is away only the latest is kept. An empty text clears the retained message. The broker
   // keeps the value when the export is destroyed.
   template <typename Value>
-  [[nodiscard]] ZORVIX_INLINED Export(Connection& connection, const State<Value>& state,
-                                      typename detail::Given<detail::Writer<Value>>::Function write)
-      : exporting_(detail::StartExport<Watcher<Value>>(connection, state, detail::Kind::kState,
-                                                       std::move(write), KeepLast{1})) {}
-  ZORVIX_MOVE_ONLY(Export);
+  [[nodiscard]] Export(Connection& connection, const State<Value>& state,
+                       typename detail::Given<detail::Writer<Value>>::Function write)
+      : exporting_(std::make_shared<detail::Exporting<Watcher<Value>>>(
+            connection, state, detail::Kind::kState, std::move(write), KeepLast{1})) {}
+  Export(Export&&) noexcept = default;
+  Export& operator=(Export&&) noexcept = default;
 
  private:
   std::shared_ptr<void> exporting_;
@@ -139,41 +145,19 @@ class Import {
   // Publishes read(const std::string&), a Message, for each message. Retained ones are not events:
   // what the broker retains from before is not received.
   template <typename Message>
-  [[nodiscard]] ZORVIX_INLINED Import(
-      Connection& connection, const Topic<Message>& topic,
-      typename detail::Given<detail::Reader<Message>>::Function read) {
-    const auto publisher = std::make_shared<const detail::ImportedTopic<Message>>(topic.name);
-    const auto handle = [=](const std::string& text) {
-      std::optional<Message> message = read(text);
-      if (!message) return false;
-      publisher->Publish(*std::move(message));
-      return true;
-    };
-    importing_ = detail::StartImport(connection, topic.name, detail::Kind::kTopic, handle);
-  }
+  [[nodiscard]] Import(Connection& connection, const Topic<Message>& topic,
+                       typename detail::Given<detail::Reader<Message>>::Function read)
+      : importing_(detail::ImportTopic(connection, topic, std::move(read))) {}
 
   // Holds the state, so this process must have no other holder of it. Keeps the last value while
   // the broker is away. Where the retained message is cleared (an empty payload), the state has no
   // value until another arrives: later watchers get none, earlier ones keep what they have.
   template <typename Value>
-  [[nodiscard]] ZORVIX_INLINED Import(
-      Connection& connection, const State<Value>& state,
-      typename detail::Given<detail::Reader<Value>>::Function read) {
-    const auto holder = std::make_shared<std::optional<Holder<Value>>>(Holder<Value>(state));
-    const auto handle = [=](const std::string& text) {
-      if (text.empty()) {
-        holder->reset();
-        holder->emplace(state);
-        return true;
-      }
-      std::optional<Value> value = read(text);
-      if (!value) return false;
-      (*holder)->Set(*std::move(value));
-      return true;
-    };
-    importing_ = detail::StartImport(connection, state.name, detail::Kind::kState, handle);
-  }
-  ZORVIX_MOVE_ONLY(Import);
+  [[nodiscard]] Import(Connection& connection, const State<Value>& state,
+                       typename detail::Given<detail::Reader<Value>>::Function read)
+      : importing_(detail::ImportState(connection, state, std::move(read))) {}
+  Import(Import&&) noexcept = default;
+  Import& operator=(Import&&) noexcept = default;
 
  private:
   std::shared_ptr<void> importing_;
