@@ -3,10 +3,13 @@
 #include <zorvix/typed.h>
 
 #include <any>
+#include <array>
+#include <atomic>
 #include <boost/asio.hpp>
 #include <boost/signals2/signal.hpp>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -185,18 +188,25 @@ void PublishAsync(benchmark::State& state, Burst burst, int minimum_priority) {
       [&](auto& context, auto&) { topic.PostOn(context); });
 }
 
-// Delivers typed messages in order and one at a time: through an inbox, or by the bridge's workers.
-// A task on the peer's strand shares the callback and holds the message by value.
-void PublishInOrder(benchmark::State& state, Burst burst) {
+// Delivers typed messages in order and one at a time: through an inbox, or through the bridge's
+// queue. A task on the peer's strand shares the callback and holds the message by value.
+void PublishInOrder(benchmark::State& state, Burst burst, bool to_inbox) {
   const auto receive = burst.workers == 0 ? Receive : ReceiveOnWorker;
   const auto callback = std::make_shared<std::function<void(const Payload&)>>(receive);
   zorvix::Inbox inbox;
   const zorvix::Subscriber subscriber =
-      burst.workers == 0 ? zorvix::Subscriber(kTyped, receive, inbox)
-                         : zorvix::Subscriber(kTyped, receive, zorvix::Delivery::Queued);
+      to_inbox ? zorvix::Subscriber(kTyped, receive, inbox)
+               : zorvix::Subscriber(kTyped, receive, zorvix::Delivery::Queued);
   const zorvix::Publisher publisher(kTyped);
+  const auto drain = [&] {
+    if (to_inbox) {
+      inbox.Drain();
+    } else {
+      the_bridge.SpinOnce();
+    }
+  };
   CompareQueues(
-      state, burst, [&] { publisher.Publish(Payload{}); }, [&] { inbox.Drain(); },
+      state, burst, [&] { publisher.Publish(Payload{}); }, drain,
       [&](auto&, auto& strand) {
         boost::asio::post(strand, [callback, message = Payload{}] { (*callback)(message); });
       });
@@ -256,14 +266,15 @@ void AddQueueCases() {
   add_async("Async publish to a worker, 64 at a time", {64, 1});
   add_async("Async publish to 2 workers, 64 at a time", {64, 2});
 
-  const auto add_in_order = [](const char* name, Burst burst) {
-    Add(name, 150, PublishInOrder, burst);
-  };
-  add_in_order("Queued delivery by a worker, 64 at a time", {64, 1});
-  add_in_order("Queued delivery by 2 workers, 64 at a time", {64, 2});
-  add_in_order("Publish to an inbox and drain, 64 at a time", {64, 0});
-  add_in_order("Publish to an inbox and drain, 8 at a time", {8, 0});
-  add_in_order("Publish to an inbox and drain, 1 at a time", {1, 0});
+  Add("Queued delivery by a worker, 64 at a time", 150, PublishInOrder, Burst{64, 1}, false);
+  Add("Queued delivery by 2 workers, 64 at a time", 150, PublishInOrder, Burst{64, 2}, false);
+  for (const bool to_inbox : {false, true}) {
+    const std::string to = to_inbox ? "an inbox" : "a queued subscriber";
+    for (const std::size_t size : {64u, 8u, 1u}) {
+      Add("Publish to " + to + " and drain, " + std::to_string(size) + " at a time", 150,
+          PublishInOrder, Burst{size, 0}, to_inbox);
+    }
+  }
 }
 
 void AddRegisterCases() {
@@ -314,5 +325,6 @@ void AddCases() {
   AddSyncCases();
   AddQueueCases();
   AddRegisterCases();
+  AddHandleCases();
   AddParts();
 }

@@ -27,7 +27,8 @@ struct Sample {  // of one operation
 using Clock = std::chrono::steady_clock;
 using Measure = std::function<Sample()>;
 
-void AddCases();  // registers all cases
+void AddCases();        // registers all cases
+void AddHandleCases();  // those of handles.cpp
 
 inline thread_local std::size_t allocations = 0;  // so far
 

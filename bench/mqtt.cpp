@@ -1,12 +1,15 @@
 // Measures how many messages a second reach a broker on this machine, with QoS 1, next to
 // mosquitto_pub -l. Prints a table.
 #include <zorvix/mqtt.h>
+#include <zorvix/publisher.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <string>
 
 #include "../tests/broker.h"
 
