@@ -1,0 +1,2 @@
+// A module that does not use the bridge.
+extern "C" void Start() {}
