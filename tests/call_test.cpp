@@ -94,7 +94,7 @@ TEST_F(Calls, CallableIsInvokedOnceWithNoneIfNobodyAnswers) {
       {nothing, nothing, "Call failed, no server, server_name: double"},
       {serve(kService, Double), destroy_server, "discarded, kind: Server, name: double"},
       {serve(kService, Double), destroy_inbox, "discarded, kind: Server, name: double"},
-      {serve(kService, fail), drain, "E(queue.h"},
+      {serve(kService, fail), drain, "callable failed! error: bad luck, name: double"},
       {serve(other_request, Double), drain, "the request is an int"},
       {serve(other_response, [](int) { return 'x'; }), nothing,
        "the answer is a char, the client takes an int"},
@@ -213,7 +213,7 @@ TEST_F(Calls, CallThatCouldOnlyWaitForItsOwnThreadReturnsNone) {
   EXPECT_EQ(server_inbox_->Drain(), 1u);
 
   EXPECT_EQ(answers_, Answers(4));
-  EXPECT_EQ(Count(TakeLog(), "would wait forever, name: double"), 4u);
+  EXPECT_EQ(Count(TakeLog(), "could only answer after that callable returns, name: double"), 4u);
   server_inbox_->Drain();
   client_inbox_->Drain();
   EXPECT_EQ(answers_.back(), 10) << "what does not wait is answered by the next drain";

@@ -101,6 +101,7 @@ class InboxWalk : public Bridge {
   void Schedule(const std::shared_ptr<Mailbox>& mailbox) {
     if (!mailbox->ready()) return;
     const bool listed = std::find(ready_.begin(), ready_.end(), mailbox) != ready_.end();
+    if (listed && posted_tasks_ > 0) return;
     if (!listed) ready_.push_back(mailbox);
     PostTasks();
   }
@@ -237,11 +238,15 @@ class InboxWalk : public Bridge {
                                            zorvix::KeepLast(zorvix::KeepAll()).depth, inbox_});
   }
 
-  // Fills the bridge's queue with tasks of others.
+  // Fills the bridge's queue with tasks of others. If that drops the last task while queued
+  // subscribers are ready, a thread posts one anew, which drops one of the others. Runs the others.
   void DropAllTasks() {
-    for (int i = 0; i < 100; ++i) ZorvixPublish(others_, i);
-    posted_tasks_ = 0;
-    ZorvixSpinOnce();
+    constexpr int kQueueSize = 100;
+    const bool posts_anew = posted_tasks_ > 0 && !ready_.empty();
+    for (int i = 0; i < kQueueSize; ++i) ZorvixPublish(others_, i);
+    if (posts_anew) WaitForLog("event queue overflow", static_cast<std::size_t>(posted_tasks_) + 1);
+    posted_tasks_ = posts_anew ? 1 : 0;
+    for (int i = posted_tasks_; i < kQueueSize; ++i) EXPECT_TRUE(ZorvixRunOneceStep());
   }
 
   void ExpectDropped(Queue& queue) {
@@ -258,12 +263,11 @@ class InboxWalk : public Bridge {
     EXPECT_EQ(poll(&descriptor, 1, 0), inbox_->ready() ? 1 : 0);
   }
 
-  // Lines of other files than the mailboxes' are not predicted.
+  // Lines of the bridge are not predicted. They have no origin.
   void ExpectLines() {
     Lines logged;
     for (const auto& line : TakeLog()) {
-      if (line.find("queue.h:") == std::string::npos) continue;
-      logged.push_back(line[0] + line.substr(line.find("): ") + 1));
+      if (line[1] == '(') logged.push_back(line[0] + line.substr(line.find("): ") + 1));
     }
     EXPECT_EQ(logged, std::exchange(lines_, {}));
   }

@@ -63,6 +63,21 @@ TEST_F(Bridge, WatchersKeepTheValueOfAHolderUntilAnotherOneSetsALater) {
   EXPECT_EQ(seen, (Numbers{1, 1, 2, 3}));
 }
 
+TEST_F(Bridge, LateWatcherHasTheValueOfTheLatestHolderThatStillExists) {
+  const auto number = [] { return Watcher(kState).Newest()->number; };
+  zorvix::Holder first(kState);
+  first.Set({1});
+  {
+    zorvix::Holder second(kState);
+    second.Set({2});
+    EXPECT_EQ(number(), 2);
+  }
+  EXPECT_EQ(number(), 1);
+
+  first.Set({3});
+  EXPECT_EQ(number(), 3);
+}
+
 TEST_F(Bridge, HolderWithoutWatchersLogsNothing) {
   zorvix::Holder holder(kState);
 

@@ -1,6 +1,9 @@
 // What handles promise beyond the plain interface: lifetimes, types, answers and workers.
 #include <zorvix/state.h>
 
+#include <array>
+#include <map>
+
 #include "bridge_test.h"
 #include "threads.h"
 
@@ -264,19 +267,22 @@ std::optional<int> AskQueued() {
 const auto one = [](int) { return short{1}; };  // is converted
 const auto two = [](int) { return 2; };
 
-TEST_F(Bridge, ReplacedServerDoesNotRemoveItsSuccessor) {
-  for (const bool call_in_queue : {false, true}) {
-    std::optional first(QueuedServer(kQueuedService, one));
-    if (call_in_queue) zorvix::Client(kQueuedService).Call(0);
-    std::optional second(QueuedServer(kQueuedService, two));
+TEST_F(Bridge, LatestServerThatStillExistsAnswers) {
+  std::array order{0, 1, 2};
+  do {
+    SCOPED_TRACE(testing::PrintToString(order));
+    std::map<int, QueuedServer> servers;
+    for (const int number : {0, 1, 2}) {
+      servers.emplace(number, QueuedServer(kQueuedService, [=](int) { return number; }));
+    }
 
-    first.reset();
-    EXPECT_EQ(AskQueued(), 2);
-
-    first.emplace(kQueuedService, one);
-    first.reset();
-    EXPECT_EQ(AskQueued(), std::nullopt) << "the replaced server does not come back";
-  }
+    for (const int destroyed : order) {
+      EXPECT_EQ(AskQueued(), servers.rbegin()->first);
+      zorvix::Client(kQueuedService).Call(0);  // shares the latest server
+      servers.erase(destroyed);
+    }
+    EXPECT_EQ(AskQueued(), std::nullopt);
+  } while (std::next_permutation(order.begin(), order.end()));
 }
 
 // In half of the rounds, the new server is still being registered when the other one is destroyed.
