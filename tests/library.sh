@@ -25,7 +25,7 @@ expect "symbols of the headers in a module" \
   "$("$nm" -D --defined-only "$module" | grep -E ' _Z.*6(bridge|zorvix)')" ""
 # The standard library would bind to them and keep the module loaded, if that loads it first.
 expect "symbols of the standard library in a module that dlclose must unload" \
-  "$("$nm" -D --defined-only "$module" | grep -E ' _Z(T[A-Z]|GV|Z)*N?K?S[abdiost]')" ""
+  "$("$nm" -D --defined-only "$module" | grep -E ' _Z(T[A-Z]|T[chv][0-9n_]*|GV|Z)*N?K?S[abdiost]')" ""
 
 check() { # LIBRARY SONAME NEEDED-OF-OUR-LIBRARIES NEEDED-ON-ANDROID
   expect SONAME "$(dynamic "$1" SONAME)" "$2"
