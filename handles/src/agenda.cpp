@@ -1,14 +1,13 @@
 #include "agenda.h"
 
-#include <algorithm>
-
 namespace zorvix::detail {
 
 void Agenda::Reserve(std::size_t queues) {
   if (queues <= ring_.size()) return;
-  std::vector<Entry> larger(std::max<std::size_t>(2 * ring_.size(), 4));
+  std::vector<Entry> larger(2 * ring_.size());
   for (std::size_t i = 0; i < size_; ++i) larger[i] = at(i);
   ring_.swap(larger);
+  mask_ = ring_.size() - 1;
   first_ = 0;
 }
 
@@ -29,7 +28,7 @@ std::size_t Agenda::Find(Turn turn) {
 
 void Agenda::Insert(const Entry& entry) noexcept {
   if (entry.turn < front().turn) {
-    first_ = (first_ - 1) & (ring_.size() - 1);
+    first_ = (first_ - 1) & mask_;
     ++size_;
     at(0) = entry;
     return;

@@ -28,26 +28,40 @@ class Agenda {
   bool empty() const { return size_ == 0; }
   const Entry& front() const { return ring_[first_]; }
 
-  void Add(const Entry& entry) noexcept {
-    if (size_ != 0 && entry.turn < at(size_ - 1).turn) {
-      Insert(entry);
+  void Add(Turn turn, Queue* queue) noexcept {
+    if (size_ != 0 && turn < at(size_ - 1).turn) {
+      Insert({turn, queue});
       return;
     }
-    at(size_) = entry;
+    // Not as one assignment, for which the entry would go through memory.
+    Entry& entry = at(size_);
+    entry.turn = turn;
+    entry.queue = queue;
     ++size_;
   }
   void PopFront() noexcept {
-    first_ = (first_ + 1) & (ring_.size() - 1);
+    first_ = (first_ + 1) & mask_;
     --size_;
+  }
+  // Gives the first entry a later turn.
+  void PostponeFront(Turn turn) noexcept {
+    if (size_ == 1 || turn < at(1).turn) {
+      at(0).turn = turn;
+    } else {
+      Queue* const queue = front().queue;
+      PopFront();
+      Add(turn, queue);
+    }
   }
   void Remove(Turn turn) noexcept;
 
  private:
-  Entry& at(std::size_t index) { return ring_[(first_ + index) & (ring_.size() - 1)]; }
+  Entry& at(std::size_t index) { return ring_[(first_ + index) & mask_]; }
   std::size_t Find(Turn turn);
   void Insert(const Entry& entry) noexcept;
 
-  std::vector<Entry> ring_;  // a power of two of them, or none
+  std::vector<Entry> ring_{1};  // a power of two of them
+  std::size_t mask_ = 0;        // their number less 1
   std::size_t first_ = 0;
   std::size_t size_ = 0;
 };

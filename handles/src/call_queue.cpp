@@ -29,12 +29,12 @@ bool CallQueue::Claim(PendingCall& call) {
 // The callable is invoked in a drain, or if the queue or its strand is closed, is destroyed when
 // the client is.
 void CallQueue::EndSettling(PendingCall& call) {
+  if (call.is_abandoned_) {
+    call.callable_.Reset();
+    return;
+  }
   {
     const Lock lock(mutex_);
-    if (call.is_abandoned_) {
-      call.callable_.Reset();
-      return;
-    }
     NotifyClosing();
     if (IsClosed()) {
       late_.splice(late_.end(), in_progress_, call.position_);

@@ -31,8 +31,8 @@ class PendingCall final : public SharedReply {
   // The thread that settles or discards the call, and so the only one that may use the callable
   // until the call is answered. None while it is in progress.
   std::atomic<std::thread::id> owner_{std::thread::id()};
-  Turn turn_ = 0;  // the queue's mutex guards this and what follows
-  bool is_abandoned_ = false;
+  bool is_abandoned_ = false;  // the owner has destroyed the client while it settled the call
+  Turn turn_ = 0;              // the queue's mutex guards this and what follows
   std::list<std::shared_ptr<PendingCall>>::iterator position_;
 };
 

@@ -127,10 +127,10 @@ void CallAndWait(const ClientState& client, const std::any& request, const Answe
                  void* answer, std::chrono::milliseconds limit) {
   const Section section("Call", client.name);
   WaitingOffer offer(type, answer);
-  const bool is_limited = limit.count() >= 0;
-  const auto end = is_limited ? Deadline(limit) : Clock::time_point();
+  // Without a limit, no clock is read.
+  const auto end = limit.count() < 0 ? Clock::time_point::max() : Deadline(limit);
   CallNow(client.participant.control, request, offer);
-  offer.Wait(is_limited ? end : Deadline(limit));
+  offer.Wait(end);
 }
 
 void CallAndReply(const ClientState& client, const std::any& request, const AnswerType& type,

@@ -15,7 +15,11 @@
 
 namespace zorvix::detail {
 
-inline bridge::Zorvix& Bridge() { return bridge::Zorvix::GetInstance(); }
+// A reference of the library's own, since GetInstance is a call of another library.
+inline bridge::Zorvix& Bridge() {
+  static bridge::Zorvix& bridge = bridge::Zorvix::GetInstance();
+  return bridge;
+}
 
 // What the bridge logs when an endpoint gets a value of another type.
 class TypeMismatch final : public std::bad_any_cast {

@@ -13,17 +13,8 @@ void Fifo::AddBlock() {
   }
 }
 
-// The first block is used up, or nothing is left in it.
+// The first block is used up, and there is another one.
 void Fifo::LeaveBlock() noexcept {
-  if (size_ == 0) {
-    // The last block is used again from its beginning.
-    while (blocks_.size() > 1) blocks_.pop_front();
-    first_ = blocks_.front().get();
-    end_of_first_ = first_ + block_size_;
-    next_ = first_;
-    end_of_last_ = end_of_first_;
-    return;
-  }
   if (spare_.empty()) {
     spare_.splice(spare_.end(), blocks_, blocks_.begin());
   } else {

@@ -36,7 +36,11 @@ class Fifo {
   void Pop() noexcept {
     --size_;
     first_ += element_size_;
-    if (first_ == end_of_first_ || size_ == 0) LeaveBlock();
+    if (size_ == 0) {
+      UseLastBlockAgain();
+    } else if (first_ == end_of_first_) {
+      LeaveBlock();
+    }
   }
 
   void Swap(Fifo& other) noexcept;
@@ -46,6 +50,11 @@ class Fifo {
 
   void AddBlock();
   void LeaveBlock() noexcept;
+  void UseLastBlockAgain() noexcept {
+    while (end_of_first_ != end_of_last_) LeaveBlock();
+    first_ = end_of_last_ - block_size_;
+    next_ = first_;
+  }
 
   std::size_t element_size_;
   std::size_t block_size_;

@@ -78,17 +78,13 @@ class DrainThread {
 Inbox::Inbox(const std::string& name, detail::Module& module)
     : state_(std::make_shared<detail::InboxState>(name, module)) {}
 
-Inbox::~Inbox() { state_->strand->Shut(); }
+Inbox::~Inbox() { state_->strand->Shut(state_); }
 
-std::size_t Inbox::Drain() {
-  const auto keeps_state = state_;  // a callable may destroy the inbox
-  return keeps_state->strand->Drain();
-}
+std::size_t Inbox::Drain() { return state_->strand->Drain(); }
 
 std::size_t Inbox::Drain(std::chrono::milliseconds limit) {
-  const auto keeps_state = state_;
   const auto end = detail::Deadline(limit);
-  return keeps_state->strand->Drain([end] { return detail::Clock::now() < end; });
+  return state_->strand->Drain([end] { return detail::Clock::now() < end; });
 }
 
 bool Inbox::Wait(std::chrono::milliseconds limit) const {

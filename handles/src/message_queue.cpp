@@ -11,17 +11,24 @@
 namespace zorvix::detail {
 namespace {
 
-constexpr std::size_t kElementsOfBlock = 32;
+constexpr std::size_t kSlotsOfBlock = 32;
 
 // Returns 8, 16, 32 or 64.
-std::size_t SlotSize(std::size_t size) {
-  std::size_t slot_size = 8;
-  while (slot_size < size) slot_size *= 2;
-  return slot_size;
+std::size_t ValueSize(std::size_t size) {
+  std::size_t value_size = 8;
+  while (value_size < size) value_size *= 2;
+  return value_size;
 }
 
-// Copies a slot of one of these sizes.
-void CopySlot(void* to, const void* from, std::size_t size) {
+// Returns a multiple of the greatest alignment of a value.
+std::size_t SlotSize(std::size_t value_size, bool has_reply) {
+  constexpr std::size_t kAlignment = alignof(std::max_align_t);
+  const std::size_t size = value_size + sizeof(Turn) + (has_reply ? sizeof(ReplyOwner) : 0);
+  return (size + kAlignment - 1) / kAlignment * kAlignment;
+}
+
+// Copies a value of one of these sizes.
+void CopyValue(void* to, const void* from, std::size_t size) {
   switch (size) {
     case 8:
       std::memcpy(to, from, 8);
@@ -44,9 +51,9 @@ std::size_t CheckedDepth(KeepLast keep) {
   return keep.depth;
 }
 
-void MessageQueue::Taken::Reset() {
-  if (std::exchange(has_message, false) && !queue_.is_in_place_) queue_.type_.destroy(stored.copy);
-  reply.Reset();
+void MessageQueue::Taken::Destroy() {
+  if (std::exchange(owns_message, false)) queue_.type_.destroy(stored.copy);
+  if (reply.get() != nullptr) reply.Reset();
 }
 
 MessageQueue::MessageQueue(const char* its_kind, const std::string& its_name, Module& its_module,
@@ -56,167 +63,175 @@ MessageQueue::MessageQueue(const char* its_kind, const std::string& its_name, Mo
       type_(type),
       answer_type_(answer_type),
       is_in_place_(type.size_in_place != 0),
-      slot_size_(SlotSize(type.size_in_place)),
-      element_size_(slot_size_ + (answer_type == nullptr ? 0 : sizeof(ReplyOwner))),
+      value_size_(ValueSize(type.size_in_place)),
+      slot_size_(SlotSize(value_size_, answer_type != nullptr)),
       depth_(CheckedDepth(keep)),
       callable_(std::move(callable)),
-      pending_(element_size_, std::min(depth_, kElementsOfBlock)),
-      turns_(sizeof(Turn), std::min(depth_, kElementsOfBlock)) {}
+      pending_(slot_size_, std::min(depth_, kSlotsOfBlock)) {}
+
+inline Turn* MessageQueue::TurnIn(void* slot) const {
+  return reinterpret_cast<Turn*>(static_cast<unsigned char*>(slot) + value_size_);
+}
+
+inline ReplyOwner* MessageQueue::ReplyIn(void* slot) const {
+  return reinterpret_cast<ReplyOwner*>(static_cast<unsigned char*>(slot) + value_size_ +
+                                       sizeof(Turn));
+}
 
 void MessageQueue::Push(const std::any& message) {
-  if (Push(message, Expected()) != Pushed::kOtherType) return;
+  if (Push(message, nullptr) == Pushed::kOtherType) RejectMessage(message);
+}
+
+void MessageQueue::PushRequest(const std::any& request, ReplyOwner reply,
+                               const std::type_info& wanted_answer) {
+  Expected expected{std::move(reply), wanted_answer};
+  const Pushed pushed = Push(request, &expected);
+  if (pushed == Pushed::kOtherType || pushed == Pushed::kOtherAnswer) {
+    RejectRequest(request, expected, pushed);
+  }
+}
+
+void MessageQueue::RejectMessage(const std::any& message) {
   const Gate::Pass pass(gate_);  // for the type, which is in the module
   if (!pass.admitted()) return;
   throw TypeMismatch("message", message.type(), "subscriber", *type_.type);
 }
 
-void MessageQueue::PushRequest(const std::any& request, ReplyOwner reply,
-                               const std::type_info& wanted_answer) {
-  const Pushed pushed = Push(request, {std::move(reply), &wanted_answer});
-  if (pushed == Pushed::kYes || pushed == Pushed::kClosed) return;
+void MessageQueue::RejectRequest(const std::any& request, const Expected& expected, Pushed pushed) {
   const Gate::Pass pass(gate_);
   if (!pass.admitted()) return;
   if (pushed == Pushed::kOtherType) {
     throw TypeMismatch("request", request.type(), "server", *type_.type);
   }
-  throw TypeMismatch("answer", *answer_type_, "client", wanted_answer);
+  throw TypeMismatch("answer", *answer_type_, "client", expected.answer_type);
 }
 
-MessageQueue::Pushed MessageQueue::Push(const std::any& message, Expected expected) {
-  return is_in_place_ ? PushInPlace(message, expected) : PushCopy(message, expected);
+inline void MessageQueue::PopInto(Taken& oldest, Fifo& pending) const {
+  void* const slot = pending.front();
+  CopyValue(&oldest.stored, slot, value_size_);
+  oldest.owns_message = !is_in_place_;
+  if (answer_type_ != nullptr) {
+    ReplyOwner& reply = *std::launder(ReplyIn(slot));
+    oldest.reply = std::move(reply);
+    reply.~ReplyOwner();
+  }
+  pending.Pop();
 }
 
-MessageQueue::Pushed MessageQueue::PushInPlace(const std::any& message, Expected& expected) {
-  Taken dropped(*this);
+inline bool MessageQueue::Add(std::optional<Taken>& dropped) {
+  const std::size_t size = pending_.size();
+  if (size == depth_) return AddToFull(dropped);
+  const Turn turn = AddTurn(size == 0);
+  if (size == 0) first_turn_ = turn;
+  ::new (TurnIn(pending_.next())) Turn(turn);
+  pending_.Push();
+  return false;
+}
+
+bool MessageQueue::AddToFull(std::optional<Taken>& dropped) {
+  ::new (TurnIn(pending_.next())) Turn(TakeTurn());
+  pending_.Push();
+  PopInto(dropped.emplace(*this), pending_);  // the next message takes over its turn
+  ++dropped_;
+  return ++dropped_in_a_row_ == 1;
+}
+
+MessageQueue::Pushed MessageQueue::PushInPlace(const std::any& message, Expected* expected) {
+  std::optional<Taken> dropped;
   bool is_first_drop = false;
   {
     const Lock lock(mutex_);
     if (IsClosed()) return Pushed::kClosed;
     if (!GivesAnswer(expected)) return Pushed::kOtherAnswer;
-    MakeRoom();
+    pending_.MakeRoom();
     if (!type_.store(message, pending_.next())) return Pushed::kOtherType;
-    AddStored(expected.reply, dropped);
-    is_first_drop = dropped.has_message && dropped_in_a_row_ == 1;
+    if (expected != nullptr)
+      ::new (ReplyIn(pending_.next())) ReplyOwner(std::move(expected->reply));
+    is_first_drop = Add(dropped);
   }
-  AfterAdd(is_first_drop);
+  if (is_first_drop) LogFirstDrop();
+  AfterPush();
   return Pushed::kYes;
 }
 
-MessageQueue::Pushed MessageQueue::PushCopy(const std::any& message, Expected& expected) {
+MessageQueue::Pushed MessageQueue::PushCopy(const std::any& message, Expected* expected) {
   bool is_first_drop = false;
   {
     const Gate::Pass pass(gate_);
     if (!pass.admitted()) return Pushed::kClosed;
     if (!GivesAnswer(expected)) return Pushed::kOtherAnswer;
     Taken copy(*this);
-    copy.has_message = type_.store(message, &copy.stored);
-    if (!copy.has_message) return Pushed::kOtherType;
-    copy.reply = std::move(expected.reply);
-    Taken dropped(*this);
+    copy.owns_message = type_.store(message, &copy.stored);
+    if (!copy.owns_message) return Pushed::kOtherType;
+    if (expected != nullptr) copy.reply = std::move(expected->reply);
+    std::optional<Taken> dropped;
     const Lock lock(mutex_);
     // The copy constructor of the message may have closed the queue.
     if (IsClosed()) return Pushed::kClosed;
-    Add(copy, dropped);
-    is_first_drop = dropped.has_message && dropped_in_a_row_ == 1;
+    is_first_drop = AddCopy(copy, dropped);
   }
-  AfterAdd(is_first_drop);
+  if (is_first_drop) LogFirstDrop();
+  AfterPush();
   return Pushed::kYes;
 }
 
 void MessageQueue::PushOwned(void* owned) {
   Taken copy(*this);
   copy.stored.copy = owned;
-  copy.has_message = true;
-  Taken dropped(*this);
+  copy.owns_message = true;
+  std::optional<Taken> dropped;
   {
     const Lock lock(mutex_);
     if (IsClosed()) return;
-    Add(copy, dropped);
-  }
-  AfterAdd(false);
-}
-
-void MessageQueue::MakeRoom() {
-  pending_.MakeRoom();
-  turns_.MakeRoom();
-}
-
-void MessageQueue::Add(Taken& copy, Taken& dropped) {
-  MakeRoom();
-  CopySlot(pending_.next(), &copy.stored, slot_size_);
-  copy.has_message = false;
-  AddStored(copy.reply, dropped);
-}
-
-void MessageQueue::AddStored(ReplyOwner& reply, Taken& dropped) {
-  if (answer_type_ != nullptr) {
-    ::new (static_cast<unsigned char*>(pending_.next()) + slot_size_) ReplyOwner(std::move(reply));
-  }
-  pending_.Push();
-  if (pending_.size() > depth_) {
-    PopFrom(pending_, dropped);
-    ++dropped_;
-    ++dropped_in_a_row_;
-    return;  // the next message has the turn of the dropped one
-  }
-  const Turn turn = AddTurn(pending_.size() == 1);
-  ::new (turns_.next()) Turn(turn);
-  turns_.Push();
-}
-
-void MessageQueue::AfterAdd(bool is_first_drop) const {
-  if (is_first_drop && depth_ > 1) {
-    BRIDGE_LOG(bridge::kLogWarn,
-               "a full queue drops its oldest messages, kind: %s, name: %s, module: %s, "
-               "depth: %zu",
-               kind, name.c_str(), module, depth_);
+    AddCopy(copy, dropped);
   }
   AfterPush();
 }
 
-void MessageQueue::PopFrom(Fifo& pending, Taken& oldest) const {
-  auto* const slot = static_cast<unsigned char*>(pending.front());
-  CopySlot(&oldest.stored, slot, slot_size_);
-  oldest.has_message = true;
-  if (answer_type_ != nullptr) {
-    auto* const reply = std::launder(reinterpret_cast<ReplyOwner*>(slot + slot_size_));
-    oldest.reply = std::move(*reply);
-    reply->~ReplyOwner();
-  }
-  pending.Pop();
+bool MessageQueue::AddCopy(Taken& copy, std::optional<Taken>& dropped) {
+  pending_.MakeRoom();
+  void* const slot = pending_.next();
+  std::memcpy(slot, &copy.stored.copy, sizeof copy.stored.copy);
+  copy.owns_message = false;
+  if (answer_type_ != nullptr) ::new (ReplyIn(slot)) ReplyOwner(std::move(copy.reply));
+  return Add(dropped);
+}
+
+void MessageQueue::LogFirstDrop() const {
+  if (depth_ == 1) return;
+  BRIDGE_LOG(bridge::kLogWarn,
+             "a full queue drops its oldest messages, kind: %s, name: %s, module: %s, depth: %zu",
+             kind, name.c_str(), module, depth_);
 }
 
 Turn MessageQueue::Take() {
-  PopFrom(pending_, taken_);
-  turns_.Pop();
+  PopInto(taken_, pending_);
+  caught_up_from_ = 0;
   if (pending_.size() == 0) {
     caught_up_from_ = std::exchange(dropped_in_a_row_, 0);
     return 0;
   }
-  return *static_cast<const Turn*>(turns_.front());
+  first_turn_ = *TurnIn(pending_.front());
+  return first_turn_;
 }
 
 void MessageQueue::InvokeTaken() {
-  struct AtEnd {
+  struct AtEnd {  // even when it throws
     ~AtEnd() { taken.Reset(); }
     Taken& taken;
   } const at_end{taken_};
-  LogDropped(std::exchange(caught_up_from_, 0));
+  if (caught_up_from_ != 0) LogDropped(caught_up_from_);
   Invoke([&] { callable_(taken_.message(), taken_.reply.get()); });
 }
 
 void MessageQueue::Discard() {
-  Fifo discarded(element_size_, 1);
+  Fifo discarded(slot_size_, 1);
   std::size_t dropped = 0;
   {
     const Lock lock(mutex_);
     dropped = std::exchange(dropped_in_a_row_, 0);
-    if (pending_.size() != 0) {
-      RemoveTurns(*static_cast<const Turn*>(turns_.front()), pending_.size());
-      Fifo turns(sizeof(Turn), 1);
-      turns_.Swap(turns);
-      pending_.Swap(discarded);
-    }
+    RemoveTurns(first_turn_, pending_.size());
+    pending_.Swap(discarded);
   }
   LogDropped(dropped);
   if (discarded.size() == 0) return;
@@ -225,7 +240,7 @@ void MessageQueue::Discard() {
              name.c_str(), module, discarded.size());
   while (discarded.size() != 0) {
     Taken message(*this);
-    PopFrom(discarded, message);
+    PopInto(message, discarded);
   }
 }
 

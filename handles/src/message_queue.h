@@ -7,6 +7,7 @@
 #include <any>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <typeinfo>
 
@@ -41,7 +42,7 @@ class MessageQueue final : public Queue {
   Counts Count() const override;
 
  private:
-  // What a slot has of a message: the value itself, or the address of a copy on the heap.
+  // What is stored of a message: the value itself, or the address of a copy on the heap.
   union Stored {
     alignas(std::max_align_t) unsigned char value[64];
     void* copy;
@@ -53,51 +54,62 @@ class MessageQueue final : public Queue {
     ~Taken() { Reset(); }
     Taken(const Taken&) = delete;
     Taken& operator=(const Taken&) = delete;
-    void Reset();
+    void Reset() {
+      if (owns_message || reply.get() != nullptr) Destroy();
+    }
     const void* message() const { return queue_.is_in_place_ ? &stored : stored.copy; }
 
-    bool has_message = false;
     Stored stored;
+    bool owns_message = false;  // one on the heap
     ReplyOwner reply;
 
    private:
+    void Destroy();
     const MessageQueue& queue_;
   };
-  // What the client of a request expects. Empty for a message.
+  // What the client of a request expects. Null for a message.
   struct Expected {
     ReplyOwner reply;
-    const std::type_info* answer_type = nullptr;
+    const std::type_info& answer_type;
   };
   enum class Pushed { kYes, kClosed, kOtherType, kOtherAnswer };
 
-  Pushed Push(const std::any& message, Expected expected);
-  Pushed PushInPlace(const std::any& message, Expected& expected);
-  Pushed PushCopy(const std::any& message, Expected& expected);
+  Pushed Push(const std::any& message, Expected* expected) {
+    return is_in_place_ ? PushInPlace(message, expected) : PushCopy(message, expected);
+  }
+  // Throws TypeMismatch, unless the queue is closed.
+  void RejectMessage(const std::any& message);
+  void RejectRequest(const std::any& request, const Expected& expected, Pushed pushed);
+  Pushed PushInPlace(const std::any& message, Expected* expected);
+  Pushed PushCopy(const std::any& message, Expected* expected);
   // The types are in the module, so they are compared with a pass or, while it is open, under the
   // mutex.
-  bool GivesAnswer(const Expected& expected) const {
-    return expected.answer_type == nullptr || *expected.answer_type == *answer_type_;
+  bool GivesAnswer(const Expected* expected) const {
+    return expected == nullptr || expected->answer_type == *answer_type_;
   }
-  // Stores the copy and drops the oldest message if the queue is full.
-  void Add(Taken& copy, Taken& dropped) ZORVIX_REQUIRES(mutex_);
-  // Does the same for a message that is in the next slot.
-  void AddStored(ReplyOwner& reply, Taken& dropped) ZORVIX_REQUIRES(mutex_);
-  void MakeRoom() ZORVIX_REQUIRES(mutex_);
-  // Pushes are followed by this, under no lock.
-  void AfterAdd(bool is_first_drop) const;
-  void PopFrom(Fifo& pending, Taken& oldest) const;
+  // Makes the message in the next slot the newest one. Drops the oldest one if the queue is full.
+  // Returns whether that is the first drop in a row.
+  bool Add(std::optional<Taken>& dropped) ZORVIX_REQUIRES(mutex_);
+  bool AddToFull(std::optional<Taken>& dropped) ZORVIX_REQUIRES(mutex_);
+  // Does the same with a copy, which is not in a slot yet.
+  bool AddCopy(Taken& copy, std::optional<Taken>& dropped) ZORVIX_REQUIRES(mutex_);
+  // A slot has a message, its turn, and for a server the reply.
+  Turn* TurnIn(void* slot) const;
+  ReplyOwner* ReplyIn(void* slot) const;
+  void PopInto(Taken& oldest, Fifo& pending) const;
 
   Turn Take() override ZORVIX_REQUIRES(mutex_);
   void InvokeTaken() override;
   void Discard() override;
   void DestroyCallable() override { callable_.Reset(); }
+  void LogFirstDrop() const;
   void LogDropped(std::size_t count) const;
 
   const MessageType& type_;
   const std::type_info* const answer_type_;
   const bool is_in_place_;
-  const std::size_t slot_size_;     // of a message in pending_
-  const std::size_t element_size_;  // with its reply behind it
+  const std::size_t value_size_;  // of the message in a slot
+  const std::size_t slot_size_;
   const std::size_t depth_;
   Gate gate_;  // a push is inside while it runs code of the module without the mutex
   Callable callable_;
@@ -107,7 +119,8 @@ class MessageQueue final : public Queue {
   std::size_t caught_up_from_ = 0;
 
   Fifo pending_ ZORVIX_GUARDED_BY(mutex_);
-  Fifo turns_ ZORVIX_GUARDED_BY(mutex_);  // as many as messages
+  Turn first_turn_ ZORVIX_GUARDED_BY(mutex_) =
+      0;  // of the oldest message, or one that it took over
   std::size_t dropped_ ZORVIX_GUARDED_BY(mutex_) = 0;
   std::size_t dropped_in_a_row_ ZORVIX_GUARDED_BY(mutex_) = 0;  // since it last caught up
 };

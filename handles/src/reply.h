@@ -26,16 +26,20 @@ class ReplyOwner {
  public:
   ReplyOwner() = default;
   explicit ReplyOwner(std::shared_ptr<SharedReply> reply) : reply_(std::move(reply)) {}
-  ~ReplyOwner() { Reset(); }
+  ~ReplyOwner() {
+    if (reply_ != nullptr) Reset();
+  }
   ReplyOwner(ReplyOwner&&) noexcept = default;
   ReplyOwner& operator=(ReplyOwner&& other) noexcept {
-    Reset();
+    if (reply_ != nullptr) Reset();
     reply_ = std::move(other.reply_);
     return *this;
   }
   Reply* get() const { return reply_.get(); }
+  // There must be a reply.
   void Reset() {
-    if (const auto reply = std::move(reply_)) reply->Settle(nullptr, nullptr);
+    const auto reply = std::move(reply_);
+    reply->Settle(nullptr, nullptr);
   }
 
  private:

@@ -19,6 +19,7 @@ Strand::~Strand() {
 }
 
 std::size_t Strand::Drain(const std::function<bool()>& may_go_on) {
+  std::shared_ptr<const void> kept;  // released when the mutex is not held any more
   Lock lock(mutex_);
   if (draining_) return 0;
   draining_ = true;
@@ -30,62 +31,59 @@ std::size_t Strand::Drain(const std::function<bool()>& may_go_on) {
   while (!agenda_.empty() && agenda_.front().turn <= last &&
          (count == 0 || !may_go_on || may_go_on())) {
     Queue& queue = *agenda_.front().queue;
-    agenda_.PopFront();
     queue.mutex_.AssertHeld();
-    if (const Turn next = queue.Take()) agenda_.Add({next, &queue});
+    if (const Turn next = queue.Take()) {
+      agenda_.PostponeFront(next);
+    } else {
+      agenda_.PopFront();
+    }
     --pending_;
     ++count;
     invoking_ = &queue;
     TracePending();
     lock.Unlock();
     try {
-      Invoke(queue);
+      queue.InvokeTaken();
     } catch (...) {
+      DestroyClosed();
       lock.Relock();
       EndInvocation();
-      EndDrain();
+      EndDrain(kept);
       throw;
     }
+    if (closed_by_its_callable_ != nullptr) DestroyClosed();
     lock.Relock();
     EndInvocation();
   }
-  EndDrain();
+  EndDrain(kept);
   return count;
 }
 
-void Strand::Invoke(Queue& queue) {
-  struct AtEnd {
-    ~AtEnd() {
-      if (strand.closed_by_its_callable_ == nullptr) return;
-      const auto closed = std::move(strand.closed_by_its_callable_);
-      closed->DestroyCallable();
-    }
-    Strand& strand;
-  } const at_end{*this};
-  queue.InvokeTaken();
+void Strand::DestroyClosed() {
+  if (closed_by_its_callable_ == nullptr) return;
+  const auto closed = std::move(closed_by_its_callable_);
+  closed->DestroyCallable();
 }
 
-void Strand::EndInvocation() {
-  invoking_ = nullptr;
-  if (closing_ != 0) invocation_ended_.NotifyAll();
-}
-
-void Strand::EndDrain() {
+void Strand::EndDrain(std::shared_ptr<const void>& kept) {
   draining_ = false;
+  kept.swap(kept_);
   UpdateReadiness();
 }
 
-void Strand::Shut() {
+void Strand::Shut(std::shared_ptr<const void> owner) {
+  const auto self = std::this_thread::get_id();
   while (true) {
     std::shared_ptr<Queue> queue;
     {
       const Lock lock(mutex_);
       shut_ = true;
+      if (draining_ && drainer_ == self) kept_ = owner;
       if (agenda_.empty()) return;
       queue = agenda_.front().queue->shared_from_this();
       queue->mutex_.AssertHeld();
       queue->is_being_discarded_ = true;
-      shutter_ = std::this_thread::get_id();
+      shutter_ = self;
     }
     queue->Discard();
     const Lock lock(mutex_);
@@ -122,9 +120,7 @@ bool Strand::IsDrainedByThisThread() {
   return draining_ && drainer_ == std::this_thread::get_id();
 }
 
-void Strand::UpdateReadiness() {
-  const bool ready = !agenda_.empty() && !draining_;
-  if (ready == ready_.load(std::memory_order_relaxed)) return;
+void Strand::SetReady(bool ready) {
   ready_.store(ready, std::memory_order_release);
   if (ready && waiting_ != 0) became_ready_.NotifyAll();
   if (fd_ < 0) return;
@@ -154,23 +150,6 @@ Queue::Queue(const char* its_kind, const std::string& its_name, Module& its_modu
 Queue::~Queue() {
   const Lock lock(strand_->mutex_);
   --strand_->queues_;
-}
-
-bool Queue::IsClosed() const {
-  strand_->mutex_.AssertHeld();
-  return closed_ || strand_->shut_;
-}
-
-Turn Queue::AddTurn(bool is_first) noexcept {
-  strand_->mutex_.AssertHeld();
-  const Turn turn = ++strand_->last_turn_;
-  ++strand_->pending_;
-  if (is_first) {
-    strand_->agenda_.Add({turn, this});
-    strand_->UpdateReadiness();
-  }
-  strand_->TracePending();
-  return turn;
 }
 
 void Queue::RemoveTurns(Turn first, std::size_t count) noexcept {

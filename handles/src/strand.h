@@ -3,7 +3,7 @@
 //
 // A strand has one mutex. Each handle has a queue of what is pending for it, and each pending
 // message has a turn in that queue. A drain takes the lowest turn of all queues, and the oldest
-// message of its queue. A queue that drops a message keeps the turn, for its next message: so a
+// message of its queue. If a queue drops its oldest message, the next one takes over the turn: so a
 // subscriber that drops messages is invoked as early as if it did not.
 //
 // Invariants, under the mutex: the agenda has an entry for each open queue that has something
@@ -40,8 +40,9 @@ class Strand : public std::enable_shared_from_this<Strand> {
   // be called again then.
   std::size_t Drain(const std::function<bool()>& may_go_on = nullptr);
 
-  // Discards all that is pending; what arrives later is ignored.
-  void Shut();
+  // Discards all that is pending; what arrives later is ignored. If a callable of a drain calls
+  // this, the drain keeps `owner`, which owns the strand and its queues, until it ends.
+  void Shut(std::shared_ptr<const void> owner);
 
   // Blocks until it is ready, or `stop`, or until `end`. Returns whether it is ready.
   bool Wait(Clock::time_point end, const std::atomic<bool>& stop);
@@ -64,11 +65,14 @@ class Strand : public std::enable_shared_from_this<Strand> {
  private:
   friend class Queue;
 
-  // Invokes what the queue has taken, under no lock.
-  void Invoke(Queue& queue);
+  // Destroys the callable that has closed its own queue, if any. Called by the drainer, under no
+  // lock.
+  void DestroyClosed();
   void EndInvocation() ZORVIX_REQUIRES(mutex_);
-  void EndDrain() ZORVIX_REQUIRES(mutex_);
+  void EndDrain(std::shared_ptr<const void>& kept) ZORVIX_REQUIRES(mutex_);
+  // To be called after each change of what `ready_` depends on.
   void UpdateReadiness() ZORVIX_REQUIRES(mutex_);
+  void SetReady(bool ready) ZORVIX_REQUIRES(mutex_);
   // Called under the mutex, so that the counter never shows an older number after a later one.
   void TracePending() const ZORVIX_REQUIRES(mutex_) {
     if (trace.IsOn()) SetCounter();
@@ -91,7 +95,8 @@ class Strand : public std::enable_shared_from_this<Strand> {
   bool draining_ ZORVIX_GUARDED_BY(mutex_) = false;
   std::thread::id drainer_ ZORVIX_GUARDED_BY(mutex_);
   Queue* invoking_ ZORVIX_GUARDED_BY(mutex_) = nullptr;
-  std::shared_ptr<Queue> closed_by_its_callable_;  // used by the drainer only
+  std::shared_ptr<const void> kept_ ZORVIX_GUARDED_BY(mutex_);  // see Shut
+  std::shared_ptr<Queue> closed_by_its_callable_;               // used by the drainer only
 
   std::thread::id shutter_ ZORVIX_GUARDED_BY(mutex_);  // the thread in Shut
   // Threads in Close, which wait for invocations and Shut.
@@ -127,7 +132,9 @@ class Queue : public Receiver, public std::enable_shared_from_this<Queue> {
 
   // For those who push or discard:
   bool IsClosed() const ZORVIX_REQUIRES(mutex_);
-  // Gives a turn to a message that is being pushed. `is_first`: nothing else is pending.
+  // Give a turn to a message that is being pushed, in place of the oldest one or in addition.
+  // `is_first`: nothing else is pending.
+  Turn TakeTurn() noexcept ZORVIX_REQUIRES(mutex_);
   Turn AddTurn(bool is_first) noexcept ZORVIX_REQUIRES(mutex_);
   // For a queue whose pending messages are being removed, with the lowest of their turns.
   void RemoveTurns(Turn first, std::size_t count) noexcept ZORVIX_REQUIRES(mutex_);
@@ -163,6 +170,38 @@ class Queue : public Receiver, public std::enable_shared_from_this<Queue> {
   bool closed_ ZORVIX_GUARDED_BY(mutex_) = false;
   bool is_being_discarded_ ZORVIX_GUARDED_BY(mutex_) = false;  // by Shut
 };
+
+inline void Strand::UpdateReadiness() {
+  const bool ready = !agenda_.empty() && !draining_;
+  if (ready != ready_.load(std::memory_order_relaxed)) SetReady(ready);
+}
+
+inline void Strand::EndInvocation() {
+  invoking_ = nullptr;
+  if (closing_ != 0) invocation_ended_.NotifyAll();
+}
+
+inline bool Queue::IsClosed() const {
+  strand_->mutex_.AssertHeld();
+  return closed_ || strand_->shut_;
+}
+
+inline Turn Queue::TakeTurn() noexcept {
+  strand_->mutex_.AssertHeld();
+  return ++strand_->last_turn_;
+}
+
+inline Turn Queue::AddTurn(bool is_first) noexcept {
+  const Turn turn = TakeTurn();
+  strand_->mutex_.AssertHeld();
+  ++strand_->pending_;
+  if (is_first) {
+    strand_->agenda_.Add(turn, this);
+    strand_->UpdateReadiness();
+  }
+  strand_->TracePending();
+  return turn;
+}
 
 }  // namespace zorvix::detail
 

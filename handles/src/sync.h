@@ -43,26 +43,44 @@ class ZORVIX_CAPABILITY Mutex {
 
 class ZORVIX_SCOPED_CAPABILITY Lock {
  public:
-  explicit Lock(Mutex& mutex) ZORVIX_ACQUIRE(mutex) ZORVIX_NOT_ANALYSED : lock_(mutex.mutex_) {}
-  ~Lock() ZORVIX_RELEASE() ZORVIX_NOT_ANALYSED = default;
+  explicit Lock(Mutex& mutex) ZORVIX_ACQUIRE(mutex) ZORVIX_NOT_ANALYSED : mutex_(mutex.mutex_) {
+    mutex_.lock();
+  }
+  ~Lock() ZORVIX_RELEASE() ZORVIX_NOT_ANALYSED {
+    if (is_held_) mutex_.unlock();
+  }
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;
 
-  void Unlock() ZORVIX_RELEASE() ZORVIX_NOT_ANALYSED { lock_.unlock(); }
-  void Relock() ZORVIX_ACQUIRE() ZORVIX_NOT_ANALYSED { lock_.lock(); }
+  void Unlock() ZORVIX_RELEASE() ZORVIX_NOT_ANALYSED {
+    mutex_.unlock();
+    is_held_ = false;
+  }
+  void Relock() ZORVIX_ACQUIRE() ZORVIX_NOT_ANALYSED {
+    mutex_.lock();
+    is_held_ = true;
+  }
 
  private:
   friend class Condition;
-  std::unique_lock<std::mutex> lock_;
+  std::mutex& mutex_;
+  bool is_held_ = true;
 };
 
 // Waits in a loop that tests what it waits for, since any wait may end early.
 class Condition {
  public:
-  void Wait(Lock& lock) { condition_.wait(lock.lock_); }
+  void Wait(Lock& lock) {
+    std::unique_lock held(lock.mutex_, std::adopt_lock);
+    condition_.wait(held);
+    held.release();
+  }
   // Returns false if the time is over.
   bool WaitUntil(Lock& lock, Clock::time_point end) {
-    return condition_.wait_until(lock.lock_, end) == std::cv_status::no_timeout;
+    std::unique_lock held(lock.mutex_, std::adopt_lock);
+    const std::cv_status status = condition_.wait_until(held, end);
+    held.release();
+    return status == std::cv_status::no_timeout;
   }
   void NotifyAll() { condition_.notify_all(); }
 

@@ -9,6 +9,7 @@
 #define ZORVIX_CLIENT_H_
 
 #include <zorvix/delivery.h>
+#include <zorvix/detail/awaiting.h>
 #include <zorvix/detail/library.h>
 #include <zorvix/topic.h>
 

@@ -11,28 +11,27 @@
 #include <string>
 
 namespace zorvix {
-namespace detail __attribute__((visibility("default"))) {
+namespace detail ZORVIX_EXPORT {
 
-  struct Counts {
-    std::size_t pending = 0;
-    std::size_t depth = 0;  // 0: nothing is kept
-    std::size_t dropped = 0;
-  };
+struct Counts {
+  std::size_t pending = 0;
+  std::size_t depth = 0;  // 0: nothing is kept
+  std::size_t dropped = 0;
+};
 
-  class ZORVIX_EXPORT Listing {
-   public:
-    // Inspect calls `count` on any thread, and no handle can be constructed or destroyed meanwhile.
-    Listing(const char* kind, const std::string& name, Module& module,
-            std::function<Counts()> count);
-    // When it has returned, `count` is destroyed.
-    ~Listing();
-    Listing(const Listing&) = delete;
-    Listing& operator=(const Listing&) = delete;
+class ZORVIX_EXPORT Listing {
+ public:
+  // Inspect calls `count` on any thread, and no handle can be constructed or destroyed meanwhile.
+  Listing(const char* kind, const std::string& name, Module& module, std::function<Counts()> count);
+  // When it has returned, `count` is destroyed.
+  ~Listing();
+  Listing(const Listing&) = delete;
+  Listing& operator=(const Listing&) = delete;
 
-   private:
-    struct Row;
-    const std::unique_ptr<Row> row_;
-  };
+ private:
+  struct Row;
+  const std::unique_ptr<Row> row_;
+};
 
 }  // namespace detail
 }  // namespace zorvix
