@@ -85,17 +85,27 @@ class InboxWalk : public Bridge {
   void Push(Queue& queue) {
     Mailbox& mailbox = *queue.mailbox;
     if (mailbox.shut) return;
-    if (queue.pending.size() < queue.depth) {
-      mailbox.turns.push_back(&queue);
-    } else {  // a dropped message leaves its turn to the next one of the same queue
-      queue.pending.pop_front();
-      if (queue.dropped_in_a_row++ == 0 && queue.depth > 1) {
-        lines_.push_back("W: a full queue drops its oldest messages, " + queue.description +
-                         ", depth: " + std::to_string(queue.depth));
-      }
+    mailbox.turns.push_back(&queue);
+    if (queue.pending.size() == queue.depth) {
+      DropOldest(queue);
     }
     queue.pending.push_back(number_);
     if (!mailbox.inbox) Schedule(queue.mailbox);
+  }
+
+  // The next message takes over the turn of the dropped one, so its own turn goes.
+  void DropOldest(Queue& queue) {
+    auto& turns = queue.mailbox->turns;
+    const auto first = std::find(turns.begin(), turns.end(), &queue);
+    const auto second = std::find(std::next(first), turns.end(), &queue);
+    const auto index = static_cast<std::size_t>(second - turns.begin());
+    if (index < queue.mailbox->turns_left) --queue.mailbox->turns_left;
+    turns.erase(second);
+    queue.pending.pop_front();
+    if (queue.dropped_in_a_row++ == 0 && queue.depth > 1) {
+      lines_.push_back("W: a full queue drops its oldest messages, " + queue.description +
+                       ", depth: " + std::to_string(queue.depth));
+    }
   }
 
   void Schedule(const std::shared_ptr<Mailbox>& mailbox) {
