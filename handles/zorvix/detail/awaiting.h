@@ -4,7 +4,6 @@
 
 #include <zorvix/detail/erasure.h>
 
-#include <exception>
 #include <future>
 #include <optional>
 #include <utility>
@@ -21,7 +20,7 @@ struct Awaiting {
   std::optional<Response> TakeAnswer() {
     try {
       return std::move(answer);
-    } catch (const std::exception&) {
+    } catch (...) {
       return std::nullopt;
     }
   }
@@ -41,7 +40,7 @@ struct Promised {
   void operator()(std::optional<Response> answer) {
     try {
       promise.set_value(std::move(answer));
-    } catch (const std::exception&) {
+    } catch (...) {
       promise.set_value(std::nullopt);
     }
   }
