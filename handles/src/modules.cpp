@@ -47,8 +47,10 @@ const char* ModuleName(Module& module) {
 
 void KeepLoaded(Module& module, const char* reason, const std::string& name) {
   if (module.stays_loaded || module.stays_loaded.exchange(true)) return;
-  // Never closed, which alone would keep the module loaded, too.
-  if (OpenLoaded(PathOf(&module), RTLD_NODELETE) == nullptr) return;
+  // The handle is never closed, which keeps the module loaded where the loader does not know the
+  // flag, as on Android before API level 23.
+  const std::string path = PathOf(&module);
+  if (OpenLoaded(path, RTLD_NODELETE) == nullptr && OpenLoaded(path, 0) == nullptr) return;
   BRIDGE_LOG(bridge::kLogInfo, "a module stays loaded, even after dlclose: %s, since %s, name: %s",
              ModuleName(module), reason, name.c_str());
 }
