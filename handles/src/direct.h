@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "endpoint.h"
 #include "gate.h"
 #include "records.h"
 
@@ -35,10 +36,6 @@ class Direct final : public Receiver {
   const MessageType& type;
 
  private:
-  // Throws an exception with the same text, since the code of this one may be unloaded before the
-  // bridge has logged it.
-  [[noreturn]] static void ThrowCopy(const std::exception& error);
-
   Gate gate_;
   Callable callable_;
 };

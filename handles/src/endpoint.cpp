@@ -21,6 +21,16 @@ std::string NameOf(const std::type_info& type) {
   return (vowel ? "an " : "a ") + name;
 }
 
+template <typename Base>
+class Copied final : public Base {
+ public:
+  explicit Copied(const std::exception& error) : text_(error.what()) {}
+  const char* what() const noexcept override { return text_.c_str(); }
+
+ private:
+  const std::string text_;
+};
+
 // Unregisters an endpoint. The bridge allocates for that. If it cannot, the name stays registered,
 // and its control exists for ever, so that no other one gets its address, by which the bridge would
 // find what has been registered under it.
@@ -55,6 +65,11 @@ TypeMismatch::TypeMismatch(const char* what, const std::type_info& given, const 
                            const std::type_info& wanted)
     : text_(std::string("bad any_cast: the ") + what + " is " + NameOf(given) + ", the " + who +
             " takes " + NameOf(wanted)) {}
+
+void ThrowCopy(const std::exception& error) {
+  if (dynamic_cast<const std::bad_cast*>(&error) != nullptr) throw Copied<std::bad_cast>(error);
+  throw Copied<std::exception>(error);
+}
 
 Participant::Participant(const std::string& name, bridge::BridgeModule module,
                          bridge::BridgeType type)

@@ -5,6 +5,7 @@
 #include <zorvix/zorvix.h>
 
 #include <any>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
@@ -32,6 +33,10 @@ class TypeMismatch final : public std::bad_any_cast {
  private:
   const std::string text_;
 };
+
+// Throws an exception with the same text as one that code of a module has thrown. The bridge logs
+// it later, when that code may have been unloaded.
+[[noreturn]] void ThrowCopy(const std::exception& error);
 
 // Returns the value in `any`. Throws TypeMismatch.
 inline const void* FindOrThrow(const MessageType& type, const std::any& any, const char* what,

@@ -161,7 +161,11 @@ MessageQueue::Pushed MessageQueue::PushCopy(const std::any& message, Expected* e
     if (!pass.admitted()) return Pushed::kClosed;
     if (!GivesAnswer(expected)) return Pushed::kOtherAnswer;
     Taken copy(*this);
-    copy.owns_message = type_.store(message, &copy.stored);
+    try {
+      copy.owns_message = type_.store(message, &copy.stored);
+    } catch (const std::exception& error) {
+      ThrowCopy(error);
+    }
     if (!copy.owns_message) return Pushed::kOtherType;
     if (expected != nullptr) copy.reply = std::move(expected->reply);
     std::optional<Taken> dropped;

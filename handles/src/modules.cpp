@@ -73,12 +73,20 @@ void ValueOwner::DestroyValue(const void* value, void (*destroy)(const void*)) {
     const Gate::Pass pass(gate_);
     if (pass.admitted()) {
       destroy(value);
-      const Lock lock(mutex_);
-      --values_;
+      RemoveValue(true);
       return;
     }
   }
   DestroyAfterHolder(value, destroy);
+}
+
+void ValueOwner::RemoveValue(bool is_loaded) {
+  void* unneeded = nullptr;
+  {
+    const Lock lock(mutex_);
+    if (--values_ == 0) std::swap(kept_, unneeded);
+  }
+  if (unneeded != nullptr && is_loaded) dlclose(unneeded);
 }
 
 void ValueOwner::EndHolder() {
@@ -104,12 +112,7 @@ void ValueOwner::DestroyAfterHolder(const void* value, void (*destroy)(const voi
   const bool is_loaded =
       is_program || (meanwhile != nullptr && IsStillLoaded(reinterpret_cast<const void*>(destroy)));
   if (is_loaded) destroy(value);
-  void* unneeded = nullptr;
-  {
-    const Lock lock(mutex_);
-    if (--values_ == 0) std::swap(kept_, unneeded);
-  }
-  if (unneeded != nullptr && is_loaded) dlclose(unneeded);
+  RemoveValue(is_loaded);
   if (meanwhile != nullptr) dlclose(meanwhile);
 }
 

@@ -41,6 +41,7 @@ class ValueOwner {
   void EndHolder();
 
  private:
+  void RemoveValue(bool is_loaded);
   void DestroyAfterHolder(const void* value, void (*destroy)(const void*));
   bool IsStillLoaded(const void* code) const;
 
