@@ -1,4 +1,6 @@
 // Calls between threads: servers and clients with inboxes, calls, drains and stops with a limit.
+#include <zorvix/inspect.h>
+
 #include "bridge_test.h"
 #include "threads.h"
 
@@ -6,6 +8,7 @@ namespace {
 
 using std::chrono::hours;
 using std::chrono::milliseconds;
+using zorvix::Delivery;
 using zorvix::Inbox;
 using zorvix::InboxThread;
 using zorvix::KeepLast;
@@ -19,15 +22,39 @@ const zorvix::Service<int, int> kService{"double"};
 
 int Double(int number) { return 2 * number; }
 
+// Acts when it is moved.
+struct Acting {
+  Acting() = default;
+  Acting(const Acting&) = default;
+  Acting(Acting&&) noexcept(false) {
+    if (on_move) on_move();
+  }
+  static inline std::function<void()> on_move;
+};
+const zorvix::Service<int, Acting> kActing{"acting"};
+Acting Act(int) { return {}; }
+
+using ActingServer = zorvix::Server<int, Acting>;
+
 // A service whose requests are pending in one inbox, and its answers in another.
 class Calls : public Bridge {
  protected:
+  void TearDown() override {
+    Acting::on_move = nullptr;
+    Bridge::TearDown();
+  }
+
+  std::vector<std::function<ActingServer()>> ActingServers() {
+    return {[] { return ActingServer(kActing, Act); },
+            [] { return ActingServer(kActing, Act, Delivery::Queued); },
+            [this] { return ActingServer(kActing, Act, *server_inbox_); }};
+  }
   auto Append() {
     return [this](Answer answer) { answers_.push_back(answer); };
   }
   // Returns what calls have been answered with since it was last called, in drains of the client's
   // inbox.
-  Answers DrainAnswers() {
+  virtual Answers DrainAnswers() {
     client_inbox_->Drain();
     return std::exchange(answers_, {});
   }
@@ -37,13 +64,40 @@ class Calls : public Bridge {
   Answers answers_;
 };
 
-TEST_F(Calls, FullServerAnswersTheOldestRequestWithNone) {
-  const IntServer server(kService, Double, *server_inbox_, KeepLast{2});
-  const IntClient client(kService, *client_inbox_);
+// Which handle uses the bridge's queue in place of its inbox.
+enum class Queued { kNone, kServer, kClient };
+
+class QueuedCalls : public Calls, public testing::WithParamInterface<Queued> {
+ protected:
+  template <typename Callable>
+  IntServer Serve(Callable callable, KeepLast keep = {}) {
+    if (GetParam() == Queued::kServer) return {kService, callable, Delivery::Queued, keep};
+    return {kService, callable, *server_inbox_, keep};
+  }
+  IntClient MakeClient() {
+    if (GetParam() == Queued::kClient) return IntClient(kService, Delivery::Queued);
+    return IntClient(kService, *client_inbox_);
+  }
+  void DrainServer() {
+    server_inbox_->Drain();
+    if (GetParam() == Queued::kServer) ZorvixSpinOnce();
+  }
+  Answers DrainAnswers() override {
+    if (GetParam() == Queued::kClient) ZorvixSpinOnce();
+    return Calls::DrainAnswers();
+  }
+};
+INSTANTIATE_TEST_SUITE_P(, QueuedCalls,
+                         testing::Values(Queued::kNone, Queued::kServer, Queued::kClient));
+
+TEST_P(QueuedCalls, FullServerAnswersTheOldestRequestWithNone) {
+  const IntServer server = Serve(Double, KeepLast{2});
+  const IntClient client = MakeClient();
 
   for (const int number : {1, 2, 3}) client.Call(number, Append());
+  EXPECT_EQ(answers_, Answers());
   EXPECT_EQ(DrainAnswers(), Answers{std::nullopt});
-  EXPECT_EQ(server_inbox_->Drain(), 2u);
+  DrainServer();
 
   EXPECT_EQ(DrainAnswers(), (Answers{4, 6}));
 }
@@ -170,9 +224,9 @@ TEST_F(Calls, CallablesAreDestroyedWithTheInboxOfTheirClientOrWithTheClient) {
   EXPECT_EQ(answers_, Answers());
 }
 
-TEST_F(Calls, CallableMayDestroyItsClient) {
-  const IntServer server(kService, Double);
-  std::optional client(IntClient(kService, *client_inbox_));
+TEST_P(QueuedCalls, CallableMayDestroyItsClient) {
+  const IntServer server = Serve(Double);
+  std::optional client(MakeClient());
   auto owned = std::make_shared<int>();
   const std::weak_ptr<int> seen = owned;
   client->Call(1, [&, owned = std::move(owned)](Answer answer) {
@@ -181,9 +235,83 @@ TEST_F(Calls, CallableMayDestroyItsClient) {
     answers_.push_back(answer);
   });
   client->Call(2, Append());
+  DrainServer();
 
   EXPECT_EQ(DrainAnswers(), Answers{2});
   EXPECT_TRUE(seen.expired());
+}
+
+// Hangs if it waits for itself, or if a lock is held when the callable is destroyed.
+TEST_F(Calls, AnswerThatIsMovedMayDestroyItsClient) {
+  for (const auto& serve : ActingServers()) {
+    const ActingServer server = serve();
+    std::optional client(zorvix::Client(kActing, *client_inbox_));
+    Acting::on_move = [&] { client.reset(); };
+    const auto post = [&](std::nullptr_t) { client_inbox_->Post([] {}); };
+
+    client->Call(1, [owned = std::shared_ptr<void>(nullptr, post)](const auto&) {
+      ADD_FAILURE() << "invoked";
+    });
+    ZorvixSpinOnce();
+    server_inbox_->Drain();
+
+    EXPECT_FALSE(client.has_value());
+    EXPECT_EQ(client_inbox_->Drain(), 1u) << "the task that the callable posts at its end";
+  }
+}
+
+TEST_F(Calls, DestroyedClientWaitsUntilAnAnswerIsMoved) {
+  Acting::on_move = [] { Log("moving"); };
+  const zorvix::Server server(kActing, Act, *server_inbox_);
+  std::optional client(zorvix::Client(kActing, *client_inbox_));
+  client->Call(1, [](const auto&) { ADD_FAILURE() << "invoked"; });
+  HoldLog("moving");
+  auto drain = std::async(std::launch::async, [&] { server_inbox_->Drain(); });
+  WaitForLog("moving");
+
+  auto end = std::async(std::launch::async, [&] { client.reset(); });
+
+  WaitForLog("a destructor waits for its callable to return, name: acting");
+  HoldLog("");
+  drain.get();
+  end.get();
+  EXPECT_EQ(client_inbox_->Drain(), 0u);
+}
+
+// In the first round the first move throws, in the next round the second one, and so on.
+TEST_F(Calls, AnswerThatCannotBeMovedIsNone) {
+  const zorvix::Service<int, Acting, BridgeType::Async> async_service{"acting"};
+  const zorvix::Server async_server(async_service, Act);
+  const zorvix::Client async_client(async_service);
+  const zorvix::Client client(kActing, *client_inbox_);
+  const std::function<void()> failures[] = {[] { throw std::runtime_error("bad luck"); },
+                                            [] { throw 1; }};
+  for (const auto& serve : ActingServers()) {
+    const ActingServer server = serve();
+    for (int round = 0; round < 12; ++round) {
+      SCOPED_TRACE(round);
+      int moves_left = round / 2;
+      Acting::on_move = [&] {
+        if (moves_left-- == 0) failures[round % 2]();
+      };
+      std::vector<bool> has_value;
+      client.Call(1,
+                  [&](std::optional<Acting> answer) { has_value.push_back(answer.has_value()); });
+      try {
+        ZorvixSpinOnce();
+        server_inbox_->Drain();
+      } catch (int) {
+      }
+      client_inbox_->Drain();
+      EXPECT_EQ(has_value, std::vector{moves_left >= 0});
+
+      moves_left = round / 2;
+      auto answer = async_client.Call(1);
+      ZorvixSpinOnce();
+      Acting::on_move = nullptr;
+      EXPECT_EQ(answer.get().has_value(), moves_left >= 0);
+    }
+  }
 }
 
 TEST_F(Calls, CallWithACallableNeedsAClientWithAnInbox) {
@@ -199,24 +327,26 @@ Answer CallPlainly(const Endpoint& client) {
   return response.has_value() ? std::any_cast<int>(response) : Answer();
 }
 
-TEST_F(Calls, CallThatCouldOnlyWaitForItsOwnThreadReturnsNone) {
-  const IntServer server(kService, Double, *server_inbox_);
-  const IntClient client(kService);
-  const IntClient with_inbox(kService, *client_inbox_);
+TEST_P(QueuedCalls, CallThatCouldOnlyWaitForItsOwnThreadReturnsNone) {
+  const IntClient blocking(kService);
+  const IntClient client = MakeClient();
   auto& plain = Service("double", BridgeType::Sync);
   Zorvix::GetInstance().RegisterClient(plain);
-  server_inbox_->Post([&] {
-    answers_ = {client.Call(1), client.Call(2, hours(1)), with_inbox.Call(3), CallPlainly(plain)};
-    with_inbox.Call(5, Append());
+  Answers refused;
+  const IntServer server = Serve([&](int number) {
+    if (number != 0) return Double(number);
+    refused = {blocking.Call(1), blocking.Call(2, hours(1)), client.Call(3), CallPlainly(plain)};
+    client.Call(5, Append());
+    return 0;
   });
 
-  EXPECT_EQ(server_inbox_->Drain(), 1u);
+  client.Call(0, Append());
+  DrainServer();
 
-  EXPECT_EQ(answers_, Answers(4));
+  EXPECT_EQ(refused, Answers(4));
   EXPECT_EQ(Count(TakeLog(), "could only answer after that callable returns, name: double"), 4u);
-  server_inbox_->Drain();
-  client_inbox_->Drain();
-  EXPECT_EQ(answers_.back(), 10) << "what does not wait is answered by the next drain";
+  DrainServer();
+  EXPECT_EQ(DrainAnswers(), (Answers{0, 10})) << "a call that does not wait is answered";
 }
 
 // ThreadSanitizer sees a call that looks for its answer too late, since the flag orders nothing.
@@ -259,7 +389,7 @@ TEST_F(Calls, ServersWithoutInboxesAnswerBeforeCallReturnsAndTheCallableStillWai
   EXPECT_EQ(DrainAnswers(), (Answers{2, 20}));
 }
 
-TEST_F(Calls, CallsWithoutALimitBlockUntilTheInboxOfTheServerIsDrainedOrTheServerDestroyed) {
+TEST_P(QueuedCalls, WithoutALimitBlockUntilTheServerIsDrainedOrDestroyed) {
   std::optional<IntServer> server;
   const IntClient client(kService);
   auto& plain = Service("double", BridgeType::Sync);
@@ -267,17 +397,21 @@ TEST_F(Calls, CallsWithoutALimitBlockUntilTheInboxOfTheServerIsDrainedOrTheServe
   const std::function<Answer()> calls[] = {[&] { return CallPlainly(plain); },
                                            [&] { return client.Call(4); },
                                            [&] { return client.Call(4, kNoLimit); }};
+  const auto is_pending = [] {
+    const auto handles = zorvix::Inspect();
+    return std::any_of(handles.begin(), handles.end(), [](auto& its) { return its.pending != 0; });
+  };
   for (const auto& call : calls) {
-    server.emplace(kService, Double, *server_inbox_);
+    server.emplace(Serve(Double));
     auto answered = std::async(std::launch::async, [&] {
-      server_inbox_->Drain();  // a call in a drain would not wait, but this is a former one
+      DrainServer();  // a call in a drain would not wait, but this is a former one
       return call();
     });
-    server_inbox_->Wait(kNoLimit);
+    EXPECT_TRUE(ComesTrue(is_pending));
     LetOthersRun();
-    server_inbox_->Drain();
+    DrainServer();
     auto refused = std::async(std::launch::async, call);
-    server_inbox_->Wait(kNoLimit);
+    EXPECT_TRUE(ComesTrue(is_pending));
     server.reset();
 
     EXPECT_EQ(answered.get(), 8);
@@ -297,6 +431,13 @@ void ServeInTurns(const std::atomic<int>& callers) {
     server.emplace(kService, Double, drained, KeepLast{1});
     pause();
     server.emplace(kService, Double, never_drained, KeepLast{2});
+    pause();
+    const auto busy = [is_busy = false](int number) mutable {
+      EXPECT_FALSE(std::exchange(is_busy, true));
+      is_busy = false;
+      return Double(number);
+    };
+    server.emplace(kService, busy, Delivery::Queued, KeepLast{2});
     pause();
     server.emplace(kService, Double);
     pause();
@@ -329,7 +470,18 @@ TEST_F(Calls, EachCallIsAnsweredExactlyOnceWhileServersComeAndGo) {
     client_inbox_->Drain();
     return std::exchange(has_value, false);
   };
-  std::atomic<int> callers{3};
+  const IntClient queued(kService, Delivery::Queued);
+  std::size_t queued_calls = 0;
+  const auto call_queued = [&](int number) {
+    std::promise<bool> is_done;
+    queued.Call(number, [&](Answer answer) {
+      ++queued_calls;
+      is_done.set_value(is_answered(number, answer));
+    });
+    return is_done.get_future().get();
+  };
+  const zorvix::Workers workers(2);
+  std::atomic<int> callers{5};
   const auto begin = [&](const auto& call) {
     return std::async(std::launch::async, [&] {
       int values = 0;
@@ -339,7 +491,8 @@ TEST_F(Calls, EachCallIsAnsweredExactlyOnceWhileServersComeAndGo) {
   };
 
   std::future<void> threads[] = {begin(call_blocking), begin(call_with_limit),
-                                 begin(call_without_waiting)};
+                                 begin(call_without_waiting), begin(call_queued),
+                                 begin(call_queued)};
   ServeInTurns(callers);
   for (auto& thread : threads) thread.get();
   client_inbox_->Drain();

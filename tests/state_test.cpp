@@ -33,18 +33,24 @@ TEST_F(Bridge, LateWatcherHasTheLatestValueWhenItsConstructorReturns) {
   EXPECT_EQ(without_callable.Newest(), watcher.Newest());
 }
 
-TEST_F(Bridge, WatcherWithInboxIsInvokedInDrainsWithTheLatestValueOnly) {
+TEST_F(Bridge, WatchersAreInvokedInDrainsWithTheLatestValueOnly) {
   zorvix::Inbox inbox;
   Numbers seen;
+  Numbers queued_seen;
   zorvix::Holder holder(kState);
   holder.Set({1});
 
   const Watcher watcher(kState, AppendTo(seen), inbox);
+  const Watcher queued(kState, AppendTo(queued_seen), zorvix::Delivery::Queued);
   EXPECT_EQ(inbox.Drain(), 1u);
+  EXPECT_EQ(queued_seen, Numbers());
+  EXPECT_TRUE(ZorvixRunOneceStep());
   for (const int number : {2, 3}) holder.Set({number});
   EXPECT_EQ(inbox.Drain(), 1u);
+  ZorvixSpinOnce();
 
   EXPECT_EQ(seen, (Numbers{1, 3}));
+  EXPECT_EQ(queued_seen, seen);
 }
 
 TEST_F(Bridge, WatchersKeepTheValueOfAHolderUntilAnotherOneSetsALater) {
@@ -166,8 +172,8 @@ TEST_F(Bridge, WatchersSeeTheValuesOfEachThreadInOrderAndTheLastInTheEnd) {
   zorvix::Inbox inbox;
   zorvix::Holder holder(kState);
   std::atomic<int> setting{kSetters};
-  int latest[2][kSetters] = {};
-  const Value* last[2] = {};
+  int latest[3][kSetters] = {};
+  const Value* last[3] = {};
   const auto see = [&](int watcher) {
     return [&, watcher](const Value& value) {
       EXPECT_LT(std::exchange(latest[watcher][value.number % kSetters], value.number),
@@ -177,6 +183,8 @@ TEST_F(Bridge, WatchersSeeTheValuesOfEachThreadInOrderAndTheLastInTheEnd) {
   };
   const Watcher direct(kState, see(0));
   const Watcher with_inbox(kState, see(1), inbox);
+  const Watcher queued(kState, see(2), zorvix::Delivery::Queued);
+  std::optional<zorvix::Workers> workers(2);
 
   OnThreads(kSetters + 1, [&](int thread) {
     if (thread == kSetters) {
@@ -190,6 +198,8 @@ TEST_F(Bridge, WatchersSeeTheValuesOfEachThreadInOrderAndTheLastInTheEnd) {
     }
   });
   inbox.Drain();
+  workers.reset();
+  ZorvixSpinOnce();
 
   EXPECT_EQ(direct.Newest(), with_inbox.Newest());
   for (const auto* value : last) EXPECT_EQ(value, direct.Newest().get());

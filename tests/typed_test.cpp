@@ -31,6 +31,7 @@ std::shared_ptr<void> Share(Handle handle) {
 
 TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
   zorvix::Inbox inbox;
+  const auto queued = Delivery::Queued;
   std::atomic<bool> running{false};
   const auto callable = [&](int number) {
     running = true;
@@ -38,12 +39,23 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
     running = false;
     return number;
   };
+  const auto called = [&](auto& place) {
+    zorvix::Client client(kService, place);
+    client.Call(1, [=](auto) { callable(1); });  // there is no server
+    return Share(std::move(client));
+  };
   const std::function<std::shared_ptr<void>()> rows[] = {
       [&] { return Share(zorvix::Subscriber(kTopic, callable)); },
       [&] { return Share(zorvix::Subscriber(kTopic, callable, Delivery::Queued)); },
       [&] { return Share(zorvix::Subscriber(kTopic, callable, inbox)); },
       [&] { return Share(zorvix::Server(kService, callable)); },
-      [&] { return Share(zorvix::Watcher(kState, callable)); }};
+      [&] { return Share(zorvix::Server(kService, callable, Delivery::Queued)); },
+      [&] { return Share(zorvix::Server(kService, callable, inbox)); },
+      [&] { return called(queued); },
+      [&] { return called(inbox); },
+      [&] { return Share(zorvix::Watcher(kState, callable)); },
+      [&] { return Share(zorvix::Watcher(kState, callable, Delivery::Queued)); },
+      [&] { return Share(zorvix::Watcher(kState, callable, inbox)); }};
   for (const auto& build : rows) {
     SCOPED_TRACE(&build - rows);
     zorvix::Holder holder(kState);
@@ -51,7 +63,7 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
     HoldLog("running");
     auto invocation = std::async(std::launch::async, [&] {
       zorvix::Publisher(kTopic).Publish(1);
-      zorvix::Client(kService).Call(1);
+      zorvix::Client(kService, inbox).Call(1, [](auto) {});
       holder.Set(1);
       inbox.Post([] { Log("next"); });
       ZorvixSpinOnce();
