@@ -111,9 +111,9 @@ inline void MessageQueue::PopInto(Taken& oldest, Fifo& pending) const {
   CopyValue(&oldest.stored, slot, value_size_);
   oldest.owns_message = !is_in_place_;
   if (answer_type_ != nullptr) {
-    ReplyOwner& reply = *std::launder(ReplyIn(slot));
-    oldest.reply = std::move(reply);
-    reply.~ReplyOwner();
+    ReplyOwner* const reply = std::launder(ReplyIn(slot));
+    oldest.reply = std::move(*reply);
+    std::destroy_at(reply);
   }
   pending.Pop();
 }

@@ -71,7 +71,7 @@ void Strand::EndDrain(std::shared_ptr<const void>& kept) {
   UpdateReadiness();
 }
 
-void Strand::Shut(std::shared_ptr<const void> owner) {
+void Strand::Shut(const std::shared_ptr<const void>& owner) {
   const auto self = std::this_thread::get_id();
   while (true) {
     std::shared_ptr<Queue> queue;

@@ -42,7 +42,7 @@ class Strand : public std::enable_shared_from_this<Strand> {
 
   // Discards all that is pending; what arrives later is ignored. If a callable of a drain calls
   // this, the drain keeps `owner`, which owns the strand and its queues, until it ends.
-  void Shut(std::shared_ptr<const void> owner);
+  void Shut(const std::shared_ptr<const void>& owner);
 
   // Blocks until it is ready, or `stop`, or until `end`. Returns whether it is ready.
   bool Wait(Clock::time_point end, const std::atomic<bool>& stop);
