@@ -26,10 +26,13 @@ NAMES = {
 def run(end, traced=True):
     """Returns what the program says, and the text of the trace, or None if there is no file."""
     environment = {**os.environ, "ASAN_OPTIONS": "verify_asan_link_order=0"}
+    # A bare name, since LD_PRELOAD would be split at the spaces of a path.
+    preload = {"LD_LIBRARY_PATH": str(pathlib.Path(LIBRARY).parent),
+               "LD_PRELOAD": pathlib.Path(LIBRARY).name}
     if len(COMMAND) > 1:
-        environment["QEMU_SET_ENV"] = f"LD_PRELOAD={LIBRARY}"
+        environment["QEMU_SET_ENV"] = ",".join(f"{key}={value}" for key, value in preload.items())
     else:
-        environment["LD_PRELOAD"] = LIBRARY
+        environment.update(preload)
     with tempfile.TemporaryDirectory() as folder:
         path = pathlib.Path(folder, "trace.json")
         environment["ZORVIX_TRACE"] = str(path) if traced else ""
