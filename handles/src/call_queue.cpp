@@ -51,7 +51,11 @@ bool CallQueue::IsUsedByOthers() const { return !in_progress_.empty(); }
 
 Turn CallQueue::Take() {
   taken_ = std::move(answered_.front());
-  spare_.splice(spare_.end(), answered_, answered_.begin());
+  if (spare_.empty()) {
+    spare_.splice(spare_.end(), answered_, answered_.begin());
+  } else {
+    answered_.pop_front();
+  }
   return answered_.empty() ? 0 : answered_.front()->turn_;
 }
 

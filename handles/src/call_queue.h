@@ -64,7 +64,7 @@ class CallQueue final : public Queue {
   Calls in_progress_ ZORVIX_GUARDED_BY(mutex_);
   Calls answered_ ZORVIX_GUARDED_BY(mutex_);
   Calls late_ ZORVIX_GUARDED_BY(mutex_);   // answered when they were not wanted any more
-  Calls spare_ ZORVIX_GUARDED_BY(mutex_);  // elements for later calls
+  Calls spare_ ZORVIX_GUARDED_BY(mutex_);  // an element for a later call
 };
 
 }  // namespace zorvix::detail
