@@ -181,6 +181,24 @@ TEST_F(Bridge, MessagesAreDestroyedUnderNoLock) {
   inbox.reset();
 }
 
+// With a look at all pending messages for each subscriber, this would take longer than a test may.
+TEST_F(Bridge, ManyPendingMessagesOfManySubscribersAreDiscardedInLinearTime) {
+  for (const bool inbox_first : {true, false}) {
+    std::optional<Inbox> inbox(std::in_place);
+    std::vector<zorvix::Subscriber<int>> subscribers;
+    for (int i = 0; i < 300; ++i) {  // the bridge copies the list of a topic for each subscriber
+      const zorvix::Topic<int> topic{std::to_string(i)};
+      for (int k = 0; k < 100; ++k) subscribers.emplace_back(topic, ignore, *inbox);
+      for (int number = 0; number < 50; ++number) zorvix::Publisher(topic).Publish(number);
+    }
+
+    if (inbox_first) inbox.reset();
+    subscribers.clear();
+
+    EXPECT_EQ(Count(TakeLog(), "pending messages are discarded"), 30'000u);
+  }
+}
+
 TEST_F(Bridge, EachWorkerMayInvokeAQueuedSubscriberWhileOthersAreBusy) {
   constexpr int kCount = 12;
   std::list<zorvix::Subscriber<int>> subscribers;
@@ -212,6 +230,22 @@ TEST_F(Bridge, QueuedSubscriberThatSendsToItselfGetsAllInSeveralTasks) {
 
   EXPECT_EQ(invocations, 100);
   EXPECT_GT(tasks, 1) << "so that other tasks of the queue are run meanwhile";
+}
+
+// Tasks of others fill the queue, more than once.
+TEST_F(Bridge, QueuedSubscriberIsInvokedThoughTheFullQueueDropsItsTask) {
+  auto& others = Subscribed("others", BridgeType::Async, {Subscriber(ignore)});
+  bool is_invoked = false;
+  const zorvix::Subscriber subscriber(
+      kTopic, [&](int) { is_invoked = true; }, Delivery::Queued);
+  zorvix::Publisher(kTopic).Publish(1);
+
+  for (int i = 0; i < 220; ++i) ZorvixPublish(others, i);
+
+  EXPECT_TRUE(ComesTrue([&] {
+    ZorvixSpinOnce();
+    return is_invoked;
+  }));
 }
 
 TEST_F(Bridge, QueuedTaskMayOutliveAllQueuedSubscribers) {

@@ -38,8 +38,14 @@ std::string Origin(const std::string& path, int line) {
 
 }  // namespace
 
+thread_local bool is_capturing = false;
+
 extern "C" ZORVIX_EXPORT int __android_log_print(int priority, const char* tag, const char* format,
                                                  ...) {
+  const struct Capturing {
+    Capturing() { is_capturing = true; }
+    ~Capturing() { is_capturing = false; }
+  } capturing;
   if (tag != std::string("[BRIDGE]") || format != std::string("%s:%d: %s")) {
     AddLine(std::string("foreign: ") + tag + " " + format);
     return 1;

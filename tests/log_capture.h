@@ -15,6 +15,9 @@ using Lines = std::vector<std::string>;
 // with a tag or outer format that is not the library's begins with "foreign: ".
 Lines TakeLog();
 
+// Whether this thread is capturing a line that is logged, for which it allocates.
+extern thread_local bool is_capturing;
+
 // Captures `line` as if it had been logged.
 void AddLine(const std::string& line);
 
