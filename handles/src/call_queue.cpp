@@ -51,7 +51,7 @@ bool CallQueue::IsUsedByOthers() const { return !in_progress_.empty(); }
 
 Turn CallQueue::Take() {
   taken_ = std::move(answered_.front());
-  if (spare_.empty()) {
+  if (spare_.size() < kMostSpare) {
     spare_.splice(spare_.end(), answered_, answered_.begin());
   } else {
     answered_.pop_front();

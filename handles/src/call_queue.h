@@ -3,6 +3,7 @@
 #define ZORVIX_HANDLES_CALL_QUEUE_H_
 
 #include <atomic>
+#include <cstddef>
 #include <list>
 #include <memory>
 #include <thread>
@@ -49,6 +50,7 @@ class CallQueue final : public Queue {
  private:
   friend class PendingCall;
   using Calls = std::list<std::shared_ptr<PendingCall>>;
+  static constexpr std::size_t kMostSpare = 64;
 
   // Makes this thread the owner. Returns whether it is, and EndSettling must follow.
   static bool Claim(PendingCall& call);
@@ -64,7 +66,7 @@ class CallQueue final : public Queue {
   Calls in_progress_ ZORVIX_GUARDED_BY(mutex_);
   Calls answered_ ZORVIX_GUARDED_BY(mutex_);
   Calls late_ ZORVIX_GUARDED_BY(mutex_);   // answered when they were not wanted any more
-  Calls spare_ ZORVIX_GUARDED_BY(mutex_);  // an element for a later call
+  Calls spare_ ZORVIX_GUARDED_BY(mutex_);  // elements for later calls, at most kMostSpare
 };
 
 }  // namespace zorvix::detail
