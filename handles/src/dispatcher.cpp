@@ -116,7 +116,7 @@ class Dispatcher {
     return std::move(*strand.position_);
   }
 
-  // If there is no memory for a task, a thread posts it later.
+  // If there is no memory for a task and none is in the queue, a thread posts it later.
   void PostTasks() {
     try {
       while (NeedsTask()) PostTask();
@@ -142,7 +142,7 @@ class Dispatcher {
   void PostLater() {
     {
       const Lock lock(mutex_);
-      if (reposting_ || exiting_ || ready_.empty()) return;
+      if (tasks_ != 0 || reposting_ || exiting_ || ready_.empty()) return;
       reposting_ = true;
     }
     try {
