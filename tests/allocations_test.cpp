@@ -89,9 +89,9 @@ TEST_F(Bridge, PendingMessagesTakeBlocksOfMemoryThatAreGivenBack) {
                                         [&] { client.Call(1, ignore); }};
   for (const auto& add : rows) {
     SCOPED_TRACE(&add - rows);
+    largest = 0;
     add();
     inbox.Drain();
-    largest = 0;
     const std::size_t used = allocated - freed;
 
     for (std::size_t i = 0; i < kCount; ++i) add();
