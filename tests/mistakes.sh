@@ -14,7 +14,7 @@ rm -rf "$folder"
 mkdir "$folder"
 cd "$folder"
 cat >uses.h <<'END'
-#include <zorvix/state.h>
+#include <zorvix/typed.h>
 
 struct Reading {
   int Half() const { return left / 2; }
