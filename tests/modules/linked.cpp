@@ -1,8 +1,8 @@
-// Uses handles. Built twice, as two modules.
+// Uses handles. Built as several modules.
 #include <zorvix/inspect.h>
 #include <zorvix/state.h>
 
-#include <sstream>
+#include <map>
 
 #include "payload.h"
 
@@ -15,20 +15,124 @@ template class zorvix::Holder<Reading>;
 template class zorvix::Watcher<Reading>;
 
 namespace {
+
+void Log(const char* what) { BRIDGE_LOG(bridge::kLogInfo, "%s %s", MODULE, what); }
+
+// Its text and its destructor are code of the module.
+struct Failure : std::exception {
+  const char* what() const noexcept override { return "failure of " MODULE; }
+};
+
+bool copies_fail = false;
+
+}  // namespace
+
+// Logs what is done with it, and whose code does it, such as "visible copies".
+struct Traced {
+  Traced() = default;
+  Traced(const Traced&) {
+    Log("copies");
+    if (copies_fail) throw Failure();
+  }
+  Traced(Traced&&) noexcept { Log("moves"); }
+  ~Traced() { Log("destroys"); }
+};
+
+namespace {
+
+constexpr auto kAsync = bridge::BridgeType::Async;
+constexpr auto kSignleAsync = bridge::BridgeType::SignleAsync;
 const zorvix::State<Reading> kState{"state"};
+const zorvix::Topic<Traced> kTopic{"traced"};
+const zorvix::Topic<Failure> kOtherTopic{"traced"};
+const zorvix::Service<int, Traced> kService{"traced"};
+const zorvix::State<Traced> kTracedState{"traced"};
 std::vector<std::shared_ptr<void>> handles;
 
 template <typename Handle>
 void Add(Handle handle) {
   handles.push_back(std::make_shared<Handle>(std::move(handle)));
 }
+
+zorvix::Inbox& AddInbox() {
+  handles.push_back(std::make_shared<zorvix::Inbox>());
+  return *static_cast<zorvix::Inbox*>(handles.back().get());
+}
+
+zorvix::Inbox& AddInboxWithThread() {
+  zorvix::Inbox& inbox = AddInbox();
+  handles.push_back(std::make_shared<zorvix::InboxThread>(inbox));
+  return inbox;
+}
+
+void LogInvocation(const Traced&) { Log("is invoked"); }
+void Ignore(const Failure&) {}
+void Fail(const Traced&) { throw Failure(); }
+Traced Serve(int) { return {}; }
+
+const std::map<std::string, void (*)()> kActions = {
+    {"", [] {}},
+    {"subscribe", [] { Add(zorvix::Subscriber(kTopic, LogInvocation)); }},
+    {"subscribe with an inbox",
+     [] { Add(zorvix::Subscriber(kTopic, LogInvocation, AddInbox(), zorvix::KeepLast{1})); }},
+    {"subscribe to another type", [] { Add(zorvix::Subscriber(kOtherTopic, Ignore)); }},
+    {"subscribe to another type with an inbox",
+     [] { Add(zorvix::Subscriber(kOtherTopic, Ignore, AddInbox())); }},
+    {"serve another type with an inbox",
+     [] {
+       const zorvix::Service<Failure, Traced> service{"traced"};
+       Add(zorvix::Server(
+           service, [](const Failure&) { return Traced(); }, AddInbox()));
+     }},
+    {"watch another type", [] { Add(zorvix::Watcher(zorvix::State<Failure>{"traced"}, Ignore)); }},
+    {"hold",
+     [] {
+       zorvix::Holder holder(kTracedState);
+       holder.Set({});
+       Add(std::move(holder));
+     }},
+    {"fail to copy",
+     [] {
+       copies_fail = true;
+       Add(zorvix::Subscriber(kTopic, LogInvocation, AddInbox()));
+     }},
+    {"fail", [] { Add(zorvix::Subscriber(kTopic, Fail)); }},
+    {"fail on a thread", [] { Add(zorvix::Subscriber(kTopic, Fail, AddInboxWithThread())); }},
+    {"publish", [] { zorvix::Publisher(kTopic).Publish({}); }},
+    {"publish twice",
+     [] {
+       for (int i = 0; i < 2; ++i) zorvix::Publisher(kTopic).Publish({});
+     }},
+    {"serve", [] { Add(zorvix::Server(kService, Serve)); }},
+    {"serve on a thread", [] { Add(zorvix::Server(kService, Serve, AddInboxWithThread())); }},
+    {"call", [] { zorvix::Client(kService).Call(1); }},
+    {"call with an inbox",
+     [] {
+       zorvix::Client client(kService, AddInbox());
+       client.Call(1, [](const std::optional<Traced>&) {});
+       Add(std::move(client));
+     }},
+    {"watch", [] { Add(zorvix::Watcher(kTracedState, LogInvocation)); }},
+    {"set", [] { zorvix::Holder(kTracedState).Set({}); }},
+    {"async_publisher", [] { Add(zorvix::Publisher(zorvix::Topic<int, kAsync>{"async"})); }},
+    {"async_subscriber",
+     [] { Add(zorvix::Subscriber(zorvix::Topic<int, kSignleAsync>{"async"}, [](int) {})); }},
+    {"async_client", [] { Add(zorvix::Client(zorvix::Service<int, int, kSignleAsync>{"async"})); }},
+    {"async_server",
+     [] {
+       Add(zorvix::Server(zorvix::Service<int, int, kAsync>{"async"}, [](int) { return 0; }));
+     }},
+};
+
 }  // namespace
+
+void Do(const char* action) { kActions.at(action)(); }
 
 void Receive() {
   ForEachPayload([](const std::string& name, auto payload) {
     using Payload = decltype(payload);
     const auto last = std::make_shared<Payload>();
-    Add(zorvix::Subscriber(zorvix::Topic<Payload, bridge::BridgeType::Async>{name},
+    Add(zorvix::Subscriber(zorvix::Topic<Payload>{name},
                            [last](const Payload& got) { *last = got; }));
     Add(zorvix::Server(zorvix::Service<Payload, Payload>{name},
                        [last](const Payload&) { return std::exchange(*last, {}); }));
@@ -41,52 +145,94 @@ void Hold(int value) {
   Add(std::move(holder));
 }
 
-void Watch(int* newest) {
-  Add(zorvix::Watcher(kState, [newest](const Reading& reading) { *newest = reading.value; }));
+void Watch(const Reading** newest) {
+  Add(zorvix::Watcher(kState, [newest](const Reading& reading) { *newest = &reading; }));
 }
 
-int UseAll() {
-  const zorvix::Topic<Reading> topic{"topic"};
-  const zorvix::Service<Reading, Reading> service{"service"};
-  const zorvix::Service<Reading, Reading, bridge::BridgeType::Async> queued_service{"service"};
-  std::atomic<int> invocations{0};
-  const auto use = [&](const Reading& reading) {
-    ++invocations;
-    return reading;
-  };
-  const auto take = [&](const std::optional<Reading>& answer) { invocations += answer ? 1 : 0; };
-  const zorvix::SlowLog slow(std::chrono::hours(1));
-  zorvix::Inbox inbox;
-  const zorvix::Subscriber subscriber(topic, use, inbox);
-  const zorvix::Subscriber queued(topic, use, zorvix::Delivery::Queued);
-  const zorvix::Server server(service, use, inbox);
-  const zorvix::Server queued_server(queued_service, use);
-  const zorvix::Client client(service, inbox);
-  {
-    const zorvix::Workers workers(1);
-    zorvix::InboxThread thread(inbox);
-    zorvix::Publisher(topic).Publish({});
-    client.Call({});
-    client.Call({}, std::chrono::hours(1));
-    client.Call({}, take);
-    zorvix::Client(queued_service).Call({}).wait();
-    inbox.Post([] {});
-    thread.Stop(std::chrono::milliseconds(-1));
-  }
-  inbox.Drain(std::chrono::milliseconds(-1));
-  std::ostringstream table;
-  table << zorvix::Inspect();
-  return invocations;
+void UseEachPayload(std::atomic<int>* invocations) {
+  zorvix::Inbox& inbox = AddInboxWithThread();
+  ForEachPayload([&](const std::string& name, auto payload) {
+    using Payload = decltype(payload);
+    const zorvix::Topic<Payload> topic{name};
+    const zorvix::Service<Payload, Payload> service{name};
+    const zorvix::State<Payload> state{name};
+    const auto use = [invocations](const Payload& got) {
+      ++*invocations;
+      return got;
+    };
+    Add(zorvix::Subscriber(topic, use));
+    Add(zorvix::Subscriber(topic, use, inbox));
+    Add(zorvix::Subscriber(topic, use, zorvix::Delivery::Queued, zorvix::KeepLast{2}));
+    Add(zorvix::Subscriber(
+        zorvix::Topic<Failure>{name}, [](const Failure&) {}, inbox));
+    Add(zorvix::Server(service, use));
+    Add(zorvix::Server(service, use, inbox));
+    Add(zorvix::Server(service, use, zorvix::Delivery::Queued));
+    Add(zorvix::Watcher(state, use));
+    Add(zorvix::Watcher(state, use, inbox));
+    zorvix::Holder holder(state);
+    holder.Set(payload);
+    Add(std::move(holder));
+    zorvix::Client client(service, inbox);
+    client.Call(payload, [](const std::optional<Payload>&) {});
+    Add(std::move(client));
+  });
+}
+
+void SendEachPayload(const std::atomic<bool>* stop) {
+  std::vector<std::future<void>> threads;
+  ForEachPayload([&](const std::string& name, auto payload) {
+    threads.push_back(std::async(std::launch::async, [=] {
+      using Payload = decltype(payload);
+      const zorvix::Service<Payload, Payload> service{name};
+      const zorvix::State<Payload> state{name};
+      const zorvix::Publisher publisher(zorvix::Topic<Payload>{name}, zorvix::Audience::Optional);
+      const zorvix::Client client(service);
+      const zorvix::Server server(service, [](const Payload& got) { return got; });
+      const zorvix::Watcher watcher(state);
+      zorvix::Holder holder(state);
+      while (!*stop) {
+        publisher.Publish(payload);
+        client.Call(payload, std::chrono::milliseconds(1));
+        holder.Set(payload);
+      }
+    }));
+  });
 }
 
 void Subscribe() {
-  const auto inbox = std::make_shared<zorvix::Inbox>();
   const zorvix::Topic<int> never_drained{"never drained"};
   Add(zorvix::Subscriber(
-      never_drained, [](int) {}, *inbox, zorvix::KeepLast{2}));
-  handles.push_back(inbox);
+      never_drained, [](int) {}, AddInbox(), zorvix::KeepLast{2}));
 }
 
 std::size_t CountHandles() { return zorvix::Inspect().size(); }
 
-void Leave() { handles.clear(); }
+int DeliverQueued(int subscribers, int messages) {
+  const zorvix::Topic<int> topic{"queued"};
+  std::atomic<int> delivered{0};
+  const auto count = [&](int) { ++delivered; };
+  std::vector<zorvix::Subscriber<int>> handles_of_topic;
+  for (int i = 0; i < subscribers; ++i) {
+    handles_of_topic.emplace_back(topic, count, zorvix::Delivery::Queued, zorvix::KeepAll());
+  }
+  const zorvix::Publisher publisher(topic);
+  const zorvix::Workers workers(2);
+  for (int i = 0; i < messages; ++i) publisher.Publish(i);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (delivered != subscribers * messages && std::chrono::steady_clock::now() < end) {
+    std::this_thread::yield();
+  }
+  return delivered;
+}
+
+zorvix::Inbox* MakeInbox() { return &AddInbox(); }
+
+void Post(zorvix::Inbox* inbox) {
+  inbox->Post([] {});
+}
+
+// The latest first: an inbox and its thread before them.
+void Leave() {
+  while (!handles.empty()) handles.pop_back();
+}

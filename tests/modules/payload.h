@@ -14,7 +14,7 @@ struct Reading {
   bool operator==(const Reading& other) const { return unit == other.unit && value == other.value; }
 };
 
-// Calls `use` with each payload and the name of its queued topic and its service.
+// Calls `use` with each payload and the name of its topic, service and state.
 template <typename Function>
 void ForEachPayload(Function use) {
   use("number", 42);
@@ -22,18 +22,23 @@ void ForEachPayload(Function use) {
   use("readings", std::vector<Reading>{{"a unit too long to be stored inside a string", 7}});
 }
 
-// A module that is loaded apart from others, as an app loads its modules, from the program's
-// folder.
+// Modules are in the program's folder.
+inline std::string PathOf(const std::string& module) {
+  return std::filesystem::read_symlink("/proc/self/exe").replace_filename("lib" + module + ".so");
+}
+
+// A module that is loaded apart from others, as an app loads its modules.
 struct Module {
   explicit Module(const std::string& name)
-      : path(
-            std::filesystem::read_symlink("/proc/self/exe").replace_filename("lib" + name + ".so")),
-        library(dlopen(path.c_str(), RTLD_LOCAL | RTLD_NOW)) {
+      : path(PathOf(name)), library(dlopen(path.c_str(), RTLD_LOCAL | RTLD_NOW)) {
     if (library == nullptr) throw std::runtime_error(dlerror());
   }
   // Returns whether the code is no longer in memory.
-  bool Unload() const {
-    return dlclose(library) == 0 && dlopen(path.c_str(), RTLD_NOLOAD | RTLD_NOW) == nullptr;
+  bool Unload() const { return dlclose(library) == 0 && !IsLoaded(); }
+  bool IsLoaded() const {
+    void* const loaded = dlopen(path.c_str(), RTLD_NOLOAD | RTLD_NOW);
+    if (loaded != nullptr) dlclose(loaded);
+    return loaded != nullptr;
   }
   const std::string path;
   void* const library;
@@ -45,13 +50,18 @@ struct Module {
 // it. Returns whether all answers are right.
 extern "C" ZORVIX_EXPORT bool Send(const Module& bridge);
 
-// Of the modules that are linked with it:
-extern "C" ZORVIX_EXPORT void Receive();        // subscribes, and serves what has come, once
-extern "C" ZORVIX_EXPORT void Hold(int value);  // sets a state
-extern "C" ZORVIX_EXPORT void Watch(int* newest);
+// Of the modules that have handles:
+extern "C" ZORVIX_EXPORT void Do(const char* action);  // see there
+extern "C" ZORVIX_EXPORT void Receive();               // subscribes, and serves what has come, once
+extern "C" ZORVIX_EXPORT void Hold(int value);         // sets a state
+extern "C" ZORVIX_EXPORT void Watch(const Reading** newest);
 extern "C" ZORVIX_EXPORT void Subscribe();            // to "never drained", with a depth of 2
 extern "C" ZORVIX_EXPORT std::size_t CountHandles();  // as Inspect returns them
-extern "C" ZORVIX_EXPORT int UseAll();                // returns how many callables were invoked
-extern "C" ZORVIX_EXPORT void Leave();                // destroys all handles
+extern "C" ZORVIX_EXPORT void UseEachPayload(std::atomic<int>* invocations);   // in every way
+extern "C" ZORVIX_EXPORT void SendEachPayload(const std::atomic<bool>* stop);  // until then
+extern "C" ZORVIX_EXPORT int DeliverQueued(int subscribers, int messages);     // returns how many
+extern "C" ZORVIX_EXPORT zorvix::Inbox* MakeInbox();
+extern "C" ZORVIX_EXPORT void Post(zorvix::Inbox* inbox);
+extern "C" ZORVIX_EXPORT void Leave();  // destroys all handles
 
 #endif  // ZORVIX_TESTS_MODULES_PAYLOAD_H_

@@ -6,11 +6,10 @@
 bool Send(const Module& bridge) {
   bool right = true;
   ForEachPayload([&](const std::string& name, auto payload) {
-    using bridge::BridgeModule, bridge::BridgeType, bridge::Control;
-    std::shared_ptr<const Control> topic(new Control{name, BridgeModule::Topic, BridgeType::Async});
+    using bridge::BridgeModule, bridge::Control;
+    std::shared_ptr<const Control> topic(new Control{name, BridgeModule::Topic});
     BIND(bridge, ZorvixRegisterPublisher)(topic);
     BIND(bridge, ZorvixPublish)(topic, payload);
-    BIND(bridge, ZorvixSpinOnce)();
     BIND(bridge, ZorvixUnregisterPublisher)(topic);
     std::shared_ptr<const Control> service(new Control{name, BridgeModule::Service});
     BIND(bridge, ZorvixRegisterClient)(service);
