@@ -305,11 +305,13 @@ TEST_F(Calls, AnswerThatCannotBeMovedIsNone) {
       client_inbox_->Drain();
       EXPECT_EQ(has_value, std::vector{moves_left >= 0});
 
+#ifndef __SANITIZE_THREAD__  // its pthread_once, which std::promise uses, blocks after an exception
       moves_left = round / 2;
       auto answer = async_client.Call(1);
       ZorvixSpinOnce();
-      Acting::on_move = nullptr;
       EXPECT_EQ(answer.get().has_value(), moves_left >= 0);
+#endif
+      Acting::on_move = nullptr;
     }
   }
 }
