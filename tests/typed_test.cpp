@@ -108,9 +108,9 @@ TEST_F(Bridge, CallableIsDestroyedWithItsHandleWhileOthersAreInvoked) {
 }
 
 // The handle is destroyed in another callable. Invocations may be nested, with more messages
-// queued.
+// queued, and may throw afterwards.
 template <typename Topic>
-void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth) {
+void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth, bool throws = false) {
   const zorvix::Publisher publisher(topic);
   const zorvix::Publisher end(kEnd);
   std::shared_ptr<void> handle;
@@ -127,12 +127,16 @@ void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth) {
       end.Publish(0);
     }
     EXPECT_EQ(observer.use_count(), owners) << "the callable lives as long as its invocations";
+    if (throws) throw 0;
   };
   handle = Share(zorvix::Subscriber(topic, callable, delivery));
   owners = observer.use_count();
 
-  for (int i = 0; i < 2; ++i) publisher.Publish(depth);
-  ZorvixRunOneceStep();
+  try {
+    for (int i = 0; i < 2; ++i) publisher.Publish(depth);
+    ZorvixRunOneceStep();
+  } catch (int) {
+  }
 
   EXPECT_EQ(invocations, depth + 1);
   EXPECT_EQ(observer.use_count(), owners - 1) << "and is destroyed then";
@@ -140,8 +144,10 @@ void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth) {
 }
 
 TEST_F(Bridge, CallableMayDestroyItsHandle) {
-  DestroyInItsCallable(kTopic, Delivery::Direct, 2);
-  DestroyInItsCallable(kTopic, Delivery::Queued, 0);
+  for (const bool throws : {false, true}) {
+    DestroyInItsCallable(kTopic, Delivery::Direct, 2, throws);
+    DestroyInItsCallable(kTopic, Delivery::Queued, 0, throws);
+  }
   // The delivery has no effect on a topic that is always queued.
   DestroyInItsCallable(kQueuedTopic, Delivery::Queued, 0);
 }
