@@ -1,10 +1,38 @@
-// A process may end while workers run. Their owner is a static object that is constructed before
-// the bridge is first used, and must stop them before the bridge is destroyed.
+// exit_test: ends while workers run. Their owner is a static object that is constructed before the
+// bridge is first used, and must stop them before the bridge is destroyed.
+// exit_test pending: ends while a message of a queued subscriber is pending, and a thread may be
+// posting its task.
 #include <zorvix/typed.h>
 #include <zorvix/zorvix_flat.h>
 
-static const zorvix::Workers workers(2);
+#include <cstdlib>
+#include <thread>
 
-int main() {
-  while (!ZorvixIsSpin()) std::this_thread::yield();
+// Destroyed after the bridge.
+static const struct Last {
+  ~Last() {  // threads that still use the bridge would fail now
+    for (int i = 0; i < 300; ++i) std::this_thread::yield();
+  }
+} last;
+
+// Never destroyed.
+static zorvix::Subscriber<int>* volatile subscriber;
+
+static void LeavePending() {
+  const zorvix::Topic<int> topic{"t"};
+  subscriber = new zorvix::Subscriber(
+      topic, [](int) { std::abort(); }, zorvix::Delivery::Queued);
+  zorvix::Publisher(topic).Publish(1);
+  const zorvix::Topic<int, bridge::BridgeType::Async> other{"other"};
+  const zorvix::Subscriber others(other, [](int) {});
+  for (int i = 0; i < 120; ++i) zorvix::Publisher(other).Publish(i);  // drops the task
+}
+
+int main(int count, char**) {
+  if (count > 1) {
+    LeavePending();
+  } else {
+    static const zorvix::Workers workers(2);
+    while (!ZorvixIsSpin()) std::this_thread::yield();
+  }
 }
