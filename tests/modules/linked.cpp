@@ -218,9 +218,8 @@ int DeliverQueued(int subscribers, int messages) {
   for (int i = 0; i < subscribers; ++i) {
     handles_of_topic.emplace_back(topic, count, zorvix::Delivery::Queued, zorvix::KeepAll());
   }
-  const zorvix::Publisher publisher(topic);
+  for (int i = 0; i < messages; ++i) zorvix::Publisher(topic).Publish(i);
   const zorvix::Workers workers(2);
-  for (int i = 0; i < messages; ++i) publisher.Publish(i);
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (delivered != subscribers * messages && std::chrono::steady_clock::now() < end) {
     std::this_thread::yield();
