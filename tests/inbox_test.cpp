@@ -273,6 +273,26 @@ TEST_F(Bridge, DepthOfNothingIsRefused) {
                std::invalid_argument);
 }
 
+// Room is made for a message before its type is known.
+TEST_F(Bridge, MessageOfAnotherTypeLeavesNoGapAmongTheOthers) {
+  Inbox inbox;
+  std::vector<int> received;
+  const zorvix::Subscriber subscriber(
+      kTopic, [&](int number) { received.push_back(number); }, inbox);
+  const zorvix::Publisher publisher(kTopic);
+  std::vector<int> published;
+  for (int count = 0; count < 70; ++count) {
+    for (int i = 0; i < count; ++i) {
+      published.push_back(100 * count + i);
+      publisher.Publish(published.back());
+    }
+    zorvix::Publisher(zorvix::Topic<char>{"t"}).Publish('x');
+    inbox.Drain();
+  }
+
+  EXPECT_EQ(received, published);
+}
+
 TEST_F(Bridge, PostedTasksAreNeverDropped) {
   Inbox inbox;
   int done = 0;
