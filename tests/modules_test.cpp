@@ -70,7 +70,9 @@ TEST(Modules, StayLoadedIfTheirCodeMustOutliveTheirHandles) {
     EXPECT_FALSE(module.Unload());
     const Lines log = TakeLog();
     EXPECT_EQ(Count(log, kStaysLoaded), 1u);
-    EXPECT_EQ(Count(log, kStaysLoaded + "lib" + name + ".so, since " + reason), 1u);
+    std::string line = kStaysLoaded;
+    line.append("lib").append(name).append(".so, since ").append(reason);
+    EXPECT_EQ(Count(log, line), 1u);
   }
   BIND(owner, Post)(inbox);
   BIND(owner, Leave)();

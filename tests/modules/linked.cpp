@@ -214,9 +214,10 @@ int DeliverQueued(int subscribers, int messages) {
   const zorvix::Topic<int> topic{"queued"};
   std::atomic<int> delivered{0};
   const auto count = [&](int) { ++delivered; };
-  std::vector<zorvix::Subscriber<int>> handles_of_topic;
+  std::vector<zorvix::Subscriber<int>> all;
+  all.reserve(static_cast<std::size_t>(subscribers));
   for (int i = 0; i < subscribers; ++i) {
-    handles_of_topic.emplace_back(topic, count, zorvix::Delivery::Queued, zorvix::KeepAll());
+    all.emplace_back(topic, count, zorvix::Delivery::Queued, zorvix::KeepAll());
   }
   for (int i = 0; i < messages; ++i) zorvix::Publisher(topic).Publish(i);
   const zorvix::Workers workers(2);
