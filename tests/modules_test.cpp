@@ -44,6 +44,7 @@ TEST(Modules, ExchangePayloadsWithOneThatHasNoHandles) {
 
 TEST(Modules, StayLoadedIfTheirCodeMustOutliveTheirHandles) {
   const std::string async = "it uses an Async or SignleAsync endpoint, name: async";
+  const std::string thrown = "it has thrown what is no std::exception, name: traced";
   const std::string post = "it has posted a task to an inbox of another module, name: inbox";
   const Module owner("visible");
   zorvix::Inbox* const inbox = BIND(owner, MakeInbox)();
@@ -53,6 +54,8 @@ TEST(Modules, StayLoadedIfTheirCodeMustOutliveTheirHandles) {
            {"async_client", async},
            {"async_server", async},
            {"posts", post},
+           {"throws", thrown},
+           {"throws_in_drain", thrown},
        }) {
     SCOPED_TRACE(name);
     const Module module(name);

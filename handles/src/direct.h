@@ -29,6 +29,9 @@ class Direct final : public Receiver {
       callable_(message, reply);
     } catch (const std::exception& error) {
       ThrowCopy(error);
+    } catch (...) {
+      KeepLoadedForException();
+      throw;
     }
   }
   void Close() override { gate_.Close(name, &callable_); }

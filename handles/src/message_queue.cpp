@@ -165,6 +165,9 @@ MessageQueue::Pushed MessageQueue::PushCopy(const std::any& message, Expected* e
       copy.owns_message = type_.store(message, &copy.stored);
     } catch (const std::exception& error) {
       ThrowCopy(error);
+    } catch (...) {
+      KeepLoadedForException();
+      throw;
     }
     if (!copy.owns_message) return Pushed::kOtherType;
     if (expected != nullptr) copy.reply = std::move(expected->reply);

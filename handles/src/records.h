@@ -41,9 +41,18 @@ struct Record {
 
 // What invokes a callable. Others may share it for longer than its handle exists.
 struct Receiver : Record {
-  using Record::Record;
+  Receiver(const char* its_kind, const std::string& its_name, Module& its_module)
+      : Record(its_kind, its_name, its_module), code_(its_module) {}
+  // To be called while code of the module throws an exception that cannot be copied: whoever
+  // catches it destroys it, which may be code of the module, too.
+  void KeepLoadedForException() const {
+    KeepLoaded(code_, "it has thrown what is no std::exception", name);
+  }
   // When it has returned, no code of the callable's module is needed any more.
   virtual void Close() = 0;
+
+ private:
+  Module& code_;
 };
 
 // What the process has one of. Never destroyed, since static handles of users may be destroyed

@@ -151,6 +151,9 @@ class Queue : public Receiver, public std::enable_shared_from_this<Queue> {
       function();
     } catch (const std::exception& error) {
       LogFailure(error);
+    } catch (...) {
+      KeepLoadedForException();
+      throw;
     }
   }
 

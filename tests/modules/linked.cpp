@@ -68,7 +68,16 @@ zorvix::Inbox& AddInboxWithThread() {
 void LogInvocation(const Traced&) { Log("is invoked"); }
 void Ignore(const Failure&) {}
 void Fail(const Traced&) { throw Failure(); }
+void ThrowNumber(const Traced&) { throw 0; }
 Traced Serve(int) { return {}; }
+
+void PublishAndDrain(zorvix::Inbox& inbox) {
+  try {
+    zorvix::Publisher(kTopic).Publish({});
+    inbox.Drain();
+  } catch (int) {
+  }
+}
 
 const std::map<std::string, void (*)()> kActions = {
     {"", [] {}},
@@ -114,6 +123,17 @@ const std::map<std::string, void (*)()> kActions = {
      }},
     {"watch", [] { Add(zorvix::Watcher(kTracedState, LogInvocation)); }},
     {"set", [] { zorvix::Holder(kTracedState).Set({}); }},
+    {"throws",
+     [] {
+       Add(zorvix::Subscriber(kTopic, ThrowNumber));
+       PublishAndDrain(AddInbox());
+     }},
+    {"throws_in_drain",
+     [] {
+       zorvix::Inbox& inbox = AddInbox();
+       Add(zorvix::Subscriber(kTopic, ThrowNumber, inbox));
+       PublishAndDrain(inbox);
+     }},
     {"async_publisher", [] { Add(zorvix::Publisher(zorvix::Topic<int, kAsync>{"async"})); }},
     {"async_subscriber",
      [] { Add(zorvix::Subscriber(zorvix::Topic<int, kSignleAsync>{"async"}, [](int) {})); }},
