@@ -17,9 +17,16 @@ extern "C" ZORVIX_EXPORT char* __cxa_demangle(const char* name, char*, std::size
 
 namespace {
 
+// Loads the libraries first. Android's loader would otherwise unload the module that has brought
+// them only together with all others.
+class Modules : public testing::Test {
+ private:
+  const Module handles_{"com.quenmar.zorvix.handles"};
+};
+
 const std::string kStaysLoaded = "a module stays loaded, even after dlclose: ";
 
-TEST(Modules, ExchangePayloadsWithOneThatHasNoHandles) {
+TEST_F(Modules, ExchangePayloadsWithOneThatHasNoHandles) {
   const Module bridge("com.quenmar.zorvix");
   const Module receiver("answers");
   BIND(receiver, Receive)();
@@ -42,7 +49,7 @@ TEST(Modules, ExchangePayloadsWithOneThatHasNoHandles) {
   EXPECT_FALSE(bridge.Unload());
 }
 
-TEST(Modules, StayLoadedIfTheirCodeMustOutliveTheirHandles) {
+TEST_F(Modules, StayLoadedIfTheirCodeMustOutliveTheirHandles) {
   const std::string async = "it uses an Async or SignleAsync endpoint, name: async";
   const std::string thrown = "it has thrown what is no std::exception, name: traced";
   const std::string post = "it has posted a task to an inbox of another module, name: inbox";
@@ -82,7 +89,7 @@ TEST(Modules, StayLoadedIfTheirCodeMustOutliveTheirHandles) {
   EXPECT_TRUE(owner.Unload());
 }
 
-TEST(Modules, StayLoadedUntilTheLastOfTheirValuesIsDestroyed) {
+TEST_F(Modules, StayLoadedUntilTheLastOfTheirValuesIsDestroyed) {
   const Module holder("hidden");
   const Module watcher("visible");
   const Reading* newest = nullptr;
@@ -98,7 +105,7 @@ TEST(Modules, StayLoadedUntilTheLastOfTheirValuesIsDestroyed) {
   EXPECT_TRUE(watcher.Unload());
 }
 
-TEST(Modules, ValuesOfAStaticHolderAreNeverDestroyed) {
+TEST_F(Modules, ValuesOfAStaticHolderAreNeverDestroyed) {
   static const Reading* newest = nullptr;  // where a search for leaks finds the value
   const Module statics("statics");
   const Module watcher("visible");
@@ -143,7 +150,7 @@ constexpr Use kUses[] = {
     {"", "subscribe to another type", "publish", "error: bad any_cast", false},
 };
 
-TEST(Modules, AreUnloadedWhenNoThreadIsInside) {
+TEST_F(Modules, AreUnloadedWhenNoThreadIsInside) {
   const Module peer("hidden");
   for (const auto& use : kUses) {
     SCOPED_TRACE(std::string(use.module_has) + ", " + use.held);
@@ -173,7 +180,7 @@ TEST(Modules, AreUnloadedWhenNoThreadIsInside) {
   EXPECT_TRUE(peer.Unload());
 }
 
-TEST(Modules, DeliverAllToManyQueuedSubscribers) {
+TEST_F(Modules, DeliverAllToManyQueuedSubscribers) {
   const Module module("visible");
 
   EXPECT_EQ(BIND(module, DeliverQueued)(200, 300), 200 * 300);
@@ -182,7 +189,7 @@ TEST(Modules, DeliverAllToManyQueuedSubscribers) {
 }
 
 // 500 times, or what takes 15 seconds.
-TEST(Modules, AreLoadedAndUnloadedWhileOthersPublishCallAndSet) {
+TEST_F(Modules, AreLoadedAndUnloadedWhileOthersPublishCallAndSet) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
   const Module bridge("com.quenmar.zorvix");
   const Module senders[] = {Module("hidden"), Module("visible")};
@@ -216,7 +223,7 @@ TEST(Modules, AreLoadedAndUnloadedWhileOthersPublishCallAndSet) {
 }
 
 #ifndef __ANDROID__
-TEST(Modules, AreNotLoadedIfTheirHeadersAreOfAnotherVersion) {
+TEST_F(Modules, AreNotLoadedIfTheirHeadersAreOfAnotherVersion) {
   const Module same("statics");
 
   EXPECT_EQ(dlopen(PathOf("older").c_str(), RTLD_LOCAL | RTLD_LAZY), nullptr);
