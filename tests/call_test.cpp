@@ -124,8 +124,12 @@ TEST_F(Calls, AnswersOfOneServerArriveInTheOrderOfTheRequests) {
 TEST_F(Calls, CallableIsInvokedOnceWithNoneIfNobodyAnswers) {
   const zorvix::Service<char, int> other_request{kService.name};
   const zorvix::Service<int, char> other_response{kService.name};
+  const auto answer_char = [](int) { return 'x'; };
   const auto fail = [](int) -> int { throw std::runtime_error("bad luck"); };
   std::shared_ptr<void> server;
+  const auto serve_other_directly = [&] {
+    server = std::make_shared<zorvix::Server<int, char>>(other_response, answer_char);
+  };
   const auto serve = [&](const auto& service, auto callable) {
     return [&, callable] {
       using ItsServer = decltype(zorvix::Server(service, callable, *server_inbox_));
@@ -150,8 +154,9 @@ TEST_F(Calls, CallableIsInvokedOnceWithNoneIfNobodyAnswers) {
       {serve(kService, Double), destroy_inbox, "discarded, kind: Server, name: double"},
       {serve(kService, fail), drain, "callable failed! error: bad luck, name: double"},
       {serve(other_request, Double), drain, "the request is an int"},
-      {serve(other_response, [](int) { return 'x'; }), nothing,
+      {serve(other_response, answer_char), nothing,
        "the answer is a char, the client takes an int"},
+      {serve_other_directly, nothing, "the answer is a char, the client takes an int"},
       {serve_char, nothing, "the answer is a char, the client takes an int"},
   };
   for (const auto& row : rows) {
