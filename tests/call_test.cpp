@@ -177,12 +177,13 @@ TEST_F(Calls, CallableIsInvokedOnceWithNoneIfNobodyAnswers) {
 }
 
 // One call is answered, one is in progress and one is pending. The first callable that is destroyed
-// lets the server go on.
+// lets the server go on. Hangs if a lock is held then.
 TEST_F(Calls, DestroyedClientDestroysAllItsCallablesOnItsOwnThread) {
   std::future<void> drain;
   std::vector<std::thread::id> destroyed_on;
   const auto destroy = [&](std::nullptr_t) {
     destroyed_on.push_back(std::this_thread::get_id());
+    client_inbox_->Wait(milliseconds(0));
     HoldLog("");
     if (drain.valid()) drain.get();
   };
