@@ -33,7 +33,7 @@ class Gate {
   // Destroys the callable when it ends. Written by Close on the thread of that pass.
   const Pass* last_ = nullptr;
   Callable* callable_ = nullptr;
-  Mutex mutex_;  // held by whoever tests or announces that others have left
+  Mutex mutex_;  // held to test and to announce that others have left
   Condition left_;
 };
 

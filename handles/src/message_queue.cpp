@@ -145,8 +145,9 @@ MessageQueue::Pushed MessageQueue::PushInPlace(const std::any& message, Expected
     if (!GivesAnswer(expected)) return Pushed::kOtherAnswer;
     pending_.MakeRoom();
     if (!type_.store(message, pending_.next())) return Pushed::kOtherType;
-    if (expected != nullptr)
+    if (expected != nullptr) {
       ::new (ReplyIn(pending_.next())) ReplyOwner(std::move(expected->reply));
+    }
     is_first_drop = Add(dropped);
   }
   if (is_first_drop) LogFirstDrop();

@@ -119,8 +119,8 @@ class MessageQueue final : public Queue {
   std::size_t caught_up_from_ = 0;
 
   Fifo pending_ ZORVIX_GUARDED_BY(mutex_);
-  Turn first_turn_ ZORVIX_GUARDED_BY(mutex_) =
-      0;  // of the oldest message, or one that it took over
+  // The turn of the oldest message, perhaps taken over from a dropped one.
+  Turn first_turn_ ZORVIX_GUARDED_BY(mutex_) = 0;
   std::size_t dropped_ ZORVIX_GUARDED_BY(mutex_) = 0;
   std::size_t dropped_in_a_row_ ZORVIX_GUARDED_BY(mutex_) = 0;  // since it last caught up
 };
