@@ -104,7 +104,7 @@ TEST_F(Bridge, InspectCountsWhatIsPendingAndDropped) {
   const IntServer server(kService, answer, *inbox, KeepLast{4});
   const zorvix::Watcher watcher(kState, ignore, *inbox);
   zorvix::Holder holder(kState);
-  const IntClient client(kService, *inbox);
+  const IntClient client(kService, *inbox, KeepLast{5});
 
   for (int number = 0; number < 6; ++number) {
     zorvix::Publisher(a).Publish(number);
@@ -116,8 +116,8 @@ TEST_F(Bridge, InspectCountsWhatIsPendingAndDropped) {
                                 "a Subscriber zorvix_test 2 2 4 0 0",
                                 "b Subscriber zorvix_test 3 3 3 0 0",
                                 "c Subscriber zorvix_test 0 all 0 0 0",
-                                "s Client zorvix_test 2 0 0 0 0",
-                                "s Server zorvix_test 4 4 2 0 0",
+                                "s Client zorvix_test 2 5 1 0 0",
+                                "s Server zorvix_test 4 4 1 0 0",
                                 "state Holder zorvix_test 0 0 0 0 0",
                                 "state Watcher zorvix_test 1 1 0 0 0",
                             }));
@@ -128,8 +128,8 @@ TEST_F(Bridge, InspectCountsWhatIsPendingAndDropped) {
                                 "a Subscriber zorvix_test 0 2 4 0 0",
                                 "b Subscriber zorvix_test 0 3 3 0 0",
                                 "c Subscriber zorvix_test 0 all 0 0 0",
-                                "s Client zorvix_test 4 0 0 0 0",
-                                "s Server zorvix_test 0 4 2 0 0",
+                                "s Client zorvix_test 4 5 1 0 0",
+                                "s Server zorvix_test 0 4 1 0 0",
                                 "state Holder zorvix_test 0 0 0 0 0",
                                 "state Watcher zorvix_test 0 1 0 0 0",
                             }));

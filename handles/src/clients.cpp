@@ -1,7 +1,10 @@
 // Clients of services.
 #include <zorvix/detail/library.h>
 
+#include <atomic>
 #include <exception>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -13,54 +16,44 @@
 namespace zorvix::detail {
 namespace {
 
-class WaitingOffer final : public Offer {
- public:
-  WaitingOffer(const AnswerType& its_type, void* optional)
-      : Offer(its_type, optional, true), slot_{optional, nullptr} {}
-  ReplyOwner Take() override {
-    reply_ = std::make_shared<WaitingReply>(slot_);
-    return ReplyOwner(reply_);
-  }
-  void Wait(Clock::time_point end) const {
-    if (reply_ != nullptr) reply_->Wait(end);
-  }
-
- private:
-  const AnswerSlot slot_;
-  std::shared_ptr<WaitingReply> reply_;
-};
-
 // Has a reply that exists before the call. A direct server settles that one, too, since its
 // callable may destroy the client. Without a reply, the queue of the client is closed.
 class ReplyOffer final : public Offer {
  public:
   ReplyOffer(const AnswerType& its_type, ReplyOwner reply)
-      : Offer(its_type, nullptr, false), reply_(std::move(reply)) {}
-  Reply& reply() override { return reply_.get() != nullptr ? *reply_.get() : Offer::reply(); }
-  ReplyOwner Take() override { return std::move(reply_); }
+      : Offer(its_type), reply_(std::move(reply)) {}
 
  private:
+  void Write(const Outcome& outcome) override { reply_.Settle(outcome); }
+  ReplyOwner Share() override { return std::move(reply_); }
+
   ReplyOwner reply_;
 };
 
-struct QueuedOffer final : Offer {
-  QueuedOffer(const AnswerType& its_type, void* optional) : Offer(its_type, optional, false) {}
-};
+// Lets the server answer, and takes the answer of a server without a handle.
+void TakeAnswer(const ServerFunction& serve, const std::any& request, Offer& offer) {
+  std::any response(static_cast<Offer*>(&offer));
+  serve(request, response);
+  if (!response.has_value() || std::any_cast<Offer*>(&response) != nullptr) {
+    offer.Settle(NoAnswer(Why::Unknown));
+    return;
+  }
+  if (response.type() != *offer.type.type) {
+    offer.Settle(NoAnswer(Why::WrongType));
+    throw TypeMismatch("answer", response.type(), "client", *offer.type.type);
+  }
+  offer.Settle({offer.type.take, &response, {}});
+}
 
-// Calls the server's function, and takes the answer of a server without a handle.
 // The bridge contains and logs a std::exception.
 void Ask(const ServerFunction& serve, const std::any& request, Offer& offer) {
   try {
-    std::any response(static_cast<Offer*>(&offer));
-    serve(request, response);
-    if (!response.has_value() || std::any_cast<Offer*>(&response) != nullptr) return;
-    if (response.type() != *offer.type.type) {
-      throw TypeMismatch("answer", response.type(), "client", *offer.type.type);
-    }
-    offer.reply().Settle(offer.type.take, &response);
+    TakeAnswer(serve, request, offer);
   } catch (const std::exception&) {
+    offer.Settle(NoAnswer(Why::Threw));
     throw;
   } catch (...) {
+    offer.Settle(NoAnswer(Why::Threw));
     throw std::runtime_error("the server, or its answer, threw what is no std::exception");
   }
 }
@@ -71,24 +64,48 @@ void CallNow(const Control& control, const std::any& request, Offer& offer) {
     Offer& offer;
   } const asking{request, offer};
   // A reference only, so that the bridge's std::function needs no allocation.
-  Bridge().Call(control, [&asking](const ServerFunction& serve) {
+  const bool has_server = Bridge().Call(control, [&asking](const ServerFunction& serve) {
     Ask(serve, asking.request, asking.offer);
   });
+  if (!has_server) offer.Settle(NoAnswer(Why::NoServer));
 }
 
-// A call in the bridge's queue. It has no answer if this is destroyed without one.
-struct QueuedCall {
-  QueuedCall(std::any&& its_request, const AnswerType& type, Function<> callable)
-      : request(std::move(its_request)),
-        finish(std::move(callable)),
-        offer(type, finish.answer()) {}
-  ~QueuedCall() { finish(); }
-  QueuedCall(const QueuedCall&) = delete;
-  QueuedCall& operator=(const QueuedCall&) = delete;
+// A call in the bridge's queue. Its function is invoked when this is destroyed.
+class QueuedCall final : public Offer, public std::enable_shared_from_this<QueuedCall> {
+ public:
+  QueuedCall(std::any&& request, const AnswerType& its_type, Function<> finish)
+      : Offer(its_type), request_(std::move(request)), finish_(std::move(finish)) {
+    Set(Why::Dropped);  // unless it begins
+  }
+  ~QueuedCall() { finish_(); }
 
-  const std::any request;
-  Function<> finish;
-  QueuedOffer offer;
+  // Says why there is no answer so far.
+  void Set(Why why) { WriteOutcome(finish_.answer(), NoAnswer(why)); }
+  void Begin(const ServerFunction& serve) { Ask(serve, request_, *this); }
+
+ private:
+  // Of a server that answers later.
+  class LateReply final : public SharedReply {
+   public:
+    explicit LateReply(std::shared_ptr<QueuedCall> call) : call_(std::move(call)) {}
+    void Settle(const Outcome& outcome) override {
+      if (is_settled_.exchange(true)) return;
+      const auto call = std::move(call_);
+      call->Write(outcome);
+    }
+
+   private:
+    std::atomic<bool> is_settled_{false};
+    std::shared_ptr<QueuedCall> call_;
+  };
+
+  void Write(const Outcome& outcome) override { WriteOutcome(finish_.answer(), outcome); }
+  ReplyOwner Share() override {
+    return ReplyOwner(std::make_shared<LateReply>(shared_from_this()));
+  }
+
+  const std::any request_;
+  Function<> finish_;
 };
 
 }  // namespace
@@ -113,20 +130,20 @@ struct ClientState : Record {
 
 void Destroyer::operator()(ClientState* state) const { delete state; }
 
-Owned<ClientState> MakeClient(const Endpoint& endpoint, const Place& place) {
+Owned<ClientState> MakeClient(const Endpoint& endpoint, const Place& place, KeepLast keep) {
+  CheckedDepth(keep);
   KeepLoadedIfQueuedByBridge(endpoint);
   std::shared_ptr<CallQueue> calls;
   if (auto strand = StrandAt(place, endpoint)) {
-    calls =
-        std::make_shared<CallQueue>("Client", endpoint.name, endpoint.module, std::move(strand));
+    calls = std::make_shared<CallQueue>(endpoint, std::move(strand), keep);
   }
   return Owned<ClientState>(new ClientState(endpoint, std::move(calls)));
 }
 
 void CallAndWait(const ClientState& client, const std::any& request, const AnswerType& type,
-                 void* answer, std::chrono::milliseconds limit) {
+                 const AnswerSlot& slot, std::chrono::milliseconds limit) {
   const Section section("Call", client.name);
-  WaitingOffer offer(type, answer);
+  WaitingOffer offer(type, slot);
   // Without a limit, no clock is read.
   const auto end = limit.count() < 0 ? Clock::time_point::max() : Deadline(limit);
   CallNow(client.participant.control, request, offer);
@@ -134,13 +151,22 @@ void CallAndWait(const ClientState& client, const std::any& request, const Answe
 }
 
 void CallAndReply(const ClientState& client, const std::any& request, const AnswerType& type,
-                  Function<> callable) {
+                  std::chrono::milliseconds timeout, Function<> callable) {
   const auto& queue = client.calls.queue;
   if (queue == nullptr) {
     throw std::logic_error("a call with a callable needs a client that is queued or has an inbox");
   }
+  const bool has_timeout = timeout.count() >= 0;
+  if (has_timeout && !queue->strand().can_time_out()) {
+    throw std::logic_error("a call with a timeout and a callable needs a client with an inbox");
+  }
   const Section section("Call", client.name);
-  ReplyOffer offer(type, queue->Add(std::make_shared<PendingCall>(queue, std::move(callable))));
+  const auto call = std::make_shared<PendingCall>(queue, std::move(callable));
+  std::optional<Clock::time_point> end;
+  if (has_timeout) end = Deadline(timeout);
+  ReplyOwner reply;
+  if (!queue->Add(call, end, reply)) return;
+  ReplyOffer offer(type, std::move(reply));
   CallNow(client.participant.control, request, offer);
 }
 
@@ -148,8 +174,9 @@ void CallQueued(const ClientState& client, std::any&& request, const AnswerType&
                 Function<> callable) {
   const Section section("Call", client.name);
   const auto call = std::make_shared<QueuedCall>(std::move(request), type, std::move(callable));
-  Bridge().Call(client.participant.control,
-                [call](const ServerFunction& serve) { Ask(serve, call->request, call->offer); });
+  const bool has_server = Bridge().Call(
+      client.participant.control, [call](const ServerFunction& serve) { call->Begin(serve); });
+  if (!has_server) call->Set(Why::NoServer);
 }
 
 }  // namespace zorvix::detail

@@ -23,7 +23,7 @@ class Direct final : public Receiver {
 
   Gate& gate() { return gate_; }
   // To be called with a pass.
-  void Invoke(const void* message, Reply* reply) {
+  void Invoke(const void* message, CurrentReply* reply) {
     const Measured measured(*this);
     try {
       callable_(message, reply);

@@ -24,6 +24,8 @@ class QueuedStrand final : public Strand {
 
   using Strand::Strand;
 
+  bool can_time_out() const override { return false; }
+
  private:
   friend class Dispatcher;
   void AfterPush() override;

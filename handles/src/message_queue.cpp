@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
-#include <stdexcept>
 #include <utility>
 
 #include "endpoint.h"
@@ -46,14 +45,9 @@ void CopyValue(void* to, const void* from, std::size_t size) {
 
 }  // namespace
 
-std::size_t CheckedDepth(KeepLast keep) {
-  if (keep.depth == 0) throw std::invalid_argument("the depth of a queue must be at least 1");
-  return keep.depth;
-}
-
 void MessageQueue::Taken::Destroy() {
   if (std::exchange(owns_message, false)) queue_.type_.destroy(stored.copy);
-  if (reply.get() != nullptr) reply.Reset();
+  reply.Fail(why_);
 }
 
 MessageQueue::MessageQueue(const char* its_kind, const std::string& its_name, Module& its_module,
@@ -85,9 +79,14 @@ void MessageQueue::Push(const std::any& message) {
 void MessageQueue::PushRequest(const std::any& request, ReplyOwner reply,
                                const std::type_info& wanted_answer) {
   Expected expected{std::move(reply), wanted_answer};
-  const Pushed pushed = Push(request, &expected);
-  if (pushed == Pushed::kOtherType || pushed == Pushed::kOtherAnswer) {
-    RejectRequest(request, expected, pushed);
+  try {
+    const Pushed pushed = Push(request, &expected);
+    if (pushed == Pushed::kOtherType || pushed == Pushed::kOtherAnswer) {
+      RejectRequest(request, expected, pushed);
+    }
+  } catch (...) {
+    expected.reply.Fail(Why::Threw);
+    throw;
   }
 }
 
@@ -97,9 +96,10 @@ void MessageQueue::RejectMessage(const std::any& message) {
   throw TypeMismatch("message", message.type(), "subscriber", *type_.type);
 }
 
-void MessageQueue::RejectRequest(const std::any& request, const Expected& expected, Pushed pushed) {
+void MessageQueue::RejectRequest(const std::any& request, Expected& expected, Pushed pushed) {
   const Gate::Pass pass(gate_);
   if (!pass.admitted()) return;
+  expected.reply.Fail(Why::WrongType);
   if (pushed == Pushed::kOtherType) {
     throw TypeMismatch("request", request.type(), "server", *type_.type);
   }
@@ -131,7 +131,7 @@ inline bool MessageQueue::Add(std::optional<Taken>& dropped) {
 bool MessageQueue::AddToFull(std::optional<Taken>& dropped) {
   ::new (TurnIn(pending_.next())) Turn(TakeTurn());
   pending_.Push();
-  PopInto(dropped.emplace(*this), pending_);  // the next message takes over its turn
+  PopInto(dropped.emplace(*this, Why::Dropped), pending_);  // the next message takes over its turn
   ++dropped_;
   return ++dropped_in_a_row_ == 1;
 }
@@ -161,7 +161,7 @@ MessageQueue::Pushed MessageQueue::PushCopy(const std::any& message, Expected* e
     const Gate::Pass pass(gate_);
     if (!pass.admitted()) return Pushed::kClosed;
     if (!GivesAnswer(expected)) return Pushed::kOtherAnswer;
-    Taken copy(*this);
+    Taken copy(*this, Why::Destroyed);
     try {
       copy.owns_message = type_.store(message, &copy.stored);
     } catch (const std::exception& error) {
@@ -184,7 +184,7 @@ MessageQueue::Pushed MessageQueue::PushCopy(const std::any& message, Expected* e
 }
 
 void MessageQueue::PushOwned(void* owned) {
-  Taken copy(*this);
+  Taken copy(*this, Why::Destroyed);
   copy.stored.copy = owned;
   copy.owns_message = true;
   std::optional<Taken> dropped;
@@ -228,8 +228,9 @@ void MessageQueue::InvokeTaken() {
     ~AtEnd() { taken.Reset(); }
     Taken& taken;
   } const at_end{taken_};
-  if (caught_up_from_ != 0) LogDropped(caught_up_from_);
-  Invoke([&] { callable_(taken_.message(), taken_.reply.get()); });
+  if (caught_up_from_ != 0 && depth_ != 1) LogDropped(caught_up_from_);
+  RequestReply reply(taken_.reply);
+  Invoke([&] { callable_(taken_.message(), &reply); });
 }
 
 void MessageQueue::Discard() {
@@ -241,13 +242,13 @@ void MessageQueue::Discard() {
     RemoveTurns(first_turn_, pending_.size());
     pending_.Swap(discarded);
   }
-  LogDropped(dropped);
+  if (depth_ != 1) LogDropped(dropped);
   if (discarded.size() == 0) return;
   BRIDGE_LOG(bridge::kLogInfo,
              "pending messages are discarded, kind: %s, name: %s, module: %s, discarded: %zu", kind,
              name.c_str(), module, discarded.size());
   while (discarded.size() != 0) {
-    Taken message(*this);
+    Taken message(*this, Why::Destroyed);
     PopInto(message, discarded);
   }
 }
@@ -260,13 +261,6 @@ void MessageQueue::Close() {
 Counts MessageQueue::Count() const {
   const Lock lock(mutex_);
   return {pending_.size(), depth_, dropped_};
-}
-
-void MessageQueue::LogDropped(std::size_t count) const {
-  if (count == 0 || depth_ == 1) return;
-  BRIDGE_LOG(bridge::kLogWarn,
-             "a queue has dropped messages, kind: %s, name: %s, module: %s, dropped: %zu", kind,
-             name.c_str(), module, count);
 }
 
 }  // namespace zorvix::detail

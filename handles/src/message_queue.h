@@ -18,9 +18,6 @@
 
 namespace zorvix::detail {
 
-// Throws std::invalid_argument for a depth of 0.
-std::size_t CheckedDepth(KeepLast keep);
-
 class MessageQueue final : public Queue {
  public:
   // `answer_type` is that of a server, whose messages are requests, or null.
@@ -30,7 +27,7 @@ class MessageQueue final : public Queue {
 
   // Stores a copy. Throws TypeMismatch.
   void Push(const std::any& message);
-  // Does the same. The reply is settled without an answer if the request is not stored.
+  // Does the same. The reply is settled if the request is not stored.
   void PushRequest(const std::any& request, ReplyOwner reply, const std::type_info& wanted_answer);
   // Takes a message on the heap.
   void PushOwned(void* copy);
@@ -50,12 +47,13 @@ class MessageQueue final : public Queue {
   // A message that is in no queue any more, or not yet, and its reply. Destroyed under no lock.
   class Taken {
    public:
-    explicit Taken(const MessageQueue& queue) : queue_(queue) {}
+    // `why` a reply that is left is settled without an answer.
+    Taken(const MessageQueue& queue, Why why) : why_(why), queue_(queue) {}
     ~Taken() { Reset(); }
     Taken(const Taken&) = delete;
     Taken& operator=(const Taken&) = delete;
     void Reset() {
-      if (owns_message || reply.get() != nullptr) Destroy();
+      if (owns_message || reply.IsWanted()) Destroy();
     }
     const void* message() const { return queue_.is_in_place_ ? &stored : stored.copy; }
 
@@ -65,6 +63,7 @@ class MessageQueue final : public Queue {
 
    private:
     void Destroy();
+    const Why why_;
     const MessageQueue& queue_;
   };
   // What the client of a request expects. Null for a message.
@@ -79,7 +78,7 @@ class MessageQueue final : public Queue {
   }
   // Throws TypeMismatch, unless the queue is closed.
   void RejectMessage(const std::any& message);
-  void RejectRequest(const std::any& request, const Expected& expected, Pushed pushed);
+  void RejectRequest(const std::any& request, Expected& expected, Pushed pushed);
   Pushed PushInPlace(const std::any& message, Expected* expected);
   Pushed PushCopy(const std::any& message, Expected* expected);
   // The types are in the module, so they are compared with a pass or, while it is open, under the
@@ -103,7 +102,6 @@ class MessageQueue final : public Queue {
   void Discard() override;
   void DestroyCallable() override { callable_.Reset(); }
   void LogFirstDrop() const;
-  void LogDropped(std::size_t count) const;
 
   const MessageType& type_;
   const std::type_info* const answer_type_;
@@ -115,7 +113,7 @@ class MessageQueue final : public Queue {
   Callable callable_;
 
   // Of the drain in progress:
-  Taken taken_{*this};
+  Taken taken_{*this, Why::Threw};
   std::size_t caught_up_from_ = 0;
 
   Fifo pending_ ZORVIX_GUARDED_BY(mutex_);

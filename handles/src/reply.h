@@ -1,11 +1,12 @@
 // Where the answer of a call goes.
 //
 // A client passes the address of an Offer in the response of its request. A server handle finds it
-// there: a direct one settles the offer's reply, any other takes a reply along with the request. A
-// server without a handle overwrites the response.
+// there: a direct one settles the offer, any other takes a reply along with the request. A server
+// without a handle overwrites the response.
 #ifndef ZORVIX_HANDLES_REPLY_H_
 #define ZORVIX_HANDLES_REPLY_H_
 
+#include <zorvix/answer.h>
 #include <zorvix/detail/erasure.h>
 
 #include <memory>
@@ -13,71 +14,100 @@
 
 namespace zorvix::detail {
 
+// Throws what moving the answer throws: the slot then says so.
+inline void WriteOutcome(const AnswerSlot& slot, const Outcome& outcome) {
+  if (slot.why != nullptr) *slot.why = outcome.write == nullptr ? outcome.why : Why::Threw;
+  if (outcome.write != nullptr) outcome.write(slot, outcome.answer);
+}
+
 // A reply that a client and a pending request share. It is settled once: later settlements do
-// nothing, and one without a function settles it without an answer.
-class SharedReply : public Reply {
+// nothing.
+class SharedReply : public ReplyTarget {
  public:
   virtual ~SharedReply() = default;
 };
 
 // Settles a reply when it is destroyed, wherever that is: with the request in which it is pending,
-// or on the stack of a caller whose server was not there.
+// or with the last copy of a zorvix::Reply.
 class ReplyOwner {
  public:
   ReplyOwner() = default;
   explicit ReplyOwner(std::shared_ptr<SharedReply> reply) : reply_(std::move(reply)) {}
-  ~ReplyOwner() {
-    if (reply_ != nullptr) Reset();
-  }
+  ~ReplyOwner() { Fail(Why::Destroyed); }
   ReplyOwner(ReplyOwner&&) noexcept = default;
   ReplyOwner& operator=(ReplyOwner&& other) noexcept {
-    if (reply_ != nullptr) Reset();
+    Fail(Why::Destroyed);
     reply_ = std::move(other.reply_);
     return *this;
   }
-  Reply* get() const { return reply_.get(); }
-  // There must be a reply.
-  void Reset() {
-    const auto reply = std::move(reply_);
-    reply->Settle(nullptr, nullptr);
+
+  bool IsWanted() const { return reply_ != nullptr; }
+  void Settle(const Outcome& outcome) const {
+    if (reply_ != nullptr) reply_->Settle(outcome);
+  }
+  // Gives up the reply.
+  void Fail(Why why) {
+    if (const auto reply = std::move(reply_)) reply->Settle(NoAnswer(why));
   }
 
  private:
   std::shared_ptr<SharedReply> reply_;  // null: the answer is not wanted any more
 };
 
-// Writes the answer directly. Without a slot, it is not wanted any more.
-class ImmediateReply final : public Reply {
+// What the copies of a zorvix::Reply share.
+class LaterReply final : public ReplyTarget {
  public:
-  explicit ImmediateReply(const AnswerSlot& slot) : slot_(slot) {}
-  void Settle(void (*write)(const AnswerSlot&, void*), void* answer) override {
-    if (slot_.optional != nullptr || slot_.any != nullptr) write(slot_, answer);
+  explicit LaterReply(ReplyOwner reply) : reply_(std::move(reply)) {}
+  void Settle(const Outcome& outcome) override { reply_.Settle(outcome); }
+
+ private:
+  const ReplyOwner reply_;
+};
+
+// The reply to a request that has been pending.
+class RequestReply final : public CurrentReply {
+ public:
+  explicit RequestReply(ReplyOwner& owner) : owner_(owner) {}
+  void Settle(const Outcome& outcome) override { owner_.Settle(outcome); }
+  std::shared_ptr<ReplyTarget> Keep() override {
+    return std::make_shared<LaterReply>(std::move(owner_));
   }
 
  private:
-  const AnswerSlot slot_;
+  ReplyOwner& owner_;
 };
 
-// Exists on the stack of the client during the call, or in the queued call.
-class Offer {
+// Exists on the stack of the client during the call, or in the queued call. Used by the calling
+// thread only.
+class Offer : public CurrentReply {
  public:
-  Offer(const AnswerType& its_type, void* optional, bool its_caller_waits)
-      : type(its_type), caller_waits(its_caller_waits), immediate_({optional, nullptr}) {}
+  explicit Offer(const AnswerType& its_type) : type(its_type) {}
   Offer(const Offer&) = delete;
   Offer& operator=(const Offer&) = delete;
-  // For a server that answers on the caller's thread.
-  virtual Reply& reply() { return immediate_; }
-  // For a server that answers later. Only that of a Sync service does.
-  virtual ReplyOwner Take() { return {}; }
+
+  // Only the first of what follows has an effect.
+  void Settle(const Outcome& outcome) final {
+    if (!std::exchange(is_used_, true)) Write(outcome);
+  }
+  ReplyOwner Take() {
+    is_used_ = true;
+    return Share();
+  }
+  std::shared_ptr<ReplyTarget> Keep() final { return std::make_shared<LaterReply>(Take()); }
+
+  virtual bool caller_waits() const { return false; }  // on this thread
 
   const AnswerType& type;
-  const bool caller_waits;  // on the calling thread
 
  protected:
   ~Offer() = default;
 
  private:
-  ImmediateReply immediate_;
+  virtual void Write(const Outcome& outcome) = 0;
+  // Returns a reply with which the server answers later.
+  virtual ReplyOwner Share() = 0;
+
+  bool is_used_ = false;
 };
 
 }  // namespace zorvix::detail

@@ -30,53 +30,54 @@ void KeepLoadedForAnswer(Module& module, const std::string& service) {
   KeepLoaded(module, "a client without a handle has an answer of it", service);
 }
 
-ServerFunction ServeDirectly(const Endpoint& endpoint, const MessageType& type,
-                             const std::type_info& answer_type, std::shared_ptr<Direct> direct) {
-  return [direct = std::move(direct), &type, &answer_type, &module = endpoint.module](
-             const std::any& any, std::any& response) {
-    const Gate::Pass pass(direct->gate());
+// Calls `serve(offer)` with the offer of the client, or for a client without a handle, which
+// expects the answer in the response, with one that waits for it. `gate` is that of the server.
+template <typename Function>
+void Answer(std::any& response, const AnswerType& answer_type, Gate& gate, Module& module,
+            const std::string& service, const Function& serve) {
+  if (Offer* const offer = FindOffer(response)) {
+    serve(*offer);
+    return;
+  }
+  {
+    const Gate::Pass pass(gate);
     if (!pass.admitted()) return;
-    const void* const request = FindOrThrow(type, any, "request", "server");
-    if (Offer* const offer = FindOffer(response)) {
-      if (*offer->type.type != answer_type) {
-        throw TypeMismatch("answer", answer_type, "client", *offer->type.type);
-      }
-      direct->Invoke(request, &offer->reply());
-      return;
-    }
-    KeepLoadedForAnswer(module, direct->name);
-    ImmediateReply plain({nullptr, &response});
-    direct->Invoke(request, &plain);
-  };
+    KeepLoadedForAnswer(module, service);
+  }
+  WaitingOffer plain(answer_type, {nullptr, nullptr, &response});
+  serve(plain);
+  plain.Wait(Deadline(std::chrono::milliseconds(-1)));
 }
 
-ServerFunction ServeInStrand(const Endpoint& endpoint, const std::type_info& answer_type,
-                             std::shared_ptr<MessageQueue> queue) {
-  return [queue = std::move(queue), &answer_type, &module = endpoint.module](
-             const std::any& request, std::any& response) {
-    Offer* const offer = FindOffer(response);
-    const bool caller_waits = offer == nullptr || offer->caller_waits;
-    if (caller_waits && queue->strand().IsDrainedByThisThread()) {
-      BRIDGE_LOG(bridge::kLogError,
-                 "a callable calls a server that could only answer after that callable returns, "
-                 "name: %s",
-                 queue->name.c_str());
-      return;
+void AnswerDirectly(Direct& direct, const std::type_info& answer_type, const std::any& any,
+                    Offer& offer) {
+  const Gate::Pass pass(direct.gate());
+  if (!pass.admitted()) {
+    offer.Settle(NoAnswer(Why::Destroyed));
+    return;
+  }
+  try {
+    const void* const request = FindOrThrow(direct.type, any, "request", "server");
+    if (*offer.type.type != answer_type) {
+      throw TypeMismatch("answer", answer_type, "client", *offer.type.type);
     }
-    if (offer != nullptr) {
-      queue->PushRequest(request, offer->Take(), *offer->type.type);
-      return;
-    }
-    // A client without a handle, which expects the answer in the response.
-    {
-      const Gate::Pass pass(queue->gate());
-      if (!pass.admitted()) return;
-      KeepLoadedForAnswer(module, queue->name);
-    }
-    const auto reply = std::make_shared<WaitingReply>(AnswerSlot{nullptr, &response});
-    queue->PushRequest(request, ReplyOwner(reply), answer_type);
-    reply->Wait(Deadline(std::chrono::milliseconds(-1)));
-  };
+    direct.Invoke(request, &offer);
+  } catch (const TypeMismatch&) {
+    offer.Settle(NoAnswer(Why::WrongType));
+    throw;
+  }
+}
+
+void AnswerInStrand(MessageQueue& queue, const std::any& request, Offer& offer) {
+  if (offer.caller_waits() && queue.strand().IsDrainedByThisThread()) {
+    BRIDGE_LOG(bridge::kLogError,
+               "a callable calls a server that could only answer after that callable returns, "
+               "name: %s",
+               queue.name.c_str());
+    offer.Settle(NoAnswer(Why::WouldDeadlock));
+    return;
+  }
+  queue.PushRequest(request, offer.Take(), *offer.type.type);
 }
 
 }  // namespace
@@ -86,16 +87,25 @@ Owned<ServerState> Serve(const Endpoint& endpoint, const MessageType& type,
                          KeepLast keep) {
   CheckedDepth(keep);
   KeepLoadedIfQueuedByBridge(endpoint);
+  const AnswerType plain_answer = {&answer_type, nullptr};
   if (auto strand = StrandAt(place, endpoint)) {
     const auto queue =
         std::make_shared<MessageQueue>("Server", endpoint.name, endpoint.module, std::move(strand),
                                        type, std::move(callable), keep, &answer_type);
-    return Owned<ServerState>(
-        new ServerState(queue, endpoint, ServeInStrand(endpoint, answer_type, queue)));
+    return Owned<ServerState>(new ServerState(
+        queue, endpoint,
+        [queue, plain_answer, &module = endpoint.module](const std::any& request, auto& response) {
+          Answer(response, plain_answer, queue->gate(), module, queue->name,
+                 [&](Offer& offer) { AnswerInStrand(*queue, request, offer); });
+        }));
   }
   const auto direct = std::make_shared<Direct>("Server", endpoint, type, std::move(callable));
-  return Owned<ServerState>(
-      new ServerState(direct, endpoint, ServeDirectly(endpoint, type, answer_type, direct)));
+  return Owned<ServerState>(new ServerState(
+      direct, endpoint,
+      [direct, plain_answer, &module = endpoint.module](const std::any& request, auto& response) {
+        Answer(response, plain_answer, direct->gate(), module, direct->name,
+               [&](Offer& offer) { AnswerDirectly(*direct, *plain_answer.type, request, offer); });
+      }));
 }
 
 }  // namespace zorvix::detail

@@ -1,12 +1,9 @@
 #include "strand.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <system_error>
+#include <stdexcept>
 #include <utility>
 
 namespace zorvix::detail {
@@ -14,9 +11,7 @@ namespace zorvix::detail {
 Strand::Strand(const std::string& name, Module& module)
     : counter_name_(name.empty() ? name : "pending " + name + ", " + ModuleName(module)) {}
 
-Strand::~Strand() {
-  if (fd_ >= 0) close(fd_);
-}
+Strand::~Strand() = default;
 
 std::size_t Strand::Drain(const std::function<bool()>& may_go_on) {
   std::shared_ptr<const void> kept;  // released when the mutex is not held any more
@@ -24,6 +19,7 @@ std::size_t Strand::Drain(const std::function<bool()>& may_go_on) {
   if (draining_) return 0;
   draining_ = true;
   drainer_ = std::this_thread::get_id();
+  ExpireTimeouts();
   UpdateReadiness();
   const Turn last = last_turn_;  // what arrives meanwhile is left to the next drain
   std::size_t count = 0;
@@ -96,7 +92,12 @@ void Strand::Shut(const std::shared_ptr<const void>& owner) {
 bool Strand::Wait(Clock::time_point end, const std::atomic<bool>& stop) {
   Lock lock(mutex_);
   ++waiting_;
-  while (!ready_ && !stop && became_ready_.WaitUntil(lock, end)) {
+  bool is_over = false;
+  while (!ready_ && !stop && !is_over) {
+    const auto until = timeouts_.empty() ? end : std::min(end, timeouts_.begin()->first);
+    if (became_ready_.WaitUntil(lock, until)) continue;
+    ExpireTimeouts();
+    is_over = until == end;
   }
   --waiting_;
   return ready_;
@@ -110,9 +111,23 @@ void Strand::Stop(std::atomic<bool>& stop) {
 
 int Strand::fd() {
   const Lock lock(mutex_);
-  if (fd_ < 0) fd_ = eventfd(ready_, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-  return fd_;
+  if (descriptor_ == nullptr) {
+    descriptor_ = std::make_unique<Descriptor>(ready_);
+    SetTimer();
+  }
+  return descriptor_->fd();
+}
+
+// While a drain is in progress, no timeout makes the descriptor readable.
+void Strand::SetTimer() {
+  descriptor_->SetTimer(timeouts_.empty() || draining_ ? Clock::time_point::max()
+                                                       : timeouts_.begin()->first);
+}
+
+void Strand::ExpireTimeouts() {
+  if (timeouts_.empty()) return;
+  const auto now = Clock::now();
+  while (!timeouts_.empty() && timeouts_.begin()->first <= now) timeouts_.begin()->second->Expire();
 }
 
 bool Strand::IsDrainedByThisThread() {
@@ -123,18 +138,17 @@ bool Strand::IsDrainedByThisThread() {
 void Strand::SetReady(bool ready) {
   ready_.store(ready, std::memory_order_release);
   if (ready && waiting_ != 0) became_ready_.NotifyAll();
-  if (fd_ < 0) return;
-  eventfd_t count = 1;
-  if (ready) {
-    eventfd_write(fd_, count);
-  } else {
-    eventfd_read(fd_, &count);
-  }
+  if (descriptor_ != nullptr) descriptor_->SetReady(ready);
 }
 
 void Strand::SetCounter() const {
   if (trace.set_counter == nullptr || counter_name_.empty()) return;
   trace.set_counter(counter_name_.c_str(), static_cast<std::int64_t>(pending_));
+}
+
+std::size_t CheckedDepth(KeepLast keep) {
+  if (keep.depth == 0) throw std::invalid_argument("the depth of a queue must be at least 1");
+  return keep.depth;
 }
 
 Queue::Queue(const char* its_kind, const std::string& its_name, Module& its_module,
@@ -159,6 +173,21 @@ void Queue::RemoveTurns(Turn first, std::size_t count) noexcept {
   strand_->pending_ -= count;
   strand_->UpdateReadiness();
   strand_->TracePending();
+}
+
+Timeouts::iterator Queue::AddTimeout(Clock::time_point end, Timed& timed) {
+  strand_->mutex_.AssertHeld();
+  const auto added = strand_->timeouts_.emplace(end, &timed);
+  if (added == strand_->timeouts_.begin()) {
+    if (strand_->waiting_ != 0) strand_->became_ready_.NotifyAll();
+    strand_->UpdateReadiness();
+  }
+  return added;
+}
+
+void Queue::RemoveTimeout(Timeouts::iterator timeout) noexcept {
+  strand_->mutex_.AssertHeld();
+  strand_->timeouts_.erase(timeout);
 }
 
 void Queue::NotifyClosing() {
@@ -208,6 +237,13 @@ bool Queue::WaitWhileInUse(Lock& lock, Clock::time_point end) {
   while (IsInUse() && !is_late) is_late = !strand_->invocation_ended_.WaitUntil(lock, end);
   --strand_->closing_;
   return !IsInUse();
+}
+
+void Queue::LogDropped(std::size_t count) const {
+  if (count == 0) return;
+  BRIDGE_LOG(bridge::kLogWarn,
+             "a queue has dropped messages, kind: %s, name: %s, module: %s, dropped: %zu", kind,
+             name.c_str(), module, count);
 }
 
 void Queue::LogFailure(const std::exception& error) const {

@@ -12,19 +12,34 @@
 #ifndef ZORVIX_HANDLES_STRAND_H_
 #define ZORVIX_HANDLES_STRAND_H_
 
+#include <zorvix/delivery.h>
+
 #include <atomic>
 #include <cstddef>
 #include <exception>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include "agenda.h"
+#include "descriptor.h"
 #include "records.h"
 #include "sync.h"
 
 namespace zorvix::detail {
+
+// Something that ends at a time, unless it has ended before.
+class Timed {
+ public:
+  // Called once, under the mutex of the strand. Must call RemoveTimeout.
+  virtual void Expire() = 0;
+
+ protected:
+  ~Timed() = default;
+};
+using Timeouts = std::multimap<Clock::time_point, Timed*>;
 
 class Strand : public std::enable_shared_from_this<Strand> {
  public:
@@ -34,22 +49,27 @@ class Strand : public std::enable_shared_from_this<Strand> {
   Strand(const Strand&) = delete;
   Strand& operator=(const Strand&) = delete;
 
-  // Takes what is pending when it begins, on this thread: the first in any case, the others as long
-  // as `may_go_on`, if given, returns true. Returns how many callables it has invoked: 0 if a drain
-  // is in progress already. Lets through what callables throw that is not a std::exception, and can
-  // be called again then.
+  // Lets timeouts expire, then takes what is pending, on this thread: the first in any case, the
+  // others as long as `may_go_on`, if given, returns true. Returns how many callables it has
+  // invoked: 0 if a drain is in progress already. Lets through what callables throw that is not a
+  // std::exception, and can be called again then.
   std::size_t Drain(const std::function<bool()>& may_go_on = nullptr);
 
   // Discards all that is pending; what arrives later is ignored. If a callable of a drain calls
   // this, the drain keeps `owner`, which owns the strand and its queues, until it ends.
   void Shut(const std::shared_ptr<const void>& owner);
 
-  // Blocks until it is ready, or `stop`, or until `end`. Returns whether it is ready.
+  // Blocks until it is ready, or `stop`, or until `end`. Returns whether it is ready. Lets timeouts
+  // expire meanwhile.
   bool Wait(Clock::time_point end, const std::atomic<bool>& stop);
   void Stop(std::atomic<bool>& stop);
 
-  // Returns a descriptor that is readable while the strand is ready. Throws std::system_error.
+  // Returns a descriptor that is readable while the strand is ready, or a timeout has passed and no
+  // drain is in progress. Throws std::system_error.
   int fd();
+
+  // Whether somebody drains it when a timeout has passed.
+  virtual bool can_time_out() const { return true; }
 
   // Something is pending and no drain is in progress.
   bool ready() const { return ready_; }
@@ -73,6 +93,8 @@ class Strand : public std::enable_shared_from_this<Strand> {
   // To be called after each change of what `ready_` depends on.
   void UpdateReadiness() ZORVIX_REQUIRES(mutex_);
   void SetReady(bool ready) ZORVIX_REQUIRES(mutex_);
+  void SetTimer() ZORVIX_REQUIRES(mutex_);
+  void ExpireTimeouts() ZORVIX_REQUIRES(mutex_);
   // Called under the mutex, so that the counter never shows an older number after a later one.
   void TracePending() const ZORVIX_REQUIRES(mutex_) {
     if (trace.IsOn()) SetCounter();
@@ -89,7 +111,8 @@ class Strand : public std::enable_shared_from_this<Strand> {
   bool shut_ ZORVIX_GUARDED_BY(mutex_) = false;
   std::size_t waiting_ ZORVIX_GUARDED_BY(mutex_) = 0;  // threads in Wait
   Condition became_ready_;
-  int fd_ ZORVIX_GUARDED_BY(mutex_) = -1;
+  Timeouts timeouts_ ZORVIX_GUARDED_BY(mutex_);
+  std::unique_ptr<Descriptor> descriptor_ ZORVIX_GUARDED_BY(mutex_);
 
   // The drain in progress.
   bool draining_ ZORVIX_GUARDED_BY(mutex_) = false;
@@ -103,6 +126,9 @@ class Strand : public std::enable_shared_from_this<Strand> {
   std::size_t closing_ ZORVIX_GUARDED_BY(mutex_) = 0;
   Condition invocation_ended_;
 };
+
+// Throws std::invalid_argument for a depth of 0.
+std::size_t CheckedDepth(KeepLast keep);
 
 // What is pending for one handle, in a strand.
 class Queue : public Receiver, public std::enable_shared_from_this<Queue> {
@@ -138,10 +164,15 @@ class Queue : public Receiver, public std::enable_shared_from_this<Queue> {
   Turn AddTurn(bool is_first) noexcept ZORVIX_REQUIRES(mutex_);
   // For a queue whose pending messages are being removed, with the lowest of their turns.
   void RemoveTurns(Turn first, std::size_t count) noexcept ZORVIX_REQUIRES(mutex_);
+  // Throws std::bad_alloc.
+  Timeouts::iterator AddTimeout(Clock::time_point end, Timed& timed) ZORVIX_REQUIRES(mutex_);
+  void RemoveTimeout(Timeouts::iterator timeout) noexcept ZORVIX_REQUIRES(mutex_);
   // Lets a thread in Close look again whether others still use the queue.
   void NotifyClosing() ZORVIX_REQUIRES(mutex_);
   // Called under no lock.
   void AfterPush() const { strand_->AfterPush(); }
+  // Logs a WARN, unless `count` is 0.
+  void LogDropped(std::size_t count) const;
 
   // Logs a std::exception that the function throws.
   template <typename Function>
@@ -177,6 +208,7 @@ class Queue : public Receiver, public std::enable_shared_from_this<Queue> {
 inline void Strand::UpdateReadiness() {
   const bool ready = !agenda_.empty() && !draining_;
   if (ready != ready_.load(std::memory_order_relaxed)) SetReady(ready);
+  if (descriptor_ != nullptr) SetTimer();
 }
 
 inline void Strand::EndInvocation() {

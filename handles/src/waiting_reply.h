@@ -2,6 +2,8 @@
 #ifndef ZORVIX_HANDLES_WAITING_REPLY_H_
 #define ZORVIX_HANDLES_WAITING_REPLY_H_
 
+#include <memory>
+
 #include "reply.h"
 #include "sync.h"
 
@@ -12,7 +14,7 @@ class WaitingReply final : public SharedReply {
  public:
   explicit WaitingReply(const AnswerSlot& slot) : slot_(slot) {}
 
-  void Settle(void (*write)(const AnswerSlot&, void*), void* answer) override {
+  void Settle(const Outcome& outcome) override {
     {
       const Lock lock(mutex_);
       if (state_ != State::kWaiting) return;
@@ -26,7 +28,7 @@ class WaitingReply final : public SharedReply {
       }
       WaitingReply& reply;
     } const at_end{*this};
-    if (write != nullptr) write(slot_, answer);
+    WriteOutcome(slot_, outcome);
   }
 
   // When it has returned, nobody writes into the slot any more.
@@ -34,7 +36,10 @@ class WaitingReply final : public SharedReply {
     Lock lock(mutex_);
     bool is_over = false;
     while (state_ == State::kWaiting && !is_over) is_over = !settled_.WaitUntil(lock, end);
-    if (state_ == State::kWaiting) state_ = State::kAbandoned;
+    if (state_ == State::kWaiting) {
+      state_ = State::kAbandoned;
+      WriteOutcome(slot_, NoAnswer(Why::TimedOut));
+    }
     while (state_ == State::kSettling) settled_.Wait(lock);
   }
 
@@ -44,6 +49,31 @@ class WaitingReply final : public SharedReply {
   Mutex mutex_;
   Condition settled_;
   State state_ ZORVIX_GUARDED_BY(mutex_) = State::kWaiting;
+};
+
+// The offer of a thread that waits for the answer.
+class WaitingOffer final : public Offer {
+ public:
+  WaitingOffer(const AnswerType& its_type, const AnswerSlot& slot) : Offer(its_type), slot_(slot) {}
+  // After an exception, the server may still have the reply.
+  ~WaitingOffer() { Wait(Clock::time_point()); }
+  WaitingOffer(const WaitingOffer&) = delete;
+  WaitingOffer& operator=(const WaitingOffer&) = delete;
+
+  void Wait(Clock::time_point end) const {
+    if (reply_ != nullptr) reply_->Wait(end);
+  }
+  bool caller_waits() const override { return true; }
+
+ private:
+  void Write(const Outcome& outcome) override { WriteOutcome(slot_, outcome); }
+  ReplyOwner Share() override {
+    reply_ = std::make_shared<WaitingReply>(slot_);
+    return ReplyOwner(reply_);
+  }
+
+  const AnswerSlot slot_;
+  std::shared_ptr<WaitingReply> reply_;
 };
 
 }  // namespace zorvix::detail

@@ -1,13 +1,14 @@
 // The client of a service.
 //
 //   const zorvix::Client title(kTitle);
-//   const std::optional<std::string> answer = title.Call(7);
+//   const zorvix::Answer<std::string> answer = title.Call(7);
 //
 //   const zorvix::Client cover(kCover, inbox);
-//   cover.Call(7, [this](std::optional<Cover> answer) { ... });
+//   cover.Call(7, [this](const zorvix::Answer<Cover>& answer) { ... });
 #ifndef ZORVIX_CLIENT_H_
 #define ZORVIX_CLIENT_H_
 
+#include <zorvix/answer.h>
 #include <zorvix/delivery.h>
 #include <zorvix/detail/awaiting.h>
 #include <zorvix/detail/library.h>
@@ -16,15 +17,13 @@
 #include <any>
 #include <chrono>
 #include <future>
-#include <optional>
 #include <type_traits>
 #include <utility>
 
 namespace zorvix {
 
-// An answer is a std::optional<Response>. It is std::nullopt if there is no server, or the server
-// throws, answers with another type, or is destroyed before it has answered. A moved-from client
-// makes no calls.
+// An answer is a std::optional<Response> that knows why it is empty. A moved-from client makes no
+// calls.
 template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Client {
  public:
@@ -32,26 +31,31 @@ class Client {
   // calls are invoked one at a time where the bridge's queue is drained. When the client is
   // destroyed, callables that have not been invoked are destroyed; the destructor blocks while
   // another thread is inside one of them.
+  //
+  // `keep` limits how many calls with a callable are in progress or have an answer that is pending.
+  // One call more is not made: its callable is invoked with Why::Dropped, in its turn. Logs a WARN
+  // with the first such call, and one with their number when nothing is pending any more.
   [[nodiscard]] explicit Client(const Service<Request, Response, kType>& service,
-                                Delivery delivery = Delivery::Direct)
-      : state_(detail::MakeClient({service.name, kType}, {delivery})) {}
+                                Delivery delivery = Delivery::Direct, KeepLast keep = {1000})
+      : state_(detail::MakeClient({service.name, kType}, {delivery}, keep)) {}
 
   // Invokes the callables of its calls in drains of the inbox. If the inbox is destroyed first,
   // callables that have not been invoked are destroyed with it or with the client.
-  [[nodiscard]] Client(const Service<Request, Response, kType>& service, Inbox& inbox)
-      : state_(detail::MakeClient({service.name, kType}, {Delivery::Queued, &inbox})) {
+  [[nodiscard]] Client(const Service<Request, Response, kType>& service, Inbox& inbox,
+                       KeepLast keep = {1000})
+      : state_(detail::MakeClient({service.name, kType}, {Delivery::Queued, &inbox}, keep)) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
   }
 
-  // Blocks until the server has answered: on this thread, where the bridge's queue is drained, or
-  // in a drain of the server's inbox. Returns the answer. If the server could only answer after the
-  // calling callable has returned, it logs an ERROR and returns std::nullopt. Two threads that
-  // drain inboxes and call servers of each other's block forever; so does a task of the queue that
-  // calls a queued server, unless another worker is free.
+  // Blocks until the server has answered: on this thread, where the bridge's queue is drained, in a
+  // drain of the server's inbox, or with a Reply. Returns the answer. If the server could only
+  // answer after the calling callable has returned, it logs an ERROR and returns
+  // Why::WouldDeadlock. Two threads that drain inboxes and call servers of each other's block
+  // forever; so does a task of the queue that calls a queued server, unless another worker is free.
   //
   // Async or SignleAsync service: returns a std::future of the answer. It becomes ready as long as
-  // the queue is drained. If the full queue drops the call, the answer is std::nullopt. A task of
-  // the queue that waits for the future blocks forever unless another worker is free.
+  // the queue is drained; the queue may drop the call. A task of the queue that waits for the
+  // future blocks forever unless another worker is free.
   auto Call(Request request) const {
     if constexpr (kType == bridge::BridgeType::Sync) {
       return Call(std::move(request), std::chrono::milliseconds(-1));
@@ -60,40 +64,53 @@ class Client {
     }
   }
 
-  // Does the same, but returns std::nullopt after that time. A negative limit means without limit.
-  // A late answer is ignored. A direct server is invoked on this thread and is not interrupted.
-  std::optional<Response> Call(Request request, std::chrono::milliseconds limit) const {
+  // Does the same, but returns Why::TimedOut after that time. A negative timeout means without
+  // limit. A late answer is ignored. A direct server is invoked on this thread and is not
+  // interrupted.
+  Answer<Response> Call(Request request, std::chrono::milliseconds timeout) const {
     static_assert(kType == bridge::BridgeType::Sync, "only a call of a Sync service has a limit");
-    std::optional<Response> answer;
+    Answer<Response> answer;
     if (state_ != nullptr) {
       const std::any any(std::in_place_type<Request>, std::move(request));
-      detail::CallAndWait(*state_, any, detail::kAnswerType<Response>, &answer, limit);
+      detail::CallAndWait(*state_, any, detail::kAnswerType<Response>, detail::SlotOf(answer),
+                          timeout);
     }
     return answer;
   }
 
   // Does not wait for an answer; a direct server is invoked on this thread.
-  // callable(std::optional<Response>) is invoked once, where the client was told to: in a drain of
-  // its inbox, or of the bridge's queue. It may destroy the client. Answers of one server arrive in
-  // the order of the calls. Throws std::logic_error if the client is direct.
+  // callable(Answer<Response>) is invoked once, where the client was told to: in a drain of its
+  // inbox, or of the bridge's queue. It may destroy the client, and may take a
+  // std::optional<Response> instead. A server processes the calls in their order, but those that it
+  // does not process are answered at once, and so may overtake earlier ones: dropped requests, for
+  // example. Throws std::logic_error if the client is direct.
   template <typename Callable,
             std::enable_if_t<!std::is_convertible_v<Callable, std::chrono::milliseconds>, int> = 0>
   void Call(Request request, Callable callable) const {
     static_assert(!std::is_arithmetic_v<Callable>, "write the limit as a std::chrono duration");
-    detail::CheckCallable<Callable, std::optional<Response>>();
+    Call(std::move(request), std::chrono::milliseconds(-1), std::move(callable));
+  }
+
+  // Does the same, but if there is no answer after that time, the callable is invoked with
+  // Why::TimedOut, in the next drain of the inbox: Inbox::Wait, Inbox::fd and an InboxThread see to
+  // it in time. A negative timeout means without limit. A late answer is ignored. Throws
+  // std::logic_error if the client has no inbox.
+  template <typename Callable>
+  void Call(Request request, std::chrono::milliseconds timeout, Callable callable) const {
+    detail::CheckCallable<Callable, Answer<Response>>();
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
     if (state_ == nullptr) return;
     const std::any any(std::in_place_type<Request>, std::move(request));
-    detail::CallAndReply(*state_, any, detail::kAnswerType<Response>,
+    detail::CallAndReply(*state_, any, detail::kAnswerType<Response>, timeout,
                          detail::Await<Response>(std::move(callable)));
   }
 
  private:
-  std::future<std::optional<Response>> CallQueued(Request request) const {
-    std::promise<std::optional<Response>> promise;
+  std::future<Answer<Response>> CallQueued(Request request) const {
+    std::promise<Answer<Response>> promise;
     auto future = promise.get_future();
     if (state_ == nullptr) {
-      promise.set_value(std::nullopt);
+      promise.set_value({});
       return future;
     }
     detail::CallQueued(*state_, std::any(std::in_place_type<Request>, std::move(request)),

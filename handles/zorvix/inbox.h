@@ -36,7 +36,7 @@ InboxState& StateOf(const Inbox& inbox);
 // Any thread may call any function at any time. The destructor discards what is pending; no other
 // thread may be inside a function then, but a callable of a drain may destroy the inbox. The inbox
 // may be destroyed before its subscribers, servers and clients: what arrives later is ignored, and
-// pending requests are answered with std::nullopt. After fork, the child must not drain a copy:
+// the callers of pending requests get Why::Destroyed. After fork, the child must not drain a copy:
 // both processes share the descriptor.
 class ZORVIX_EXPORT Inbox {
  public:

@@ -3,6 +3,9 @@
 //   const zorvix::Server title(kTitle, [](int track) { return TitleOf(track); });
 //   const zorvix::Server slow(kCover, FindCover, zorvix::Delivery::Queued, zorvix::KeepLast{10});
 //   const zorvix::Server shown(kShown, [this](int) { return shown_; }, inbox);
+//   const zorvix::Server loaded(kLoad, [this](int page, zorvix::Reply<Page> reply) {
+//     loader_.Load(page, reply);  // which calls reply(page) later, on a thread of its own
+//   });
 //
 // A service has one server at a time. A new server replaces the current one, and the bridge logs a
 // WARN. Server handles of one service may be destroyed in any order: when the current one is
@@ -14,6 +17,7 @@
 #ifndef ZORVIX_SERVER_H_
 #define ZORVIX_SERVER_H_
 
+#include <zorvix/answer.h>
 #include <zorvix/delivery.h>
 #include <zorvix/detail/library.h>
 #include <zorvix/topic.h>
@@ -29,15 +33,20 @@ class Server {
  public:
   // Answers each call with callable(const Request&), which returns a Response: with
   // Delivery::Direct on the caller's thread, with Delivery::Queued one request at a time where the
-  // bridge's queue is drained. At most `keep` requests are pending then: the oldest is dropped and
-  // answered with std::nullopt. So are those that are pending when the server is destroyed.
+  // bridge's queue is drained. At most `keep` requests are pending then: the oldest is dropped, and
+  // its caller gets Why::Dropped. Requests that are pending when the server is destroyed get
+  // Why::Destroyed.
+  //
+  // Or invokes callable(const Request&, Reply<Response>), which may keep the reply to answer later.
+  // A caller without a handle waits for the answer on the thread that invokes the server, so do not
+  // answer in a later task of that thread.
   template <typename Callable>
   [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable,
                        Delivery delivery = Delivery::Direct, KeepLast keep = {})
       : Server(service, std::move(callable), detail::Place{delivery}, keep) {}
 
-  // Answers in drains of the inbox. Requests that are pending when the inbox is destroyed are
-  // answered with std::nullopt, too.
+  // Answers in drains of the inbox. Requests that are pending when the inbox is destroyed get
+  // Why::Destroyed, too.
   template <typename Callable>
   [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable,
                        Inbox& inbox, KeepLast keep = {})
@@ -58,8 +67,8 @@ class Server {
   Server(const Service<Request, Response, kType>& service, Callable callable,
          const detail::Place& place, KeepLast keep)
       : state_(detail::Serve({service.name, kType}, detail::kMessageType<Request>, typeid(Response),
-                             detail::Answer<Request, Response>(std::move(callable)), place, keep)) {
-  }
+                             detail::AnswerWith<Request, Response>(std::move(callable)), place,
+                             keep)) {}
 
   detail::Owned<detail::ServerState> state_;
 };

@@ -46,6 +46,7 @@
 #ifndef ZORVIX_TYPED_H_
 #define ZORVIX_TYPED_H_
 
+#include <zorvix/answer.h>
 #include <zorvix/client.h>
 #include <zorvix/delivery.h>
 #include <zorvix/inbox.h>

@@ -36,6 +36,11 @@ struct CheckCallable {
                 "the callable cannot be invoked with what the handle passes to it");
 };
 
+// A server's callable takes a reply if it cannot be invoked without one.
+template <typename Callable, typename Request, typename Reply>
+constexpr bool kAnswersLater = !std::is_invocable_v<Callable&, const Request&> &&
+                               std::is_invocable_v<Callable&, const Request&, Reply>;
+
 template <typename Callable, typename Request, typename Response>
 struct CheckServer : CheckCallable<Callable, const Request&> {
   static_assert(std::is_invocable_r_v<Response, Callable&, const Request&>,

@@ -5,7 +5,9 @@
 #ifndef ZORVIX_DETAIL_ERASURE_H_
 #define ZORVIX_DETAIL_ERASURE_H_
 
+#include <zorvix/answer.h>
 #include <zorvix/detail/checks.h>
+#include <zorvix/detail/reply.h>
 #include <zorvix/zorvix.h>
 
 #include <any>
@@ -13,8 +15,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <new>
-#include <optional>
 #include <string>
 #include <type_traits>
 #include <typeinfo>
@@ -22,7 +24,7 @@
 
 // Names the interface between these headers and the library. A module that was compiled with the
 // headers of another minor version needs another symbol, so the loader refuses to load it.
-extern "C" ZORVIX_EXPORT const int zorvix_handles_3_0;
+extern "C" ZORVIX_EXPORT const int zorvix_handles_4_0;
 
 namespace zorvix {
 
@@ -30,29 +32,11 @@ namespace detail ZORVIX_EXPORT {
 
 // A module that has handles.
 struct Module {
-  const int* interface = &zorvix_handles_3_0;
+  const int* interface = &zorvix_handles_4_0;
   // Written by the library:
   std::atomic<std::uint32_t> load_number{0};  // another one each time that it is loaded
   std::atomic<const char*> name{nullptr};     // its file name, such as "libhud.so"
   std::atomic<bool> stays_loaded{false};      // even after dlclose
-};
-
-// Where an answer is written: a std::optional<Response>, or the response of a client without a
-// handle.
-struct AnswerSlot {
-  void* optional = nullptr;
-  std::any* any = nullptr;
-};
-
-// Takes the answer of one call.
-class Reply {
- public:
-  // Calls write(slot, answer) under no lock, unless nobody waits for the answer any more. To be
-  // called at most once. A reply that is never settled is settled without an answer by its owner.
-  virtual void Settle(void (*write)(const AnswerSlot&, void* answer), void* answer) = 0;
-
- protected:
-  ~Reply() = default;
 };
 
 }  // namespace detail
@@ -90,14 +74,14 @@ class Function {
     if (operations_ != nullptr) std::exchange(operations_, nullptr)->destroy(buffer_);
   }
   // Where an Awaiting keeps the answer of its call.
-  void* answer() { return operations_->answer(buffer_); }
+  AnswerSlot answer() { return operations_->answer(buffer_); }
 
  private:
   struct Operations {
     void (*invoke)(void* buffer, Arguments...);
     void (*move)(void* to, void* from);  // destroys the one that it moves from
     void (*destroy)(void* buffer);
-    void* (*answer)(void* buffer);
+    AnswerSlot (*answer)(void* buffer);
   };
   static constexpr std::size_t kBufferSize = 6 * sizeof(void*);
 
@@ -135,11 +119,11 @@ class Function {
     }
   }
   template <typename Object>
-  static void* AnswerIn(void* buffer) {
+  static AnswerSlot AnswerIn(void* buffer) {
     if constexpr (Object::kHasAnswer) {
-      return &In<Object>(buffer).answer;
+      return SlotOf(In<Object>(buffer).answer);
     } else {
-      return nullptr;
+      return {};
     }
   }
   template <typename Object>
@@ -151,7 +135,7 @@ class Function {
 };
 
 // Takes a message, or a request and the reply to it, or a value of a state.
-using Callable = Function<const void*, Reply*>;
+using Callable = Function<const void*, CurrentReply*>;
 
 // What a library that does not know a type of messages or requests can do with them.
 struct MessageType {
@@ -211,16 +195,6 @@ inline constexpr auto kDestroyValue = std::is_trivially_destructible_v<Value> &&
                                           ? nullptr
                                           : &DestroyValue<Value>;
 
-template <typename Response>
-void WriteAnswer(const AnswerSlot& slot, void* answer) {
-  auto& response = *static_cast<Response*>(answer);
-  if (slot.optional != nullptr) {
-    static_cast<std::optional<Response>*>(slot.optional)->emplace(std::move(response));
-  } else {
-    slot.any->emplace<Response>(std::move(response));
-  }
-}
-
 // How a client takes the answer out of the response of a server without a handle.
 struct AnswerType {
   const std::type_info* type;
@@ -237,7 +211,7 @@ inline constexpr AnswerType kAnswerType = {&typeid(Response), TakeAnswer<Respons
 // The callable of a subscriber or watcher.
 template <typename Message, typename User>
 struct Receiving {
-  void operator()(const void* message, Reply*) {
+  void operator()(const void* message, CurrentReply*) {
     static_cast<void>(std::invoke(callable, *static_cast<const Message*>(message)));
   }
   static constexpr bool kHasAnswer = false;
@@ -250,21 +224,43 @@ Callable Receive(User callable) {
   return Callable(std::in_place_type<Receiving<Message, User>>, std::move(callable));
 }
 
-// The callable of a server.
+// The callable of a server that returns a response.
 template <typename Request, typename Response, typename User>
 struct Answering {
-  void operator()(const void* request, Reply* reply) {
+  void operator()(const void* request, CurrentReply* reply) {
     Response response = std::invoke(callable, *static_cast<const Request*>(request));
-    reply->Settle(WriteAnswer<Response>, &response);
+    reply->Settle(AnsweredWith(response));
+  }
+  static constexpr bool kHasAnswer = false;
+  User callable;
+};
+
+// The callable of a server that takes a zorvix::Reply.
+template <typename Request, typename Response, typename User>
+struct AnsweringLater {
+  void operator()(const void* request, CurrentReply* reply) {
+    const std::shared_ptr<ReplyTarget> kept = reply->Keep();
+    try {
+      static_cast<void>(std::invoke(callable, *static_cast<const Request*>(request),
+                                    zorvix::Reply<Response>(kept)));
+    } catch (...) {
+      kept->Settle(NoAnswer(Why::Threw));
+      throw;
+    }
   }
   static constexpr bool kHasAnswer = false;
   User callable;
 };
 
 template <typename Request, typename Response, typename User>
-Callable Answer(User callable) {
-  CheckServer<User, Request, Response>();
-  return Callable(std::in_place_type<Answering<Request, Response, User>>, std::move(callable));
+Callable AnswerWith(User callable) {
+  if constexpr (kAnswersLater<User, Request, zorvix::Reply<Response>>) {
+    return Callable(std::in_place_type<AnsweringLater<Request, Response, User>>,
+                    std::move(callable));
+  } else {
+    CheckServer<User, Request, Response>();
+    return Callable(std::in_place_type<Answering<Request, Response, User>>, std::move(callable));
+  }
 }
 
 // What all handles tell the library.

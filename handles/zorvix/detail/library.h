@@ -54,12 +54,12 @@ Owned<SubscriberState> Subscribe(const Endpoint&, const MessageType&, Callable, 
 Owned<ServerState> Serve(const Endpoint&, const MessageType&, const std::type_info& response,
                          Callable, const Place&, KeepLast);
 
-Owned<ClientState> MakeClient(const Endpoint&, const Place&);
-// `answer` is a std::optional<Response>.
-void CallAndWait(const ClientState&, const std::any& request, const AnswerType&, void* answer,
+Owned<ClientState> MakeClient(const Endpoint&, const Place&, KeepLast);
+void CallAndWait(const ClientState&, const std::any& request, const AnswerType&, const AnswerSlot&,
                  std::chrono::milliseconds limit);
-// The function is an Awaiting.
-void CallAndReply(const ClientState&, const std::any& request, const AnswerType&, Function<>);
+// The function is an Awaiting. A negative timeout stands for none.
+void CallAndReply(const ClientState&, const std::any& request, const AnswerType&,
+                  std::chrono::milliseconds timeout, Function<>);
 void CallQueued(const ClientState&, std::any&& request, const AnswerType&, Function<>);
 
 Owned<HolderState> MakeHolder(const Endpoint&, const std::type_info&);
