@@ -224,6 +224,7 @@ TEST_F(Calls, CallablesAreDestroyedWithTheInboxOfTheirClientOrWithTheClient) {
 
   server_inbox_->Drain();
   client->Call(3, Append());
+  server_inbox_->Drain();
   EXPECT_EQ(late.use_count(), 2) << "another thread could destroy it after the client";
   client.reset();
   EXPECT_EQ(late.use_count(), 1);
@@ -447,7 +448,13 @@ void ServeInTurns(const std::atomic<int>& callers) {
   while (callers > 0) {
     Inbox drained;
     Inbox never_drained;
+    Inbox later;
     const InboxThread thread(drained);
+    const InboxThread answering(later);
+    const auto answer_later = [&later](int number, zorvix::Reply<int> reply) {
+      if (number % 5 == 0) return;
+      later.Post([number, reply = std::move(reply)] { reply(Double(number)); });
+    };
     std::optional server(IntServer(kService, Double, drained));
     pause();
     server.emplace(kService, Double, drained, KeepLast{1});
@@ -462,6 +469,10 @@ void ServeInTurns(const std::atomic<int>& callers) {
     server.emplace(kService, busy, Delivery::Queued, KeepLast{2});
     pause();
     server.emplace(kService, Double);
+    pause();
+    server.emplace(kService, answer_later);
+    pause();
+    server.emplace(kService, answer_later, drained);
     pause();
     server.reset();
   }
@@ -492,6 +503,23 @@ TEST_F(Calls, EachCallIsAnsweredExactlyOnceWhileServersComeAndGo) {
     client_inbox_->Drain();
     return std::exchange(has_value, false);
   };
+  Inbox timed_inbox;
+  const IntClient timed(kService, timed_inbox);
+  const auto call_with_timeout = [&](int number) {
+    int answers = 0;
+    bool has_answer = false;
+    timed.Call(number, milliseconds(number % 2), [&](Answer answer) {
+      ++answers;
+      has_answer = is_answered(number, answer);
+    });
+    while (answers == 0) {
+      timed_inbox.Wait(kNoLimit);
+      timed_inbox.Drain();
+    }
+    timed_inbox.Drain();
+    EXPECT_EQ(answers, 1);
+    return has_answer;
+  };
   const IntClient queued(kService, Delivery::Queued);
   std::size_t queued_calls = 0;
   const auto call_queued = [&](int number) {
@@ -503,7 +531,7 @@ TEST_F(Calls, EachCallIsAnsweredExactlyOnceWhileServersComeAndGo) {
     return is_done.get_future().get();
   };
   const zorvix::Workers workers(2);
-  std::atomic<int> callers{5};
+  std::atomic<int> callers{6};
   const auto begin = [&](const auto& call) {
     return std::async(std::launch::async, [&] {
       int values = 0;
@@ -512,9 +540,9 @@ TEST_F(Calls, EachCallIsAnsweredExactlyOnceWhileServersComeAndGo) {
     });
   };
 
-  std::future<void> threads[] = {begin(call_blocking), begin(call_with_limit),
+  std::future<void> threads[] = {begin(call_blocking),        begin(call_with_limit),
                                  begin(call_without_waiting), begin(call_queued),
-                                 begin(call_queued)};
+                                 begin(call_queued),          begin(call_with_timeout)};
   ServeInTurns(callers);
   for (auto& thread : threads) thread.get();
   client_inbox_->Drain();

@@ -139,6 +139,7 @@ void CallQueue::Discard() {
       RemoveTimeout(call);
       discarded.splice(discarded.end(), in_progress_, position);
     }
+    UpdateTimer();
   }
   LogDropped(dropped);
   for (const auto& call : discarded) {

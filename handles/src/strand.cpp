@@ -190,6 +190,11 @@ void Queue::RemoveTimeout(Timeouts::iterator timeout) noexcept {
   strand_->timeouts_.erase(timeout);
 }
 
+void Queue::UpdateTimer() noexcept {
+  strand_->mutex_.AssertHeld();
+  strand_->UpdateReadiness();
+}
+
 void Queue::NotifyClosing() {
   strand_->mutex_.AssertHeld();
   if (strand_->closing_ != 0) strand_->invocation_ended_.NotifyAll();

@@ -166,7 +166,9 @@ class Queue : public Receiver, public std::enable_shared_from_this<Queue> {
   void RemoveTurns(Turn first, std::size_t count) noexcept ZORVIX_REQUIRES(mutex_);
   // Throws std::bad_alloc.
   Timeouts::iterator AddTimeout(Clock::time_point end, Timed& timed) ZORVIX_REQUIRES(mutex_);
+  // The descriptor stays readable at its time until the next drain, or UpdateTimer.
   void RemoveTimeout(Timeouts::iterator timeout) noexcept ZORVIX_REQUIRES(mutex_);
+  void UpdateTimer() noexcept ZORVIX_REQUIRES(mutex_);
   // Lets a thread in Close look again whether others still use the queue.
   void NotifyClosing() ZORVIX_REQUIRES(mutex_);
   // Called under no lock.

@@ -1,0 +1,392 @@
+// Why calls have no answer, replies that come later, and calls with timeouts.
+#include <poll.h>
+
+#include "bridge_test.h"
+#include "threads.h"
+
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using zorvix::Delivery;
+using zorvix::Inbox;
+using zorvix::KeepLast;
+using zorvix::Why;
+using Answer = zorvix::Answer<int>;
+using Reply = zorvix::Reply<int>;
+using IntServer = zorvix::Server<int, int>;
+using IntClient = zorvix::Client<int, int>;
+
+const zorvix::Service<int, int> kService{"double"};
+
+int Double(int number) { return 2 * number; }
+void Ignore(const Answer&) {}
+
+// What calls are answered with.
+struct Seen {
+  Seen(const Answer& answer) : text(answer ? std::to_string(*answer) : NameOf(answer.why())) {}
+  Seen(int answer) : text(std::to_string(answer)) {}
+  Seen(Why why) : text(NameOf(why)) {}
+  bool operator==(const Seen& other) const { return text == other.text; }
+  std::string text;
+};
+void PrintTo(const Seen& seen, std::ostream* out) { *out << seen.text; }
+using AllSeen = std::vector<Seen>;
+
+class Answers : public Bridge {
+ protected:
+  auto Append() {
+    return [this](const Answer& answer) { answers_.emplace_back(answer); };
+  }
+  // Returns what calls with callables have been answered with, in drains of the client's inbox.
+  AllSeen DrainAnswers() {
+    client_inbox_->Drain();
+    return std::exchange(answers_, {});
+  }
+  // Keeps its replies, which other threads may take.
+  auto Keep() {
+    return [this](int, const Reply& reply) {
+      kept_.push_back(reply);
+      Log("kept");
+    };
+  }
+
+  std::optional<Inbox> server_inbox_{std::in_place};
+  std::optional<Inbox> client_inbox_{std::in_place};
+  AllSeen answers_;
+  std::vector<Reply> kept_;
+};
+
+template <BridgeType kType>
+using ServiceOf = zorvix::Service<int, int, kType>;
+
+// A server, and why its calls have no answer.
+struct Failing {
+  Why why;
+  std::shared_ptr<void> server;
+};
+
+template <BridgeType kType>
+std::vector<std::function<Failing()>> FailingServers() {
+  const auto serve = [](auto callable) {
+    return std::make_shared<zorvix::Server<int, int, kType>>(ServiceOf<kType>{"s"}, callable);
+  };
+  const auto serve_plainly = [](ServerFunction function) {
+    auto control = MakeControl("s", BridgeModule::Service, kType);
+    ZorvixRegisterServer(control, Server(std::move(function)));
+    return std::shared_ptr<void>(nullptr,
+                                 [control](auto) mutable { ZorvixUnregisterServer(control); });
+  };
+  const auto fail = [](int) -> int { throw std::runtime_error("bad luck"); };
+  const auto fail_with_reply = [](int, const Reply&) { throw 1; };
+  const zorvix::Service<char, int, kType> other_request{"s"};
+  const zorvix::Service<int, char, kType> other_response{"s"};
+  return {
+      [] {
+        return Failing{Why::NoServer, nullptr};
+      },
+      [=] {
+        return Failing{Why::Threw, serve(fail)};
+      },
+      [=] {
+        return Failing{Why::Threw, serve(fail_with_reply)};
+      },
+      [=] {
+        return Failing{Why::Threw, serve_plainly([](auto&, auto&) { throw 1; })};
+      },
+      [=] {
+        return Failing{Why::Destroyed, serve([](int, const Reply&) {})};
+      },
+      [=] {
+        return Failing{Why::Refused, serve([](int, Reply reply) { reply.Refuse(); })};
+      },
+      [=] {
+        return Failing{Why::Unknown, serve_plainly([](auto&, auto& it) { it.reset(); })};
+      },
+      [=] {
+        return Failing{Why::Unknown, serve_plainly([](auto&, auto&) {})};
+      },
+      [=] {
+        return Failing{Why::WrongType, serve_plainly([](auto&, auto& it) { it = 'x'; })};
+      },
+      [=] {
+        const auto answer = [](char) { return 1; };
+        using ItsServer = zorvix::Server<char, int, kType>;
+        return Failing{Why::WrongType, std::make_shared<ItsServer>(other_request, answer)};
+      },
+      [=] {
+        const auto answer = [](int) { return 'x'; };
+        using ItsServer = zorvix::Server<int, char, kType>;
+        return Failing{Why::WrongType, std::make_shared<ItsServer>(other_response, answer)};
+      },
+  };
+}
+
+TEST_F(Answers, SayWhyADirectServerHasNotAnswered) {
+  const IntClient client(zorvix::Service<int, int>{"s"}, *client_inbox_);
+  for (const auto& serve : FailingServers<BridgeType::Sync>()) {
+    const Failing failing = serve();
+    EXPECT_EQ(Seen(client.Call(1)), failing.why);
+    EXPECT_EQ(Seen(client.Call(1, hours(1))), failing.why);
+    client.Call(1, Append());
+    client.Call(1, hours(1), Append());
+    EXPECT_EQ(DrainAnswers(), (AllSeen{failing.why, failing.why}));
+  }
+}
+
+TEST_F(Answers, OfFuturesSayWhyAServerHasNotAnswered) {
+  constexpr auto kAsync = BridgeType::Async;
+  const zorvix::Client client(ServiceOf<kAsync>{"s"});
+  for (const auto& serve : FailingServers<kAsync>()) {
+    Failing failing = serve();
+    auto answer = client.Call(1);
+    ZorvixSpinOnce();
+    EXPECT_EQ(Seen(answer.get()), failing.why);
+  }
+
+  std::optional server(zorvix::Server(ServiceOf<kAsync>{"s"}, Double));
+  auto destroyed = client.Call(1);
+  server.reset();
+  ZorvixSpinOnce();
+  EXPECT_EQ(Seen(destroyed.get()), Why::Destroyed);
+
+  server.emplace(ServiceOf<kAsync>{"s"}, Double);
+  auto dropped = client.Call(1);
+  for (int i = 0; i < 100; ++i) client.Call(2);
+  EXPECT_EQ(Seen(dropped.get()), Why::Dropped);
+  ZorvixSpinOnce();
+}
+
+TEST_F(Answers, SayWhyAServerWithAnInboxHasNotAnswered) {
+  std::optional<IntServer> server;
+  const auto serve = [&](auto callable, KeepLast keep = {}) {
+    return [&, callable, keep] { server.emplace(kService, callable, *server_inbox_, keep); };
+  };
+  const auto drain = [&] { server_inbox_->Drain(); };
+  const auto fail = [](int) -> int { throw std::runtime_error("bad luck"); };
+  const auto call_again = [&] { IntClient(kService, *client_inbox_).Call(2, Ignore); };
+  struct Row {
+    Why why;
+    std::function<void()> before_the_call;
+    std::function<void()> after_the_call;
+  };
+  const Row rows[] = {
+      {Why::Destroyed, serve(Double), [&] { server.reset(); }},
+      {Why::Destroyed, serve(Double), [&] { server_inbox_.reset(); }},
+      {Why::Destroyed, serve([](int, const Reply&) {}), drain},
+      {Why::Dropped, serve(Double, KeepLast{1}), call_again},
+      {Why::Threw, serve(fail), drain},
+      {Why::Threw, serve([](int, const Reply&) { throw std::runtime_error("bad luck"); }), drain},
+      {Why::Refused, serve([](int, const Reply& reply) { reply.Refuse(); }), drain},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(&row - rows);
+    server_inbox_.emplace();
+    const IntClient client(kService, *client_inbox_);
+    row.before_the_call();
+
+    client.Call(1, Append());
+    row.after_the_call();
+
+    EXPECT_EQ(DrainAnswers(), AllSeen{row.why});
+    server.reset();
+    EXPECT_EQ(DrainAnswers(), AllSeen());
+  }
+}
+
+TEST_F(Answers, OfTooManyCallsAreDropped) {
+  std::vector<int> requests;
+  const auto serve = [&](int number) {
+    requests.push_back(number);
+    return Double(number);
+  };
+  const IntServer server(kService, serve, *server_inbox_);
+  const IntClient client(kService, *client_inbox_, KeepLast{2});
+  const auto call = [&](int from, int to) {
+    for (int number = from; number <= to; ++number) client.Call(number, hours(1), Append());
+  };
+
+  call(1, 4);
+  EXPECT_EQ(answers_, AllSeen());
+  server_inbox_->Drain();
+  call(5, 5);  // the answers are still pending
+  EXPECT_EQ(DrainAnswers(), (AllSeen{Why::Dropped, Why::Dropped, 2, 4, Why::Dropped}));
+  call(6, 7);
+  server_inbox_->Drain();
+
+  EXPECT_EQ(DrainAnswers(), (AllSeen{12, 14}));
+  EXPECT_EQ(requests, (std::vector{1, 2, 6, 7}));
+  const auto log = TakeLog();
+  EXPECT_EQ(Count(log, "drops new ones, name: double, module: zorvix_test, depth: 2"), 1u);
+  EXPECT_EQ(Count(log, "kind: Client, name: double, module: zorvix_test, dropped: 3"), 1u);
+  EXPECT_THROW(IntClient(kService, *client_inbox_, KeepLast{0}), std::invalid_argument);
+}
+
+TEST_F(Answers, MayBeGivenLaterOnAnotherThread) {
+  const IntClient blocking(kService);
+  const IntClient client(kService, *client_inbox_);
+  const zorvix::Client future(ServiceOf<BridgeType::Async>{"double"});
+  auto& plain = Service("double", BridgeType::Sync);
+  Zorvix::GetInstance().RegisterClient(plain);
+  const std::function<Seen()> calls[] = {
+      [&] { return blocking.Call(1); },
+      [&] { return blocking.Call(1, hours(1)); },
+      [&] {
+        client.Call(1, hours(1), Append());
+        client_inbox_->Wait(hours(1));
+        return DrainAnswers().at(0);
+      },
+      [&] {
+        std::any response;
+        Zorvix::GetInstance().Call(plain, [&](auto& serve) { serve(1, response); });
+        return std::any_cast<int>(response);
+      },
+      [&] { return future.Call(1).get(); },
+  };
+  const std::function<IntServer()> servers[] = {
+      [&] { return IntServer(kService, Keep()); },
+      [&] { return IntServer(kService, Keep(), Delivery::Queued); },
+      [&] { return IntServer(kService, Keep(), *server_inbox_); },
+  };
+  for (const auto& serve : servers) {
+    for (const auto& call : calls) {
+      std::optional server(serve());
+      std::optional async_server(zorvix::Server(ServiceOf<BridgeType::Async>{"double"}, Keep()));
+      TakeLog();
+      auto answer = std::async(std::launch::async, call);
+      EXPECT_TRUE(ComesTrue([&] {
+        server_inbox_->Drain();
+        ZorvixSpinOnce();
+        return Count(TakeLog(), "kept") != 0;
+      }));
+      server.reset();
+      async_server.reset();
+
+      std::exchange(kept_, {}).at(0)(7);
+
+      EXPECT_EQ(answer.get(), 7);
+    }
+  }
+}
+
+TEST_F(Answers, OfAKeptReplyReachACallOnlyOnce) {
+  const IntServer server(kService, Keep(), *server_inbox_);
+  std::optional client(IntClient(kService, *client_inbox_));
+  for (int number = 0; number < 4; ++number) client->Call(number, Append());
+  server_inbox_->Drain();
+  const auto copies = kept_;
+
+  kept_.erase(kept_.begin());
+  EXPECT_EQ(DrainAnswers(), AllSeen()) << "there is a copy";
+  copies[1].Refuse();
+  copies[1](1);
+  EXPECT_EQ(DrainAnswers(), AllSeen{Why::Refused});
+  const Reply moved = kept_[1];
+  kept_.erase(kept_.begin());
+  moved(2);
+  EXPECT_EQ(DrainAnswers(), AllSeen{2});
+
+  client.reset();
+  copies[0](0);
+  EXPECT_EQ(DrainAnswers(), AllSeen());
+}
+
+bool IsReadable(const Inbox& inbox, milliseconds timeout = milliseconds(0)) {
+  pollfd it = {inbox.fd(), POLLIN, 0};
+  return poll(&it, 1, static_cast<int>(timeout.count())) == 1;
+}
+
+TEST_F(Answers, OfCallsWithTimeoutsWakeWhoWaitsInTime) {
+  const IntServer server(kService, Keep(), *server_inbox_);
+  const IntClient client(kService, *client_inbox_);
+  const std::function<void()> waits[] = {
+      [&] { EXPECT_TRUE(client_inbox_->Wait(hours(1))); },
+      [&] { EXPECT_TRUE(client_inbox_->Wait(milliseconds(-1))); },
+      [&] { EXPECT_TRUE(IsReadable(*client_inbox_, hours(1))); },
+  };
+  client.Call(0, hours(1), Ignore);
+  for (const auto& wait : waits) {
+    const auto begin = std::chrono::steady_clock::now();
+    client.Call(1, milliseconds(40), Append());
+    client.Call(2, milliseconds(20), Append());
+    EXPECT_FALSE(client_inbox_->Wait(milliseconds(0)));
+    EXPECT_FALSE(IsReadable(*client_inbox_));
+
+    wait();
+
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(20));
+    EXPECT_EQ(DrainAnswers(), AllSeen{Why::TimedOut});
+    EXPECT_FALSE(IsReadable(*client_inbox_));
+    wait();
+    EXPECT_EQ(DrainAnswers(), AllSeen{Why::TimedOut});
+  }
+  server_inbox_->Drain();
+  for (const auto& reply : kept_) reply(1);
+  EXPECT_EQ(DrainAnswers(), AllSeen()) << "all of them are late, or ignored";
+}
+
+// The thread waits already, without a timeout or for a later one.
+TEST_F(Answers, OfACallWithATimeoutReachAThreadThatWaitsAlready) {
+  const IntServer server(kService, Keep(), *server_inbox_);
+  const IntClient client(kService, *client_inbox_);
+  std::promise<Seen> seen;
+  zorvix::InboxThread thread(*client_inbox_);
+  client.Call(0, hours(1), Ignore);
+  LetOthersRun();
+
+  client.Call(1, milliseconds(1), [&](const Answer& answer) { seen.set_value(answer); });
+
+  EXPECT_EQ(seen.get_future().get(), Why::TimedOut);
+}
+
+TEST_F(Answers, OfCallsWithTimeoutsAreTakenInTheNextDrain) {
+  const IntServer server(kService, Keep(), *server_inbox_);
+  std::optional client(IntClient(kService, *client_inbox_));
+  const auto call_and_look = [&](const Answer&) {
+    client->Call(2, milliseconds(0), Append());
+    EXPECT_FALSE(IsReadable(*client_inbox_)) << "a drain is in progress";
+  };
+  client_inbox_->fd();
+
+  client->Call(1, milliseconds(0), call_and_look);
+  EXPECT_EQ(DrainAnswers(), AllSeen());
+  EXPECT_TRUE(IsReadable(*client_inbox_, hours(1)));
+  EXPECT_EQ(DrainAnswers(), AllSeen{Why::TimedOut});
+
+  client->Call(3, milliseconds(1), Append());
+  server_inbox_->Drain();
+  kept_.at(2)(3);
+  std::this_thread::sleep_for(milliseconds(2));
+  EXPECT_EQ(DrainAnswers(), AllSeen{3}) << "answered before anybody looked";
+
+  client->Call(5, milliseconds(1), Append());
+  client.reset();
+  EXPECT_FALSE(client_inbox_->Wait(milliseconds(5)));
+  EXPECT_FALSE(IsReadable(*client_inbox_));
+  EXPECT_THROW(IntClient(kService, Delivery::Queued).Call(1, hours(1), Ignore), std::logic_error);
+}
+
+TEST_F(Answers, AreStandardOptionals) {
+  const zorvix::Service<bool, bool> same{"same"};
+  const zorvix::Server server(same, [](bool it) { return it; });
+  const zorvix::Client client(same, *client_inbox_);
+  std::vector<std::optional<bool>> answers;
+  const auto append = [&](std::optional<bool> answer) { answers.push_back(answer); };
+
+  for (const bool it : {false, true}) {
+    const std::optional<bool> copied = client.Call(it);
+    client.Call(it, append);
+    client.Call(it, [&](auto answer) { append(answer); });
+    client_inbox_->Drain();
+    EXPECT_EQ(std::exchange(answers, {}), (std::vector<std::optional<bool>>{it, it}));
+    EXPECT_EQ(copied, it);
+    EXPECT_TRUE(client.Call(it) == copied && copied == client.Call(it));
+    EXPECT_FALSE(client.Call(it) != copied || copied != client.Call(it));
+  }
+  const zorvix::Answer<bool> none;
+  const std::optional<bool> also_none;
+  EXPECT_TRUE(none == also_none && also_none == none && none == zorvix::Answer<bool>());
+  EXPECT_FALSE(none != also_none || also_none != none || none != zorvix::Answer<bool>());
+}
+
+}  // namespace
