@@ -28,7 +28,7 @@ class Navigator {
 
   std::thread::id worked_on_;
   zorvix::Inbox inbox_;
-  // At most 10 requests are pending; beyond that, the oldest is answered with none.
+  // At most 10 requests are pending; beyond that, the oldest is dropped.
   zorvix::Server<std::string, int> server_{
       kDistance, [this](const std::string& destination) { return FindDistance(destination); },
       inbox_, zorvix::KeepLast{10}};

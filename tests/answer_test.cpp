@@ -219,7 +219,7 @@ TEST_F(Answers, OfTooManyCallsAreDropped) {
   const auto log = TakeLog();
   EXPECT_EQ(Count(log, "drops new ones, name: double, module: zorvix_test, depth: 2"), 1u);
   EXPECT_EQ(Count(log, "kind: Client, name: double, module: zorvix_test, dropped: 3"), 1u);
-  EXPECT_THROW(IntClient(kService, *client_inbox_, KeepLast{0}), std::invalid_argument);
+  EXPECT_THROW(const IntClient none(kService, *client_inbox_, KeepLast{0}), std::invalid_argument);
 }
 
 TEST_F(Answers, MayBeGivenLaterOnAnotherThread) {

@@ -188,6 +188,9 @@ void UseEachPayload(std::atomic<int>* invocations) {
     Add(zorvix::Server(service, use));
     Add(zorvix::Server(service, use, inbox));
     Add(zorvix::Server(service, use, zorvix::Delivery::Queued));
+    Add(zorvix::Server(service, [&inbox](const Payload& got, const zorvix::Reply<Payload>& reply) {
+      inbox.Post([got, reply] { reply(got); });
+    }));
     zorvix::Holder holder(state);
     holder.Set(payload);
     Add(std::move(holder));
@@ -195,6 +198,7 @@ void UseEachPayload(std::atomic<int>* invocations) {
     Add(zorvix::Watcher(state, use, inbox));
     zorvix::Client client(service, inbox);
     client.Call(payload, [](const std::optional<Payload>&) {});
+    client.Call(payload, std::chrono::milliseconds(1), [](const std::optional<Payload>&) {});
     Add(std::move(client));
   });
 }
