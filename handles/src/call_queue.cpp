@@ -10,7 +10,7 @@ void PendingCall::Settle(const Outcome& outcome) {
     ~AtEnd() { call.queue_->EndSettling(call); }
     PendingCall& call;
   } const at_end{*this};
-  WriteOutcome(slot_, outcome);
+  Write(outcome);
 }
 
 void PendingCall::Expire() {
@@ -18,31 +18,72 @@ void PendingCall::Expire() {
   queue_->RemoveTimeout(*this);
   // Another thread may be settling it.
   if (queue_->IsClosed() || !CallQueue::Claim(*this)) return;
-  WriteOutcome(slot_, NoAnswer(Why::TimedOut));
+  Write(NoAnswer(Why::TimedOut));
+  queue_->in_progress_.Remove(*this);
   queue_->AddAnswer(*this);
+}
+
+inline void CallList::Add(PendingCall& call) noexcept {
+  call.previous_ = last_;
+  call.next_ = nullptr;
+  (last_ == nullptr ? first_ : last_->next_) = &call;
+  last_ = &call;
+  ++size_;
+}
+
+inline void CallList::Remove(PendingCall& call) noexcept {
+  (call.previous_ == nullptr ? first_ : call.previous_->next_) = call.next_;
+  (call.next_ == nullptr ? last_ : call.next_->previous_) = call.previous_;
+  --size_;
 }
 
 CallQueue::CallQueue(const Endpoint& endpoint, std::shared_ptr<Strand> strand, KeepLast keep)
     : Queue("Client", endpoint.name, endpoint.module, std::move(strand)),
       depth_(CheckedDepth(keep)) {}
 
-bool CallQueue::Add(const std::shared_ptr<PendingCall>& call, std::optional<Clock::time_point> end,
-                    ReplyOwner& reply) {
+bool CallQueue::Add(Function<>&& callable, Clock::time_point end, ReplyOwner& reply) {
+  std::shared_ptr<PendingCall> call;
+  const Added added = AddInProgress(call);
+  if (added == Added::kFull) Drop(std::move(callable));
+  if (added != Added::kYes) return added == Added::kClosed;
+  call->callable_ = std::move(callable);  // under no lock
+  call->owner_.store(std::thread::id(), std::memory_order_release);
+  PendingCall& its_call = *call;
+  reply = ReplyOwner(std::move(call));
+  if (end != kNever) {
+    const Lock lock(mutex_);
+    its_call.timeout_ = AddTimeout(end, its_call);
+    its_call.has_timeout_ = true;
+  }
+  return true;
+}
+
+// This thread is the owner of the call, which has no callable yet.
+CallQueue::Added CallQueue::AddInProgress(std::shared_ptr<PendingCall>& call) {
+  const Lock lock(mutex_);
+  if (IsClosed()) return Added::kClosed;
+  if (in_progress_.size() + answered_.size() >= depth_) return Added::kFull;
+  if (spare_.size() == 0) {
+    call = std::make_shared<PendingCall>(Self());
+  } else {
+    call = std::move(spare_.first()->self_);
+    spare_.Remove(*call);
+  }
+  call->owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  call->self_ = call;
+  in_progress_.Add(*call);
+  return Added::kYes;
+}
+
+void CallQueue::Drop(Function<>&& callable) {
+  const auto call = std::make_shared<PendingCall>(Self());
+  call->callable_ = std::move(callable);
+  call->Write(NoAnswer(Why::Dropped));
   bool is_first_drop = false;
   {
     const Lock lock(mutex_);
-    if (IsClosed()) return true;
-    const bool is_full = in_progress_.size() + answered_.size() >= depth_;
-    if (spare_.empty()) spare_.emplace_back();
-    if (end.has_value() && !is_full) call->timeout_ = AddTimeout(*end, *call);
-    call->position_ = spare_.begin();
-    *call->position_ = call;
-    in_progress_.splice(in_progress_.end(), spare_, call->position_);
-    if (!is_full) {
-      reply = ReplyOwner(call);
-      return true;
-    }
-    WriteOutcome(call->slot_, NoAnswer(Why::Dropped));
+    if (IsClosed()) return;
+    call->self_ = call;
     AddAnswer(*call);
     ++dropped_;
     is_first_drop = ++dropped_in_a_row_ == 1;
@@ -53,7 +94,6 @@ bool CallQueue::Add(const std::shared_ptr<PendingCall>& call, std::optional<Cloc
                name.c_str(), module, depth_);
   }
   AfterPush();
-  return false;
 }
 
 bool CallQueue::Claim(PendingCall& call) {
@@ -72,8 +112,9 @@ void CallQueue::EndSettling(PendingCall& call) {
     const Lock lock(mutex_);
     NotifyClosing();
     RemoveTimeout(call);
+    in_progress_.Remove(call);
     if (IsClosed()) {
-      late_.splice(late_.end(), in_progress_, call.position_);
+      late_.Add(call);
       return;
     }
     AddAnswer(call);
@@ -82,79 +123,92 @@ void CallQueue::EndSettling(PendingCall& call) {
 }
 
 void CallQueue::AddAnswer(PendingCall& call) {
-  answered_.splice(answered_.end(), in_progress_, call.position_);
-  call.turn_ = AddTurn(answered_.size() == 1);
+  call.turn_ = AddTurn(answered_.size() == 0);
+  answered_.Add(call);
 }
 
 void CallQueue::RemoveTimeout(PendingCall& call) {
-  if (!call.timeout_.has_value()) return;
-  Queue::RemoveTimeout(*call.timeout_);
-  call.timeout_.reset();
+  if (std::exchange(call.has_timeout_, false)) Queue::RemoveTimeout(call.timeout_);
 }
 
 // Other threads may be settling calls that Discard could not claim.
-bool CallQueue::IsUsedByOthers() const { return !in_progress_.empty(); }
+bool CallQueue::IsUsedByOthers() const { return in_progress_.size() != 0; }
 
 Turn CallQueue::Take() {
-  taken_ = std::move(answered_.front());
-  caught_up_from_ = 0;
-  if (spare_.size() < kMostSpare) {
-    spare_.splice(spare_.end(), answered_, answered_.begin());
-  } else {
-    answered_.pop_front();
+  if (unused_ != nullptr && spare_.size() < kMostSpare) {
+    spare_.Add(*unused_);
+    unused_->self_ = std::move(unused_);
   }
-  if (!answered_.empty()) return answered_.front()->turn_;
-  if (in_progress_.empty()) caught_up_from_ = std::exchange(dropped_in_a_row_, 0);
+  PendingCall& first = *answered_.first();
+  answered_.Remove(first);
+  taken_ = std::move(first.self_);
+  caught_up_from_ = 0;
+  if (answered_.size() != 0) return answered_.first()->turn_;
+  if (in_progress_.size() == 0) caught_up_from_ = std::exchange(dropped_in_a_row_, 0);
   return 0;
 }
 
 void CallQueue::InvokeTaken() {
-  const std::shared_ptr<PendingCall> call = std::move(taken_);
-  struct AtEnd {  // even when it throws: the server's thread may still own the call
-    ~AtEnd() { callable.Reset(); }
-    Function<>& callable;
-  } const at_end{call->callable_};
-  LogDropped(caught_up_from_);
-  Invoke([&] { call->callable_(); });
+  struct AtEnd {  // even when it throws
+    ~AtEnd() {
+      queue.taken_->callable_.Reset();
+      // The server may still have the call.
+      if (queue.taken_.use_count() == 1) queue.unused_ = std::move(queue.taken_);
+      queue.taken_.reset();
+    }
+    CallQueue& queue;
+  } const at_end{*this};
+  if (caught_up_from_ != 0) LogDropped(caught_up_from_);
+  Invoke([this] { taken_->callable_(); });
 }
 
 // Called when the client is destroyed, and when its inbox is. All calls are claimed before the
 // first callable is destroyed: another thread that settled one meanwhile would need it after the
 // client.
 void CallQueue::Discard() {
-  Calls discarded;
+  CallList discarded;
   std::size_t dropped = 0;
   {
     const Lock lock(mutex_);
     dropped = std::exchange(dropped_in_a_row_, 0);
-    if (!answered_.empty()) RemoveTurns(answered_.front()->turn_, answered_.size());
-    discarded.splice(discarded.end(), answered_);
-    for (auto next = in_progress_.begin(); next != in_progress_.end();) {
-      const auto position = next++;
-      PendingCall& call = **position;
+    if (answered_.size() != 0) RemoveTurns(answered_.first()->turn_, answered_.size());
+    std::swap(discarded, answered_);
+    for (PendingCall* next = in_progress_.first(); next != nullptr;) {
+      PendingCall& call = *std::exchange(next, CallList::Next(*next));
       const bool is_claimed = Claim(call);
       if (!is_claimed && call.owner_ != std::this_thread::get_id()) continue;
       // This thread may be settling the call, when the move of its answer destroys the client.
       call.is_abandoned_ = !is_claimed;
       RemoveTimeout(call);
-      discarded.splice(discarded.end(), in_progress_, position);
+      in_progress_.Remove(call);
+      discarded.Add(call);
     }
     UpdateTimer();
   }
   LogDropped(dropped);
-  for (const auto& call : discarded) {
-    if (!call->is_abandoned_) call->callable_.Reset();
-  }
+  Destroy(discarded);
 }
 
 // The queue is closed, and no thread settles a call any more.
 void CallQueue::DestroyCallable() {
-  Calls late;
+  CallList late;
+  CallList spare;
   {
     const Lock lock(mutex_);
-    late.swap(late_);
+    std::swap(late, late_);
+    std::swap(spare, spare_);
   }
-  for (const auto& call : late) call->callable_.Reset();
+  unused_.reset();
+  Destroy(late);
+  Destroy(spare);
+}
+
+void CallQueue::Destroy(CallList& calls) {
+  while (calls.size() != 0) {
+    const auto call = std::move(calls.first()->self_);
+    calls.Remove(*call);
+    if (!call->is_abandoned_) call->callable_.Reset();
+  }
 }
 
 Counts CallQueue::Count() const {

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <exception>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -21,7 +20,7 @@ namespace {
 class ReplyOffer final : public Offer {
  public:
   ReplyOffer(const AnswerType& its_type, ReplyOwner reply)
-      : Offer(its_type), reply_(std::move(reply)) {}
+      : Offer(its_type, false), reply_(std::move(reply)) {}
 
  private:
   void Write(const Outcome& outcome) override { reply_.Settle(outcome); }
@@ -74,7 +73,7 @@ void CallNow(const Control& control, const std::any& request, Offer& offer) {
 class QueuedCall final : public Offer, public std::enable_shared_from_this<QueuedCall> {
  public:
   QueuedCall(std::any&& request, const AnswerType& its_type, Function<> finish)
-      : Offer(its_type), request_(std::move(request)), finish_(std::move(finish)) {
+      : Offer(its_type, false), request_(std::move(request)), finish_(std::move(finish)) {
     Set(Why::Dropped);  // unless it begins
   }
   ~QueuedCall() { finish_(); }
@@ -145,7 +144,7 @@ void CallAndWait(const ClientState& client, const std::any& request, const Answe
   const Section section("Call", client.name);
   WaitingOffer offer(type, slot);
   // Without a limit, no clock is read.
-  const auto end = limit.count() < 0 ? Clock::time_point::max() : Deadline(limit);
+  const auto end = limit.count() < 0 ? kNever : Deadline(limit);
   CallNow(client.participant.control, request, offer);
   offer.Wait(end);
 }
@@ -161,11 +160,9 @@ void CallAndReply(const ClientState& client, const std::any& request, const Answ
     throw std::logic_error("a call with a timeout and a callable needs a client with an inbox");
   }
   const Section section("Call", client.name);
-  const auto call = std::make_shared<PendingCall>(queue, std::move(callable));
-  std::optional<Clock::time_point> end;
-  if (has_timeout) end = Deadline(timeout);
   ReplyOwner reply;
-  if (!queue->Add(call, end, reply)) return;
+  const auto end = has_timeout ? Deadline(timeout) : kNever;
+  if (!queue->Add(std::move(callable), end, reply)) return;
   ReplyOffer offer(type, std::move(reply));
   CallNow(client.participant.control, request, offer);
 }

@@ -47,7 +47,7 @@ void Descriptor::SetTimer(Clock::time_point time) {
   if (time == time_) return;
   time_ = time;
   itimerspec setting = {};  // switches it off
-  if (time != Clock::time_point::max()) {
+  if (time != kNever) {
     const auto since_start = time.time_since_epoch();
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since_start);
     setting.it_value.tv_sec = static_cast<std::time_t>(seconds.count());

@@ -30,7 +30,7 @@ class Descriptor {
 
   int fd() const { return epoll_.get(); }
   void SetReady(bool ready);
-  // Replaces the time. Clock::time_point::max() stands for none.
+  // Replaces the time. kNever stands for none.
   void SetTimer(Clock::time_point time);
 
  private:
@@ -39,7 +39,7 @@ class Descriptor {
   const OwnedDescriptor epoll_;
   const OwnedDescriptor event_;
   const OwnedDescriptor timer_;
-  Clock::time_point time_ = Clock::time_point::max();
+  Clock::time_point time_ = kNever;
 };
 
 }  // namespace zorvix::detail

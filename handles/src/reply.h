@@ -33,10 +33,12 @@ class ReplyOwner {
  public:
   ReplyOwner() = default;
   explicit ReplyOwner(std::shared_ptr<SharedReply> reply) : reply_(std::move(reply)) {}
-  ~ReplyOwner() { Fail(Why::Destroyed); }
+  ~ReplyOwner() {
+    if (reply_ != nullptr) Fail(Why::Destroyed);
+  }
   ReplyOwner(ReplyOwner&&) noexcept = default;
   ReplyOwner& operator=(ReplyOwner&& other) noexcept {
-    Fail(Why::Destroyed);
+    if (reply_ != nullptr) Fail(Why::Destroyed);
     reply_ = std::move(other.reply_);
     return *this;
   }
@@ -81,7 +83,8 @@ class RequestReply final : public CurrentReply {
 // thread only.
 class Offer : public CurrentReply {
  public:
-  explicit Offer(const AnswerType& its_type) : type(its_type) {}
+  Offer(const AnswerType& its_type, bool its_caller_waits)
+      : type(its_type), caller_waits(its_caller_waits) {}
   Offer(const Offer&) = delete;
   Offer& operator=(const Offer&) = delete;
 
@@ -95,9 +98,8 @@ class Offer : public CurrentReply {
   }
   std::shared_ptr<ReplyTarget> Keep() final { return std::make_shared<LaterReply>(Take()); }
 
-  virtual bool caller_waits() const { return false; }  // on this thread
-
   const AnswerType& type;
+  const bool caller_waits;  // on this thread
 
  protected:
   ~Offer() = default;

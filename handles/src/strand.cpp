@@ -120,8 +120,7 @@ int Strand::fd() {
 
 // While a drain is in progress, no timeout makes the descriptor readable.
 void Strand::SetTimer() {
-  descriptor_->SetTimer(timeouts_.empty() || draining_ ? Clock::time_point::max()
-                                                       : timeouts_.begin()->first);
+  descriptor_->SetTimer(timeouts_.empty() || draining_ ? kNever : timeouts_.begin()->first);
 }
 
 void Strand::ExpireTimeouts() {

@@ -26,6 +26,7 @@
 namespace zorvix::detail {
 
 using Clock = std::chrono::steady_clock;
+constexpr auto kNever = Clock::time_point::max();
 
 class ZORVIX_CAPABILITY Mutex {
  public:

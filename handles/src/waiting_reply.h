@@ -54,7 +54,8 @@ class WaitingReply final : public SharedReply {
 // The offer of a thread that waits for the answer.
 class WaitingOffer final : public Offer {
  public:
-  WaitingOffer(const AnswerType& its_type, const AnswerSlot& slot) : Offer(its_type), slot_(slot) {}
+  WaitingOffer(const AnswerType& its_type, const AnswerSlot& slot)
+      : Offer(its_type, true), slot_(slot) {}
   // After an exception, the server may still have the reply.
   ~WaitingOffer() { Wait(Clock::time_point()); }
   WaitingOffer(const WaitingOffer&) = delete;
@@ -63,7 +64,6 @@ class WaitingOffer final : public Offer {
   void Wait(Clock::time_point end) const {
     if (reply_ != nullptr) reply_->Wait(end);
   }
-  bool caller_waits() const override { return true; }
 
  private:
   void Write(const Outcome& outcome) override { WriteOutcome(slot_, outcome); }

@@ -65,7 +65,12 @@ class Function {
   Function(Function&& other) noexcept : operations_(std::exchange(other.operations_, nullptr)) {
     if (operations_ != nullptr) operations_->move(buffer_, other.buffer_);
   }
-  Function& operator=(Function&&) = delete;
+  Function& operator=(Function&& other) noexcept {
+    Reset();
+    operations_ = std::exchange(other.operations_, nullptr);
+    if (operations_ != nullptr) operations_->move(buffer_, other.buffer_);
+    return *this;
+  }
   ~Function() { Reset(); }
 
   explicit operator bool() const { return operations_ != nullptr; }
