@@ -342,4 +342,21 @@ TEST_F(Bridge, InboxThreadProcessesWhatIsPendingAlsoWhatArrivesInItsLastDrain) {
   EXPECT_EQ(Count(TakeLog(), "callable failed! error: bad luck, name: mine"), 1u);
 }
 
+// The second callable is left to another drain than the first one.
+TEST_F(Bridge, InboxThreadBeginsNoCallableOnceItsTimeIsOver) {
+  Inbox inbox;
+  zorvix::InboxThread thread(inbox);
+  HoldLog("held");
+  inbox.Post([] { Log("held"); });
+  WaitForLog("held");
+  inbox.Post([] { Log("begun"); });
+
+  auto stop = BeginAndLetSleep([&] { return thread.Stop(milliseconds(0)); });
+  HoldLog("");
+
+  EXPECT_FALSE(stop.get());
+  EXPECT_EQ(Count(TakeLog(), "begun"), 0u);
+  EXPECT_EQ(inbox.Drain(), 1u);
+}
+
 }  // namespace

@@ -3,11 +3,14 @@
 #define ZORVIX_TESTS_THREADS_H_
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <future>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -25,6 +28,23 @@ bool ComesTrue(const Condition& condition) {
 // Gives other threads time to get as far as they can. No test may rely on it.
 inline void LetOthersRun() {
   for (int i = 0; i < 300; ++i) std::this_thread::yield();
+}
+
+// Calls function() on another thread, and returns its result, once that thread sleeps.
+template <typename Function>
+auto BeginAndLetSleep(const Function& function) {
+  std::atomic<int> id{0};
+  auto result = std::async(std::launch::async, [&id, function] {
+    id = gettid();
+    return function();
+  });
+  const auto sleeps = [&id] {
+    std::ifstream status("/proc/self/task/" + std::to_string(id) + "/stat");
+    std::string line;
+    return std::getline(status, line) && line.find(") S ") != std::string::npos;
+  };
+  EXPECT_TRUE(ComesTrue(sleeps));
+  return result;
 }
 
 // Calls function(0) to function(count - 1) on threads that start together, and waits for them.

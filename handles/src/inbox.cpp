@@ -42,13 +42,13 @@ class DrainThread {
   explicit DrainThread(std::shared_ptr<Strand> strand)
       : strand_(std::move(strand)), thread_(&DrainThread::Run, this) {}
 
-  bool Stop(std::chrono::milliseconds limit) {
+  bool Stop(std::chrono::milliseconds timeout) {
     if (!thread_.joinable()) return processed_all_;
     if (thread_.get_id() == std::this_thread::get_id()) {
       BRIDGE_LOG(bridge::kLogError, "an InboxThread is stopped by a callable it invokes");
       std::abort();
     }
-    end_ = Deadline(limit);
+    end_ = Deadline(timeout);
     strand_->Stop(stop_);
     thread_.join();
     return processed_all_;
@@ -61,8 +61,7 @@ class DrainThread {
       strand_->Wait(Deadline(std::chrono::milliseconds(-1)), stop_);
       strand_->Drain(may_go_on);
     }
-    // What arrived during the last drain.
-    if (may_go_on()) strand_->Drain(may_go_on);
+    strand_->Drain(may_go_on);  // what arrived during the last drain
     processed_all_ = !strand_->ready();
   }
 
@@ -84,7 +83,9 @@ std::size_t Inbox::Drain() { return state_->strand->Drain(); }
 
 std::size_t Inbox::Drain(std::chrono::milliseconds limit) {
   const auto end = detail::Deadline(limit);
-  return state_->strand->Drain([end] { return detail::Clock::now() < end; });
+  return state_->strand->Drain([end, is_first = true]() mutable {
+    return std::exchange(is_first, false) || detail::Clock::now() < end;
+  });
 }
 
 bool Inbox::Wait(std::chrono::milliseconds limit) const {
@@ -106,6 +107,6 @@ InboxThread::InboxThread(Inbox& inbox)
 
 InboxThread::~InboxThread() { Stop(std::chrono::milliseconds(-1)); }
 
-bool InboxThread::Stop(std::chrono::milliseconds limit) { return thread_->Stop(limit); }
+bool InboxThread::Stop(std::chrono::milliseconds timeout) { return thread_->Stop(timeout); }
 
 }  // namespace zorvix

@@ -24,8 +24,7 @@ std::size_t Strand::Drain(const std::function<bool()>& may_go_on) {
   const Turn last = last_turn_;  // what arrives meanwhile is left to the next drain
   std::size_t count = 0;
   // The condition is tested before a message is taken, so no message has to be put back.
-  while (!agenda_.empty() && agenda_.front().turn <= last &&
-         (count == 0 || !may_go_on || may_go_on())) {
+  while (!agenda_.empty() && agenda_.front().turn <= last && (!may_go_on || may_go_on())) {
     Queue& queue = *agenda_.front().queue;
     queue.mutex_.AssertHeld();
     if (const Turn next = queue.Take()) {

@@ -49,10 +49,10 @@ class Strand : public std::enable_shared_from_this<Strand> {
   Strand(const Strand&) = delete;
   Strand& operator=(const Strand&) = delete;
 
-  // Lets timeouts expire, then takes what is pending, on this thread: the first in any case, the
-  // others as long as `may_go_on`, if given, returns true. Returns how many callables it has
-  // invoked: 0 if a drain is in progress already. Lets through what callables throw that is not a
-  // std::exception, and can be called again then.
+  // Lets timeouts expire, then takes what is pending, on this thread, as long as `may_go_on`, if
+  // given, returns true: it is called before each message is taken, under the mutex. Returns how
+  // many callables it has invoked: 0 if a drain is in progress already. Lets through what callables
+  // throw that is not a std::exception, and can be called again then.
   std::size_t Drain(const std::function<bool()>& may_go_on = nullptr);
 
   // Discards all that is pending; what arrives later is ignored. If a callable of a drain calls
@@ -62,6 +62,7 @@ class Strand : public std::enable_shared_from_this<Strand> {
   // Blocks until it is ready, or `stop`, or until `end`. Returns whether it is ready. Lets timeouts
   // expire meanwhile.
   bool Wait(Clock::time_point end, const std::atomic<bool>& stop);
+  // Sets `stop` under the mutex: a `may_go_on` that is called later sees it.
   void Stop(std::atomic<bool>& stop);
 
   // Returns a descriptor that is readable while the strand is ready, or a timeout has passed and no

@@ -85,12 +85,13 @@ class ZORVIX_EXPORT InboxThread {
   InboxThread(const InboxThread&) = delete;
   InboxThread& operator=(const InboxThread&) = delete;
 
-  // Processes what is pending for at most that long, then ends the thread; a negative limit means
-  // without limit. Blocks until an invocation in progress has returned. Returns whether everything
-  // was processed: the rest stays in the inbox, for the next drain. Called again, it does
-  // nothing and returns the same. Must not be called by two threads at the same time. Called on the
-  // inbox's own thread, it logs an ERROR and ends the process.
-  bool Stop(std::chrono::milliseconds limit);
+  // Processes what is pending for at most `timeout`, then ends the thread; a negative timeout means
+  // without limit. Once the time is over, no further callable is invoked: with a timeout of 0, none
+  // but the one whose invocation is in progress. Blocks until that one has returned. Returns
+  // whether everything was processed: the rest stays in the inbox, for the next drain. Called
+  // again, it does nothing and returns the same. Must not be called by two threads at the same
+  // time. Called on the inbox's own thread, it logs an ERROR and ends the process.
+  bool Stop(std::chrono::milliseconds timeout);
 
  private:
   const std::unique_ptr<detail::DrainThread> thread_;
