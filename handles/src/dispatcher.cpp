@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <exception>
+#include <functional>
 #include <list>
 #include <new>
 #include <thread>
@@ -39,8 +40,9 @@ class QueuedStrand final : public Strand {
 };
 
 // Has a list of strands that are ready, and posts tasks for them to the bridge's queue: at most 8
-// at a time, however many strands are ready. A task takes the first strand and drains it. There is
-// one in the process, which is never destroyed.
+// at a time, however many strands are ready. A task takes the first strand and drains it, for a
+// bounded number of invocations, so that other strands and other tasks of the queue get their turn.
+// There is one in the process, which is never destroyed.
 //
 // The full queue may drop tasks. It destroys them under a lock of the bridge, where no other task
 // can be posted. So if it drops the last one while strands are ready, a thread posts one anew.
@@ -80,7 +82,7 @@ class Dispatcher {
 
  private:
   static constexpr int kMostTasks = 8;
-  static constexpr int kDrainsOfATask = 8;
+  static constexpr int kInvocationsOfATask = 64;
 
   // Counts as a task in the queue until the task begins or is dropped.
   class Ticket {
@@ -185,8 +187,13 @@ class Dispatcher {
       QueuedStrand& strand;
     } const schedule_again{*this, *strand};
     PostTasks();  // other workers take the other strands meanwhile
+    const std::function<bool()> may_go_on = [left = kInvocationsOfATask]() mutable {
+      if (left == 0) return false;
+      --left;
+      return true;
+    };
     // What arrives meanwhile is cheaper to drain now than to post a task for.
-    for (int drains = 0; drains < kDrainsOfATask && strand->Drain() != 0; ++drains) {
+    while (strand->Drain(may_go_on) != 0) {
     }
   }
 
