@@ -90,7 +90,7 @@ template <typename Registration>
 struct Registered {
   template <typename Function>
   Registered(std::shared_ptr<Receiver> its_receiver, const Endpoint& endpoint, Function function)
-      : closer{std::move(its_receiver)},
+      : closer{SetInvoker(std::move(its_receiver), endpoint.type)},
         registration(endpoint.name, endpoint.type, std::move(function)),
         listed(*closer.receiver) {}
 
@@ -101,6 +101,16 @@ struct Registered {
   const Closer closer;
   const Registration registration;
   const Listed listed;
+
+ private:
+  // What the bridge delivers in a task is invoked by the task, unless a strand takes it.
+  static std::shared_ptr<Receiver> SetInvoker(std::shared_ptr<Receiver> receiver,
+                                              bridge::BridgeType type) {
+    if (type != bridge::BridgeType::Sync && receiver->invoker == Record::Invoker::kDelivery) {
+      receiver->invoker = Record::Invoker::kTask;
+    }
+    return receiver;
+  }
 };
 
 }  // namespace zorvix::detail

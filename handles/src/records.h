@@ -31,9 +31,20 @@ struct Record {
   Record& operator=(const Record&) = delete;
   virtual Counts Count() const { return {}; }
 
+  // What invokes the callable.
+  enum class Invoker {
+    kDelivery,  // whoever publishes or calls
+    kTask,      // a task of the bridge's queue
+    kDrain,     // a drain that is no task, such as that of an inbox
+  };
+
   const char* const kind;
   const std::string name;  // of the topic, service or state
   const char* const module;
+  Invoker invoker = Invoker::kDelivery;  // set before it is registered
+  // A task is inside the callable. If several are, which only a handle without a strand allows, it
+  // follows the first of them.
+  std::atomic<bool> is_task_inside{false};
   // While a SlowLog exists:
   std::atomic<std::uint64_t> invocations{0};
   std::atomic<std::int64_t> longest{0};  // nanoseconds
@@ -110,16 +121,21 @@ class Section {
   const bool has_begun_;
 };
 
-// Surrounds an invocation of a handle's callable. Reads no clock unless a SlowLog exists.
+// Surrounds an invocation of a handle's callable. Reads no clock unless a SlowLog exists. What it
+// notes of tasks is read long after, so it needs no order.
 class Measured {
  public:
   explicit Measured(Record& record)
       : section_(record.kind, record.name),
         record_(record),
+        is_first_task_(record.invoker == Record::Invoker::kTask &&
+                       !record.is_task_inside.load(std::memory_order_relaxed)),
         limit_(smallest_slow_limit.load(std::memory_order_relaxed)) {
+    if (is_first_task_) record_.is_task_inside.store(true, std::memory_order_relaxed);
     if (limit_ != 0) start_ = Clock::now();
   }
   ~Measured() {
+    if (is_first_task_) record_.is_task_inside.store(false, std::memory_order_relaxed);
     if (limit_ != 0) Finish();
   }
   Measured(const Measured&) = delete;
@@ -130,6 +146,7 @@ class Measured {
 
   const Section section_;
   Record& record_;
+  const bool is_first_task_;
   const std::int64_t limit_;
   Clock::time_point start_;
 };

@@ -154,6 +154,7 @@ Queue::Queue(const char* its_kind, const std::string& its_name, Module& its_modu
     : Receiver(its_kind, its_name, its_module),
       strand_(std::move(strand)),
       mutex_(strand_->mutex_) {
+  invoker = strand_->IsDrainedByTasks() ? Invoker::kTask : Invoker::kDrain;
   const Lock lock(strand_->mutex_);
   strand_->agenda_.Reserve(strand_->queues_ + 1);
   ++strand_->queues_;

@@ -76,6 +76,7 @@ class Strand : public std::enable_shared_from_this<Strand> {
   bool ready() const { return ready_; }
 
   bool IsDrainedByThisThread();
+  virtual bool IsDrainedByTasks() const { return false; }
 
  protected:
   // Called after something has been pushed, under no lock.
