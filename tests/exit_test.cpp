@@ -1,7 +1,6 @@
-// exit_test: ends while workers run. Their owner is a static object that is constructed before the
-// bridge is first used, and must stop them before the bridge is destroyed.
-// exit_test pending: ends while a message of a queued subscriber is pending, and a thread may be
-// posting its task.
+// exit_test: ends while workers run. Their owners are static objects that are constructed before
+// the bridge is first used, and must stop them before the bridge is destroyed. exit_test pending:
+// ends while a message of a queued subscriber is pending, and a thread may be posting its task.
 #include <zorvix/typed.h>
 #include <zorvix/zorvix_flat.h>
 
@@ -33,6 +32,7 @@ int main(int count, char**) {
     LeavePending();
   } else {
     static const zorvix::Workers workers(2);
+    static const zorvix::Workers others(1);  // destroyed first
     while (!ZorvixIsSpin()) std::this_thread::yield();
   }
 }

@@ -7,6 +7,8 @@
 
 namespace {
 
+using std::chrono::milliseconds;
+
 const auto log_running = Subscriber([](auto&) { Log("running"); });
 const auto serve_running = Server([](auto&, auto&) { Log("running"); });
 
@@ -150,19 +152,100 @@ TEST_F(Bridge, StopEndsAWorkerWhateverItDoes) {
   }
 }
 
-TEST_F(Bridge, WorkersMayBeDestroyedWhileOthersWorkAndDrainTheQueue) {
+TEST_F(Bridge, WorkersAreLeftToOtherOwnersUntilTheLastOneIsDestroyed) {
   auto& topic = Subscribed("t", BridgeType::Async, {log_running});
-  const zorvix::Workers busy(1);
+  std::optional<zorvix::Workers> first(1);
+  std::optional<zorvix::Workers> last(1);
+  WaitForLog("Spin loop once lock.", 2);
+
+  EXPECT_TRUE(first->Stop(milliseconds(0)));
+  first.reset();
+
+  HoldLog("running");
+  for (int i = 0; i < 2; ++i) ZorvixPublish(topic, 1);
+  WaitForLog("running", 2);
+  HoldLog("");
+  last.reset();
+  EXPECT_FALSE(ZorvixIsSpin());
+  EXPECT_EQ(Count(TakeLog(), "Spin exit."), 2u);
+}
+
+TEST_F(Bridge, WorkersThatWaitForATaskSaySo) {
+  auto& topic = Subscribed("t", BridgeType::Async, {log_running});
+  std::optional<zorvix::Workers> workers(1);
   HoldLog("running");
   ZorvixPublish(topic, 1);
   WaitForLog("running");
 
-  std::make_unique<zorvix::Workers>(2).reset();
+  const auto stop = std::async(std::launch::async, [&] { workers.reset(); });
 
-  EXPECT_TRUE(ZorvixIsSpin()) << "in the held task";
-  ZorvixPublish(topic, 1);
+  WaitForLog("workers wait for a task to return");
   HoldLog("");
-  WaitForLog("running", 2);
+}
+
+const zorvix::Topic<int> kQueued{"queued"};
+const zorvix::Topic<int, BridgeType::Async> kAsync{"async"};
+
+// Has two workers in callables of handles, one with and one without a strand.
+class StoppedWorkers : public Bridge {
+ protected:
+  void SetUp() override {
+    Bridge::SetUp();
+    HoldLog("running");
+    workers_.emplace(2);
+    zorvix::Publisher(kAsync).Publish(0);
+    for (int i = 0; i < 3; ++i) zorvix::Publisher(kQueued).Publish(i);
+    WaitForLog("running", 2);
+    EXPECT_FALSE(workers_->Stop(milliseconds(0)));
+    EXPECT_EQ(Count(TakeLog(), "StopSpin timeout."), 0u) << "Stop has waited for StopSpin";
+    zorvix::Publisher(kQueued).Publish(3);
+  }
+
+  std::vector<int> received_;
+  std::optional<zorvix::Workers> workers_;
+
+ private:
+  const zorvix::Subscriber<int> queued_{kQueued,
+                                        [this](int number) {
+                                          received_.push_back(number);
+                                          if (number == 0) Log("running");
+                                        },
+                                        zorvix::Delivery::Queued};
+  const zorvix::Subscriber<int, BridgeType::Async> async_{kAsync, [](int) { Log("running"); }};
+};
+
+TEST_F(StoppedWorkers, LogOnceASecondForWhichCallablesTheyWait) {
+  EXPECT_FALSE(workers_->Stop(milliseconds(2500)));
+
+  const auto log = TakeLog();
+  const std::string text = "workers wait for a callable to return, kind: Subscriber, name: ";
+  EXPECT_EQ(Count(log, text + "queued, module: zorvix_test"), 2u);
+  EXPECT_EQ(Count(log, text + "async, module: zorvix_test"), 2u);
+  EXPECT_LE(Count(log, "StopSpin timeout."), 2u);
+  HoldLog("");
+}
+
+TEST_F(StoppedWorkers, BeginNoQueuedCallableAndLeaveTheRestInOrder) {
+  HoldLog("");
+  EXPECT_TRUE(workers_->Stop(milliseconds(-1)));
+
+  EXPECT_EQ(received_, std::vector{0});
+  ZorvixSpinOnce();
+  EXPECT_EQ(received_, (std::vector{0, 1, 2, 3}));
+}
+
+TEST_F(StoppedWorkers, GoOnWithLaterWorkers) {
+  auto& topic = Subscribed("t", BridgeType::Async, {Subscriber([](auto&) { Log("by others"); })});
+
+  WaitForLog("elapsed");  // StopSpin is in progress
+  zorvix::Workers later(1);
+  EXPECT_TRUE(workers_->Stop(milliseconds(-1))) << "they are left to the later ones";
+  ZorvixPublish(topic, 1);
+  WaitForLog("by others");
+  HoldLog("");
+
+  EXPECT_TRUE(later.Stop(milliseconds(-1)));
+  EXPECT_EQ(received_, (std::vector{0, 1, 2, 3}));
 }
 
 // Uses each kind of endpoint as publisher, subscriber, client and server. Sync endpoints are shared

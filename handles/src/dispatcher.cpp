@@ -24,6 +24,7 @@ class QueuedStrand final : public Strand {
   using Element = std::list<std::shared_ptr<QueuedStrand>>;
 
   using Strand::Strand;
+  bool IsDrainedByTasks() const override { return true; }
 
   bool can_time_out() const override { return false; }
 
@@ -77,6 +78,20 @@ class Dispatcher {
     if (strand.listed_) listed = Unlist(strand);
   }
 
+  void Pause(bool is_paused) {
+    const Lock lock(mutex_);
+    is_paused_ = is_paused;
+  }
+
+  // If there is no memory for a task and none is in the queue, a thread posts it later.
+  void PostTasks() {
+    try {
+      while (NeedsTask()) PostTask();
+    } catch (const std::bad_alloc&) {
+      PostLater();
+    }
+  }
+
   // Returns whether a task is in the bridge's queue. A task that the queue has dropped is not.
   bool HasTask() const { return tasks_ != 0; }
 
@@ -120,18 +135,11 @@ class Dispatcher {
     return std::move(*strand.position_);
   }
 
-  // If there is no memory for a task and none is in the queue, a thread posts it later.
-  void PostTasks() {
-    try {
-      while (NeedsTask()) PostTask();
-    } catch (const std::bad_alloc&) {
-      PostLater();
-    }
-  }
+  bool HasWork() const ZORVIX_REQUIRES(mutex_) { return !ready_.empty() && !is_paused_; }
 
   bool NeedsTask() {
     const Lock lock(mutex_);
-    return tasks_ < static_cast<int>(std::min<std::size_t>(ready_.size(), kMostTasks));
+    return HasWork() && tasks_ < static_cast<int>(std::min<std::size_t>(ready_.size(), kMostTasks));
   }
 
   void PostTask() {
@@ -146,7 +154,7 @@ class Dispatcher {
   void PostLater() {
     {
       const Lock lock(mutex_);
-      if (tasks_ != 0 || reposting_ || exiting_ || ready_.empty()) return;
+      if (tasks_ != 0 || reposting_ || exiting_ || !HasWork()) return;
       reposting_ = true;
     }
     try {
@@ -167,7 +175,7 @@ class Dispatcher {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
       }
       const Lock lock(mutex_);
-      is_done = tasks_ != 0 || ready_.empty() || exiting_;
+      is_done = tasks_ != 0 || !HasWork() || exiting_;
       if (is_done) {
         reposting_ = false;
         reposted_.NotifyAll();
@@ -187,8 +195,8 @@ class Dispatcher {
       QueuedStrand& strand;
     } const schedule_again{*this, *strand};
     PostTasks();  // other workers take the other strands meanwhile
-    const std::function<bool()> may_go_on = [left = kInvocationsOfATask]() mutable {
-      if (left == 0) return false;
+    const std::function<bool()> may_go_on = [this, left = kInvocationsOfATask]() mutable {
+      if (left == 0 || is_paused_.load(std::memory_order_relaxed)) return false;
       --left;
       return true;
     };
@@ -199,10 +207,11 @@ class Dispatcher {
 
   std::shared_ptr<QueuedStrand> TakeFirst() {
     const Lock lock(mutex_);
-    return ready_.empty() ? nullptr : Unlist(*ready_.front());
+    return HasWork() ? Unlist(*ready_.front()) : nullptr;
   }
 
   std::atomic<int> tasks_{0};
+  std::atomic<bool> is_paused_{false};  // written under the mutex
   Mutex mutex_;
   QueuedStrand::Element ready_ ZORVIX_GUARDED_BY(mutex_);
   bool reposting_ ZORVIX_GUARDED_BY(mutex_) = false;
@@ -224,9 +233,15 @@ void QueuedStrand::AfterClose() { Dispatcher::Get().Retire(*this); }
 
 }  // namespace
 
+void MakeDispatcher() { Dispatcher::Get(); }
+
 std::shared_ptr<Strand> MakeQueuedStrand(const Endpoint& endpoint) {
-  Dispatcher::Get();  // now, since a push must not fail for it
+  MakeDispatcher();  // now, since a push must not fail for it
   return std::make_shared<QueuedStrand>(endpoint.name, endpoint.module);
 }
+
+void PauseQueued(bool is_paused) { Dispatcher::Get().Pause(is_paused); }
+
+void PostQueuedTasks() { Dispatcher::Get().PostTasks(); }
 
 }  // namespace zorvix::detail

@@ -8,8 +8,19 @@
 
 namespace zorvix::detail {
 
+// Constructs the dispatcher, and the bridge before it, unless they exist.
+void MakeDispatcher();
+
 // Returns the strand of one queued handle.
 std::shared_ptr<Strand> MakeQueuedStrand(const Endpoint& endpoint);
+
+// While queued delivery is paused, tasks invoke no callable and none are posted. A drain in
+// progress ends after its current invocation. Everything stays pending, in order. To be followed,
+// after the end of a pause, by PostQueuedTasks.
+void PauseQueued(bool is_paused);
+
+// Posts the tasks for what is pending. To be called under no lock.
+void PostQueuedTasks();
 
 }  // namespace zorvix::detail
 

@@ -4,33 +4,59 @@
 
 #include <zorvix/zorvix.h>
 
-#include <memory>
+#include <chrono>
 
 namespace zorvix {
 
-namespace detail {
-class SpinThread;
-}
-
 // Drains the bridge's queue on worker threads.
 //
-// StopSpin stops every worker in the process, whichever Workers object or Spin call started it, and
-// the destructor of this class calls it. Keep one object for the process.
+// There may be several objects, also of several modules. Their workers drain the one queue until
+// the last object is stopped or destroyed: one that ends before leaves its workers to the others.
+// StopSpin still ends every worker in the process, whoever calls it, and whichever Workers object
+// or Spin call started the worker; stopping the last object calls it.
+//
+// A static object may be destroyed at process exit. Do not construct one in a callable that is
+// invoked there.
 class ZORVIX_EXPORT Workers {
  public:
-  // Starts that many workers, and one thread that waits for them. Throws std::system_error if that
-  // thread cannot be started; a worker that cannot be started ends the process.
+  // Starts that many workers, and one thread that waits for them. Does not block: the workers begin
+  // later, after up to 0.2 s if a stop has timed out and its workers have not ended. Those workers
+  // go on, and belong to this object, too. Throws std::system_error if the thread cannot be
+  // started; a worker that cannot be started ends the process.
   [[nodiscard]] explicit Workers(unsigned long count);
-  // Stops the workers and blocks until they have ended. A worker ends when it finds the queue
-  // empty: never, while tasks post tasks or are posted faster than they run, so first stop whatever
-  // posts tasks. A worker that has not begun yet runs no task. Must not be called by a task on a
-  // worker.
+
+  // Does the same as Stop without limit.
   ~Workers();
+
   Workers(const Workers&) = delete;
   Workers& operator=(const Workers&) = delete;
 
+  // Asks the workers to end, and blocks until they have ended, but for at most `timeout`; a
+  // negative timeout means without limit. Returns whether they have ended. Returns true immediately
+  // if the workers are left to other objects, or have been ended by StopSpin. Called again, it
+  // waits again.
+  //
+  // A worker ends when it finds the queue empty. One that has not begun runs no task. Without a
+  // limit, that is never while tasks post tasks or are posted faster than they run, so first stop
+  // whatever posts tasks.
+  //
+  // Once the time is over, no thread begins a callable of a queued handle (Delivery::Queued) until
+  // the workers have ended, or new Workers are constructed. What is pending stays pending, in
+  // order: SpinOnce invokes it when the workers have ended. The other tasks of the queue, those of
+  // Async endpoints, are run all the same. A callable in progress that waits for another queued one
+  // then waits for ever: give its call a limit, too.
+  //
+  // A thread that exists until the workers have ended calls StopSpin, at most once a second when
+  // the workers have begun. If the thread cannot be started, Stop does it itself, and may then
+  // return late. After each second of waiting, Stop logs a WARN for each callable that a task is
+  // invoking, with its kind, name and module, or one that a task does not return.
+  //
+  // Any thread may call it, also several at the same time, and also a callable, but on a worker it
+  // waits for its own end: without a limit, it never returns.
+  bool Stop(std::chrono::milliseconds timeout);
+
  private:
-  std::unique_ptr<detail::SpinThread> thread_;
+  bool is_owner_ = true;
 };
 
 }  // namespace zorvix
