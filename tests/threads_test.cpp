@@ -9,6 +9,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
+const zorvix::Topic<int> kQueued{"queued"};
+const zorvix::Topic<int, BridgeType::Async> kAsync{"async"};
 const auto log_running = Subscriber([](auto&) { Log("running"); });
 const auto serve_running = Server([](auto&, auto&) { Log("running"); });
 
@@ -170,21 +172,21 @@ TEST_F(Bridge, WorkersAreLeftToOtherOwnersUntilTheLastOneIsDestroyed) {
   EXPECT_EQ(Count(TakeLog(), "Spin exit."), 2u);
 }
 
-TEST_F(Bridge, WorkersThatWaitForATaskSaySo) {
+TEST_F(Bridge, WorkersThatWaitForATaskSaySoAndNameNoCallableThatHasReturned) {
+  const zorvix::Subscriber returns(kAsync, [](int) {});
   auto& topic = Subscribed("t", BridgeType::Async, {log_running});
   std::optional<zorvix::Workers> workers(1);
   HoldLog("running");
+  zorvix::Publisher(kAsync).Publish(0);
   ZorvixPublish(topic, 1);
   WaitForLog("running");
 
   const auto stop = std::async(std::launch::async, [&] { workers.reset(); });
 
   WaitForLog("workers wait for a task to return");
+  EXPECT_EQ(Count(TakeLog(), "workers wait for a callable"), 0u);
   HoldLog("");
 }
-
-const zorvix::Topic<int> kQueued{"queued"};
-const zorvix::Topic<int, BridgeType::Async> kAsync{"async"};
 
 // Has two workers in callables of handles, one with and one without a strand.
 class StoppedWorkers : public Bridge {

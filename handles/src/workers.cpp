@@ -68,15 +68,11 @@ class Pool {
 
   // Adds an owner with its workers. Throws std::system_error.
   void Add(unsigned long workers) {
-    {
-      const Lock lock(mutex_);
-      threads_.emplace_back(&Pool::Spin, this, workers);
-      ++spinning_;
-      ++owners_;
-      changed_.NotifyAll();
-      PauseQueued(false);
-    }
-    PostQueuedTasks();
+    const Lock lock(mutex_);
+    threads_.emplace_back(&Pool::Spin, this, workers);
+    ++spinning_;
+    ++owners_;
+    changed_.NotifyAll();  // a stop in progress ends
   }
 
   // Removes an owner if `is_owner`, which is guarded by the mutex. Returns false if workers that
