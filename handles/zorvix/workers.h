@@ -14,9 +14,7 @@ namespace zorvix {
 // the last object is stopped or destroyed: one that ends before leaves its workers to the others.
 // StopSpin still ends every worker in the process, whoever calls it, and whichever Workers object
 // or Spin call started the worker; stopping the last object calls it.
-//
-// A static object may be destroyed at process exit. Do not construct one in a callable that is
-// invoked there.
+// A static object is destroyed at process exit before the bridge.
 class ZORVIX_EXPORT Workers {
  public:
   // Starts that many workers, and one thread that waits for them. Does not block: the workers begin
