@@ -156,7 +156,7 @@ void CallAndReply(const ClientState& client, const std::any& request, const Answ
     throw std::logic_error("a call with a callable needs a client that is queued or has an inbox");
   }
   const bool has_timeout = timeout.count() >= 0;
-  if (has_timeout && !queue->strand().can_time_out()) {
+  if (has_timeout && queue->strand().IsDrainedByTasks()) {
     throw std::logic_error("a call with a timeout and a callable needs a client with an inbox");
   }
   const Section section("Call", client.name);

@@ -24,9 +24,8 @@ class QueuedStrand final : public Strand {
   using Element = std::list<std::shared_ptr<QueuedStrand>>;
 
   using Strand::Strand;
-  bool IsDrainedByTasks() const override { return true; }
 
-  bool can_time_out() const override { return false; }
+  bool IsDrainedByTasks() const override { return true; }
 
  private:
   friend class Dispatcher;

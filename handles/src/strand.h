@@ -69,9 +69,6 @@ class Strand : public std::enable_shared_from_this<Strand> {
   // drain is in progress. Throws std::system_error.
   int fd();
 
-  // Whether somebody drains it when a timeout has passed.
-  virtual bool can_time_out() const { return true; }
-
   // Something is pending and no drain is in progress.
   bool ready() const { return ready_; }
 
