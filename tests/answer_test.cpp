@@ -162,7 +162,12 @@ TEST_F(Answers, SayWhyAServerWithAnInboxHasNotAnswered) {
   const auto serve = [&](auto callable, KeepLast keep = {}) {
     return [&, callable, keep] { server.emplace(kService, callable, *server_inbox_, keep); };
   };
-  const auto drain = [&] { server_inbox_->Drain(); };
+  const auto drain = [&] {
+    try {
+      server_inbox_->Drain();
+    } catch (int) {
+    }
+  };
   const auto fail = [](int) -> int { throw std::runtime_error("bad luck"); };
   const auto call_again = [&] { IntClient(kService, *client_inbox_).Call(2, Ignore); };
   struct Row {
@@ -176,6 +181,7 @@ TEST_F(Answers, SayWhyAServerWithAnInboxHasNotAnswered) {
       {Why::Destroyed, serve([](int, const Reply&) {}), drain},
       {Why::Dropped, serve(Double, KeepLast{1}), call_again},
       {Why::Threw, serve(fail), drain},
+      {Why::Threw, serve([](int) -> int { throw 1; }), drain},
       {Why::Threw, serve([](int, const Reply&) { throw std::runtime_error("bad luck"); }), drain},
       {Why::Refused, serve([](int, const Reply& reply) { reply.Refuse(); }), drain},
   };
@@ -192,6 +198,19 @@ TEST_F(Answers, SayWhyAServerWithAnInboxHasNotAnswered) {
     server.reset();
     EXPECT_EQ(DrainAnswers(), AllSeen());
   }
+}
+
+// Hangs if a lock is held while a request is dropped.
+TEST_F(Answers, OfDroppedRequestsMayBePendingInTheInboxOfTheServer) {
+  const zorvix::Service<std::string, int> service{"length"};
+  const auto length = [](const std::string& it) { return static_cast<int>(it.size()); };
+  const zorvix::Server server(service, length, *client_inbox_, KeepLast{1});
+  const zorvix::Client client(service, *client_inbox_);
+
+  for (const auto* request : {"a", "bb"}) client.Call(request, Append());
+
+  EXPECT_EQ(DrainAnswers(), AllSeen{Why::Dropped});
+  EXPECT_EQ(DrainAnswers(), AllSeen{2});
 }
 
 TEST_F(Answers, OfTooManyCallsAreDropped) {

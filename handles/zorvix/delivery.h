@@ -14,9 +14,10 @@ enum class Delivery {
 };
 
 // How many messages, or requests, of one handle may be pending. When one more arrives, the handle's
-// oldest one is dropped. Logs a WARN with the first drop, and one with the number of drops when the
-// handle has caught up or is destroyed. With a depth of 1, only the latest one is kept, and drops
-// are not logged. A depth of 0 throws std::invalid_argument.
+// oldest one is dropped; of a client, the new call is (see client.h). Logs a WARN with the first
+// drop, and one with the number of drops when the handle has caught up or is destroyed. With a
+// depth of 1, only the latest one is kept, and drops are not logged. A depth of 0 throws
+// std::invalid_argument.
 struct KeepLast {
   std::size_t depth = 100;
 };

@@ -14,10 +14,10 @@
 //   Watcher     | on the setter's thread   | drained: Workers or     | the inbox
 //   Client      | (only blocking calls)    | Zorvix::SpinOnce        |
 //
-// Subscribers and servers that are queued or have an inbox also take a KeepLast. Handles match
-// endpoints that are registered through zorvix.h under the same name and type. Any thread may use a
-// handle. A constructor that throws has no effect; it throws what allocations throw, and what its
-// comment says. A destructor never throws; if there is no memory to unregister a name, the name
+// Subscribers, servers and clients that are queued or have an inbox also take a KeepLast. Handles
+// match endpoints that are registered through zorvix.h under the same name and type. Any thread may
+// use a handle. A constructor that throws has no effect; it throws what allocations throw, and what
+// its comment says. A destructor never throws; if there is no memory to unregister a name, the name
 // stays registered, with a WARN, and nothing is delivered to it.
 //
 // Lifetime: once the destructor of a handle has returned, its callable is destroyed, is not running
