@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,13 +40,14 @@ class View {
   explicit View(zorvix::Inbox& main_inbox) : client_(kDistance, main_inbox) {}
 
   // Returns immediately. The callable is invoked in a drain of the main loop's inbox.
-  void ShowDistance(const std::string& destination) {
-    client_.Call(destination, [this, destination](std::optional<int> kilometres) {
-      const auto text = kilometres ? std::to_string(*kilometres) + " km" : "no answer";
+  void ShowDistance(const std::string& destination, std::chrono::milliseconds timeout) {
+    const auto show = [this, destination](const zorvix::Answer<int>& kilometres) {
+      const auto text = kilometres ? std::to_string(*kilometres) + " km" : NameOf(kilometres.why());
       std::printf("%s: %s\n", destination.c_str(), text.c_str());
       answers_.push_back(kilometres.value_or(-1));
       answered_on_ = std::this_thread::get_id();
-    });
+    };
+    client_.Call(destination, timeout, show);
   }
 
   const std::vector<int>& answers() const { return answers_; }
@@ -62,22 +62,25 @@ class View {
 int main() {
   zorvix::Inbox main_inbox;
   View view(main_inbox);
-  view.ShowDistance("Lima");  // there is no server yet
+  constexpr std::chrono::seconds kPatient(10);
+  view.ShowDistance("Lima", kPatient);  // there is no server yet
   Navigator navigator;
-  view.ShowDistance("Oslo");
-  view.ShowDistance("Madrid");
+  view.ShowDistance("Rome", std::chrono::milliseconds(1));  // too short
+  view.ShowDistance("Oslo", kPatient);
+  view.ShowDistance("Madrid", kPatient);
   const bool returned_immediately = view.answers().empty();
 
   // A frame takes 16 ms. Callables may use 4 ms of it: the others are invoked in the next frame.
   int frames = 0;
-  for (; frames < 1000 && view.answers().size() < 3; ++frames) {
+  for (; frames < 1000 && view.answers().size() < 4; ++frames) {
     if (main_inbox.Wait(std::chrono::milliseconds(16))) {
       main_inbox.Drain(std::chrono::milliseconds(4));
     }
   }
   std::printf("the main loop went on for %d frames meanwhile\n", frames);
 
-  const bool all_answered = navigator.Stop() && view.answers() == std::vector<int>{-1, 400, 600};
+  const bool all_answered =
+      navigator.Stop() && view.answers() == std::vector<int>{-1, -1, 400, 600};
   const bool on_both_threads = view.answered_on() == std::this_thread::get_id() &&
                                navigator.worked_on() != std::this_thread::get_id();
   return returned_immediately && all_answered && on_both_threads ? 0 : 1;
