@@ -77,7 +77,7 @@ std::vector<std::function<Failing()>> FailingServers() {
     return std::shared_ptr<void>(nullptr,
                                  [control](auto) mutable { ZorvixUnregisterServer(control); });
   };
-  const auto fail = [](int) -> int { throw std::runtime_error("bad luck"); };
+  const auto fail = [](int) -> int { throw std::bad_any_cast(); };
   const auto fail_with_reply = [](int, const Reply&) { throw 1; };
   const zorvix::Service<char, int, kType> other_request{"s"};
   const zorvix::Service<int, char, kType> other_response{"s"};
@@ -281,9 +281,10 @@ TEST_F(Answers, MayBeGivenLaterOnAnotherThread) {
       server.reset();
       async_server.reset();
 
-      std::exchange(kept_, {}).at(0)(7);
+      const auto replies = std::exchange(kept_, {});
+      replies.at(0)(7);
 
-      EXPECT_EQ(answer.get(), 7);
+      EXPECT_EQ(answer.get(), 7) << "although the reply is still kept";
     }
   }
 }
@@ -356,6 +357,19 @@ TEST_F(Answers, OfACallWithATimeoutReachAThreadThatWaitsAlready) {
   client.Call(1, milliseconds(1), [&](const Answer& answer) { seen.set_value(answer); });
 
   EXPECT_EQ(seen.get_future().get(), Why::TimedOut);
+}
+
+TEST_F(Answers, OfACallWithATimeoutDoNotEndAWaitIfTheClientIsDestroyed) {
+  const IntServer server(kService, Keep(), *server_inbox_);
+  std::optional client(IntClient(kService, *client_inbox_));
+  client->Call(1, milliseconds(20), Append());
+  auto wait = BeginAndLetSleep([&] { return client_inbox_->Wait(hours(1)); });
+
+  client.reset();
+
+  EXPECT_EQ(wait.wait_for(milliseconds(40)), std::future_status::timeout);
+  client_inbox_->Post([] {});
+  EXPECT_TRUE(wait.get());
 }
 
 TEST_F(Answers, OfCallsWithTimeoutsAreTakenInTheNextDrain) {

@@ -36,6 +36,11 @@ Acting Act(int) { return {}; }
 
 using ActingServer = zorvix::Server<int, Acting>;
 
+bool IsAnythingPending() {
+  const auto handles = zorvix::Inspect();
+  return std::any_of(handles.begin(), handles.end(), [](auto& its) { return its.pending != 0; });
+}
+
 // A service whose requests are pending in one inbox, and its answers in another.
 class Calls : public Bridge {
  protected:
@@ -285,6 +290,25 @@ TEST_F(Calls, DestroyedClientWaitsUntilAnAnswerIsMoved) {
   EXPECT_EQ(client_inbox_->Drain(), 0u);
 }
 
+TEST_F(Calls, CallWhoseTimeIsOverWaitsWhileItsAnswerIsMoved) {
+  Acting::on_move = [] { Log("moving"); };
+  const ActingServer server(kActing, Act, *server_inbox_);
+  const zorvix::Client client(kActing);
+  HoldLog("moving");
+  auto answer = std::async(std::launch::async, [&] { return client.Call(1, milliseconds(20)); });
+  EXPECT_TRUE(ComesTrue(IsAnythingPending));
+  auto drain = std::async(std::launch::async, [&] { server_inbox_->Drain(); });
+  WaitForLog("moving");
+
+  EXPECT_EQ(answer.wait_for(milliseconds(40)), std::future_status::timeout);
+
+  EXPECT_EQ(client.Call(2, milliseconds(0)).why(), zorvix::Why::TimedOut)
+      << "another thread drains the inbox";
+  HoldLog("");
+  EXPECT_TRUE(answer.get().has_value());
+  drain.get();
+}
+
 // Lets the moves of answers throw: in each round, one move more succeeds before. Calls
 // `call(moves_left)`, which expects an answer unless `moves_left` is negative then.
 template <typename Call>
@@ -333,7 +357,8 @@ TEST_F(Calls, FutureHasNoneIfTheAnswerCannotBeMoved) {
     ZorvixSpinOnce();
     Acting::on_move = nullptr;
 
-    EXPECT_EQ(answer.get().has_value(), moves_left >= 0);
+    const bool is_moved = moves_left >= 0;
+    EXPECT_EQ(answer.get().why(), is_moved ? zorvix::Why::Answered : zorvix::Why::Threw);
   });
 }
 
@@ -420,21 +445,17 @@ TEST_P(QueuedCalls, WithoutALimitBlockUntilTheServerIsDrainedOrDestroyed) {
   const std::function<Answer()> calls[] = {[&] { return CallPlainly(plain); },
                                            [&] { return client.Call(4); },
                                            [&] { return client.Call(4, kNoLimit); }};
-  const auto is_pending = [] {
-    const auto handles = zorvix::Inspect();
-    return std::any_of(handles.begin(), handles.end(), [](auto& its) { return its.pending != 0; });
-  };
   for (const auto& call : calls) {
     server.emplace(Serve(Double));
     auto answered = std::async(std::launch::async, [&] {
       DrainServer();  // a call in a drain would not wait, but this is a former one
       return call();
     });
-    EXPECT_TRUE(ComesTrue(is_pending));
+    EXPECT_TRUE(ComesTrue(IsAnythingPending));
     LetOthersRun();
     DrainServer();
     auto refused = std::async(std::launch::async, call);
-    EXPECT_TRUE(ComesTrue(is_pending));
+    EXPECT_TRUE(ComesTrue(IsAnythingPending));
     server.reset();
 
     EXPECT_EQ(answered.get(), 8);
