@@ -157,49 +157,6 @@ TEST_F(Answers, OfFuturesSayWhyAServerHasNotAnswered) {
   ZorvixSpinOnce();
 }
 
-TEST_F(Answers, SayWhyAServerWithAnInboxHasNotAnswered) {
-  std::optional<IntServer> server;
-  const auto serve = [&](auto callable, KeepLast keep = {}) {
-    return [&, callable, keep] { server.emplace(kService, callable, *server_inbox_, keep); };
-  };
-  const auto drain = [&] {
-    try {
-      server_inbox_->Drain();
-    } catch (int) {
-    }
-  };
-  const auto fail = [](int) -> int { throw std::runtime_error("bad luck"); };
-  const auto call_again = [&] { IntClient(kService, *client_inbox_).Call(2, Ignore); };
-  struct Row {
-    Why why;
-    std::function<void()> before_the_call;
-    std::function<void()> after_the_call;
-  };
-  const Row rows[] = {
-      {Why::Destroyed, serve(Double), [&] { server.reset(); }},
-      {Why::Destroyed, serve(Double), [&] { server_inbox_.reset(); }},
-      {Why::Destroyed, serve([](int, const Reply&) {}), drain},
-      {Why::Dropped, serve(Double, KeepLast{1}), call_again},
-      {Why::Threw, serve(fail), drain},
-      {Why::Threw, serve([](int) -> int { throw 1; }), drain},
-      {Why::Threw, serve([](int, const Reply&) { throw std::runtime_error("bad luck"); }), drain},
-      {Why::Refused, serve([](int, const Reply& reply) { reply.Refuse(); }), drain},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    server_inbox_.emplace();
-    const IntClient client(kService, *client_inbox_);
-    row.before_the_call();
-
-    client.Call(1, Append());
-    row.after_the_call();
-
-    EXPECT_EQ(DrainAnswers(), AllSeen{row.why});
-    server.reset();
-    EXPECT_EQ(DrainAnswers(), AllSeen());
-  }
-}
-
 // Hangs if a lock is held while a request is dropped.
 TEST_F(Answers, OfDroppedRequestsMayBePendingInTheInboxOfTheServer) {
   const zorvix::Service<std::string, int> service{"length"};
