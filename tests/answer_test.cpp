@@ -375,8 +375,9 @@ TEST_F(Answers, AreStandardOptionals) {
   }
   const zorvix::Answer<bool> none;
   const std::optional<bool> also_none;
-  EXPECT_TRUE(none == also_none && also_none == none && none == zorvix::Answer<bool>());
-  EXPECT_FALSE(none != also_none || also_none != none || none != zorvix::Answer<bool>());
+  const zorvix::Answer<bool> dropped(std::nullopt, Why::Dropped);
+  EXPECT_TRUE(none == also_none && also_none == none && none == dropped);
+  EXPECT_FALSE(none != also_none || also_none != none || none != dropped);
 }
 
 }  // namespace
