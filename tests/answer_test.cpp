@@ -136,7 +136,7 @@ TEST_F(Answers, SayWhyADirectServerHasNotAnswered) {
 
 TEST_F(Answers, OfFuturesSayWhyAServerHasNotAnswered) {
   constexpr auto kAsync = BridgeType::Async;
-  const zorvix::Client client(ServiceOf<kAsync>{"s"});
+  zorvix::Client client(ServiceOf<kAsync>{"s"});
   for (const auto& serve : FailingServers<kAsync>()) {
     Failing failing = serve();
     auto answer = client.Call(1);
@@ -155,12 +155,14 @@ TEST_F(Answers, OfFuturesSayWhyAServerHasNotAnswered) {
   for (int i = 0; i < 100; ++i) client.Call(2);
   EXPECT_EQ(Seen(dropped.get()), Why::Dropped);
   ZorvixSpinOnce();
+  const auto moved_to = std::move(client);
+  EXPECT_EQ(Seen(client.Call(1).get()), Why::Unknown);
 }
 
 // Hangs if a lock is held while a request is dropped.
 TEST_F(Answers, OfDroppedRequestsMayBePendingInTheInboxOfTheServer) {
   const zorvix::Service<std::string, int> service{"length"};
-  const auto length = [](const std::string& it) { return static_cast<int>(it.size()); };
+  const auto length = [](const std::string& it) { return static_cast<short>(it.size()); };
   const zorvix::Server server(service, length, *client_inbox_, KeepLast{1});
   const zorvix::Client client(service, *client_inbox_);
 
@@ -184,9 +186,10 @@ TEST_F(Answers, OfTooManyCallsAreDropped) {
 
   call(1, 4);
   EXPECT_EQ(answers_, AllSeen());
+  EXPECT_EQ(DrainAnswers(), (AllSeen{Why::Dropped, Why::Dropped}));
   server_inbox_->Drain();
   call(5, 5);  // the answers are still pending
-  EXPECT_EQ(DrainAnswers(), (AllSeen{Why::Dropped, Why::Dropped, 2, 4, Why::Dropped}));
+  EXPECT_EQ(DrainAnswers(), (AllSeen{2, 4, Why::Dropped}));
   call(6, 7);
   server_inbox_->Drain();
 
@@ -195,6 +198,11 @@ TEST_F(Answers, OfTooManyCallsAreDropped) {
   const auto log = TakeLog();
   EXPECT_EQ(Count(log, "drops new ones, name: double, module: zorvix_test, depth: 2"), 1u);
   EXPECT_EQ(Count(log, "kind: Client, name: double, module: zorvix_test, dropped: 3"), 1u);
+
+  const IntClient queued(kService, Delivery::Queued, KeepLast{1});
+  for (int number = 8; number <= 9; ++number) queued.Call(number, Append());
+  ZorvixSpinOnce();
+  EXPECT_EQ(answers_, AllSeen{Why::Dropped});
   EXPECT_THROW(const IntClient none(kService, *client_inbox_, KeepLast{0}), std::invalid_argument);
 }
 
@@ -250,6 +258,8 @@ TEST_F(Answers, OfAKeptReplyReachACallOnlyOnce) {
   const IntServer server(kService, Keep(), *server_inbox_);
   std::optional client(IntClient(kService, *client_inbox_));
   for (int number = 0; number < 4; ++number) client->Call(number, Append());
+  const auto owned = std::make_shared<int>();
+  client->Call(4, [owned](const Answer&) {});
   server_inbox_->Drain();
   const auto copies = kept_;
 
@@ -258,10 +268,16 @@ TEST_F(Answers, OfAKeptReplyReachACallOnlyOnce) {
   copies[1].Refuse();
   copies[1](1);
   EXPECT_EQ(DrainAnswers(), AllSeen{Why::Refused});
-  const Reply moved = kept_[1];
+  Reply from = kept_[1];
+  const Reply to = std::move(from);
   kept_.erase(kept_.begin());
-  moved(2);
+  from.Refuse();
+  to(2);
   EXPECT_EQ(DrainAnswers(), AllSeen{2});
+
+  copies[4](4);
+  EXPECT_EQ(DrainAnswers(), AllSeen());
+  EXPECT_EQ(owned.use_count(), 1) << "the callable is destroyed, although the reply is kept";
 
   client.reset();
   copies[0](0);
