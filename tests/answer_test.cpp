@@ -279,6 +279,9 @@ TEST_F(Answers, OfAKeptReplyReachACallOnlyOnce) {
   EXPECT_EQ(DrainAnswers(), AllSeen());
   EXPECT_EQ(owned.use_count(), 1) << "the callable is destroyed, although the reply is kept";
 
+  client->Call(5, Append());
+  copies[2](2);
+  EXPECT_EQ(DrainAnswers(), AllSeen()) << "the reply is not that of the new call";
   client.reset();
   copies[0](0);
   EXPECT_EQ(DrainAnswers(), AllSeen());
