@@ -289,10 +289,11 @@ TEST_F(Calls, DestroyedClientWaitsUntilAnAnswerIsMoved) {
   Acting::on_move = [] { Log("moving"); };
   const zorvix::Server server(kActing, Act, *server_inbox_);
   std::optional client(zorvix::Client(kActing, *client_inbox_));
-  client->Call(1, [](const auto&) { ADD_FAILURE() << "invoked"; });
+  client->Call(1, milliseconds(0), [](const auto&) { ADD_FAILURE() << "invoked"; });
   HoldLog("moving");
   auto drain = std::async(std::launch::async, [&] { server_inbox_->Drain(); });
   WaitForLog("moving");
+  EXPECT_EQ(client_inbox_->Drain(), 0u) << "its time is over, but it is being answered";
 
   auto end = std::async(std::launch::async, [&] { client.reset(); });
 
