@@ -76,6 +76,8 @@ mistake "$order" 'Subscriber s(kReadings, [](const Reading&) {}, KeepLast{3});'
 mistake "$order" 'Server s(kSum, [](const Reading&) { return 1; }, KeepAll());'
 mistake "$number" 'Subscriber s(kReadings, [](const Reading&) {}, inbox, 1);'
 mistake "$number" 'Server s(kSum, [](const Reading&) { return 1; }, inbox, 1);'
+mistake "$order" 'Client c(kSum, KeepLast{1});'
+mistake "$number" 'Client c(kSum, inbox, 1);'
 
 mistake "only a Sync topic can have an inbox" \
   'Subscriber s(kQueued, [](const Reading&) {}, inbox);'
@@ -87,6 +89,7 @@ mistake "write the limit as a std::chrono duration" 'Client(kSum).Call(Reading{}
 
 mistake "$answer" 'Server s(kSum, [](const Reading&) { return std::string(); });'
 mistake "$answer" 'Server s(kSum, [](const Reading&) {}, inbox);'
+mistake "$passed" 'Server s(kSum, [](const Reading&, Reply<char>) {}, inbox);'
 mistake "deleted" 'const Publisher p(kReadings); const auto copy = p;'
 mistake "nodiscard" 'Subscriber(kReadings, [](const Reading&) {});'
 

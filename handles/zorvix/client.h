@@ -33,8 +33,9 @@ class Client {
   // another thread is inside one of them.
   //
   // `keep` limits how many calls with a callable are in progress or have an answer that is pending.
-  // One call more is not made: its callable is invoked with Why::Dropped, in its turn. Logs a WARN
-  // with the first such call, and one with their number when nothing is pending any more.
+  // A call beyond that is not made: its callable is invoked with Why::Dropped, in its turn. Logs a
+  // WARN with the first such call, and one with their number when nothing is pending any more. A
+  // depth of 0 throws std::invalid_argument.
   [[nodiscard]] explicit Client(const Service<Request, Response, kType>& service,
                                 Delivery delivery = Delivery::Direct, KeepLast keep = {1000})
       : state_(detail::MakeClient({service.name, kType}, {delivery}, keep)) {}
@@ -45,6 +46,12 @@ class Client {
                        KeepLast keep = {1000})
       : state_(detail::MakeClient({service.name, kType}, {Delivery::Queued, &inbox}, keep)) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
+  }
+
+  // A mistake.
+  template <typename Where, typename Depth = KeepLast, detail::IfMistaken<Where, Depth> = 0>
+  [[nodiscard]] Client(const Service<Request, Response, kType>&, const Where&, const Depth& = {}) {
+    detail::CheckOptions<Where, Depth>();
   }
 
   // Blocks until the server has answered: on this thread, where the bridge's queue is drained, in a
