@@ -66,58 +66,62 @@ struct Failing {
   std::shared_ptr<void> server;
 };
 
+// Serves "s" until the result is destroyed.
+template <BridgeType kType, typename Request, typename Response, typename Callable>
+std::shared_ptr<void> Serve(Callable callable) {
+  const zorvix::Service<Request, Response, kType> service{"s"};
+  return std::make_shared<zorvix::Server<Request, Response, kType>>(service, callable);
+}
+template <BridgeType kType>
+std::shared_ptr<void> ServePlainly(ServerFunction function) {
+  auto control = MakeControl("s", BridgeModule::Service, kType);
+  ZorvixRegisterServer(control, Server(std::move(function)));
+  return {nullptr, [control](auto) mutable { ZorvixUnregisterServer(control); }};
+}
+
 template <BridgeType kType>
 std::vector<std::function<Failing()>> FailingServers() {
-  const auto serve = [](auto callable) {
-    return std::make_shared<zorvix::Server<int, int, kType>>(ServiceOf<kType>{"s"}, callable);
-  };
-  const auto serve_plainly = [](ServerFunction function) {
-    auto control = MakeControl("s", BridgeModule::Service, kType);
-    ZorvixRegisterServer(control, Server(std::move(function)));
-    return std::shared_ptr<void>(nullptr,
-                                 [control](auto) mutable { ZorvixUnregisterServer(control); });
-  };
+  constexpr auto kServe = [](auto callable) { return Serve<kType, int, int>(callable); };
+  constexpr auto kServePlainly = ServePlainly<kType>;
   const auto fail = [](int) -> int { throw std::bad_any_cast(); };
   const auto fail_with_reply = [](int, const Reply&) { throw 1; };
-  const zorvix::Service<char, int, kType> other_request{"s"};
-  const zorvix::Service<int, char, kType> other_response{"s"};
+  const auto forget = [](int, const Reply&) {};
+  const auto refuse = [](int, const Reply& reply) { reply.Refuse(); };
+  const auto other_request = [](char) { return 1; };
+  const auto other_response = [](int) { return 'x'; };
   return {
       [] {
         return Failing{Why::NoServer, nullptr};
       },
       [=] {
-        return Failing{Why::Threw, serve(fail)};
+        return Failing{Why::Threw, kServe(fail)};
       },
       [=] {
-        return Failing{Why::Threw, serve(fail_with_reply)};
+        return Failing{Why::Threw, kServe(fail_with_reply)};
       },
       [=] {
-        return Failing{Why::Threw, serve_plainly([](auto&, auto&) { throw 1; })};
+        return Failing{Why::Threw, kServePlainly([](auto&, auto&) { throw 1; })};
       },
       [=] {
-        return Failing{Why::Destroyed, serve([](int, const Reply&) {})};
+        return Failing{Why::Destroyed, kServe(forget)};
       },
       [=] {
-        return Failing{Why::Refused, serve([](int, Reply reply) { reply.Refuse(); })};
+        return Failing{Why::Refused, kServe(refuse)};
       },
       [=] {
-        return Failing{Why::Unknown, serve_plainly([](auto&, auto& it) { it.reset(); })};
+        return Failing{Why::Unknown, kServePlainly([](auto&, auto& it) { it.reset(); })};
       },
       [=] {
-        return Failing{Why::Unknown, serve_plainly([](auto&, auto&) {})};
+        return Failing{Why::Unknown, kServePlainly([](auto&, auto&) {})};
       },
       [=] {
-        return Failing{Why::WrongType, serve_plainly([](auto&, auto& it) { it = 'x'; })};
+        return Failing{Why::WrongType, kServePlainly([](auto&, auto& it) { it = 'x'; })};
       },
       [=] {
-        const auto answer = [](char) { return 1; };
-        using ItsServer = zorvix::Server<char, int, kType>;
-        return Failing{Why::WrongType, std::make_shared<ItsServer>(other_request, answer)};
+        return Failing{Why::WrongType, Serve<kType, char, int>(other_request)};
       },
       [=] {
-        const auto answer = [](int) { return 'x'; };
-        using ItsServer = zorvix::Server<int, char, kType>;
-        return Failing{Why::WrongType, std::make_shared<ItsServer>(other_response, answer)};
+        return Failing{Why::WrongType, Serve<kType, int, char>(other_response)};
       },
   };
 }

@@ -44,8 +44,11 @@ CallQueue::CallQueue(const Endpoint& endpoint, std::shared_ptr<Strand> strand, K
 bool CallQueue::Add(Function<>&& callable, Clock::time_point end, ReplyOwner& reply) {
   std::shared_ptr<PendingCall> call;
   const Added added = AddInProgress(call);
-  if (added == Added::kFull) Drop(std::move(callable));
-  if (added != Added::kYes) return added == Added::kClosed;
+  if (added == Added::kClosed) return true;
+  if (added == Added::kFull) {
+    Drop(std::move(callable));
+    return false;
+  }
   call->callable_ = std::move(callable);  // under no lock
   call->owner_.store(std::thread::id(), std::memory_order_release);
   PendingCall& its_call = *call;
