@@ -24,7 +24,7 @@
 #define ZORVIX_ZORVIX_H_
 
 // Major * 10000 + minor * 100 + patch.
-#define ZORVIX_VERSION 30000
+#define ZORVIX_VERSION 40000
 
 #include <algorithm>
 #include <any>
