@@ -284,8 +284,8 @@ TEST_F(Answers, OfAKeptReplyReachACallOnlyOnce) {
   EXPECT_EQ(owned.use_count(), 1) << "the callable is destroyed, although the reply is kept";
 
   client->Call(5, Append());
-  copies[2](2);
-  EXPECT_EQ(DrainAnswers(), AllSeen()) << "the reply is not that of the new call";
+  for (const std::size_t used : {1u, 2u, 4u}) copies[used](9);
+  EXPECT_EQ(DrainAnswers(), AllSeen()) << "none is the reply of the new call";
   client.reset();
   copies[0](0);
   EXPECT_EQ(DrainAnswers(), AllSeen());
