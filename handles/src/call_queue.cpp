@@ -1,7 +1,5 @@
 #include "call_queue.h"
 
-#include "message_queue.h"
-
 namespace zorvix::detail {
 
 void PendingCall::Settle(const Outcome& outcome) {
@@ -55,6 +53,7 @@ bool CallQueue::Add(Function<>&& callable, Clock::time_point end, ReplyOwner& re
   reply = ReplyOwner(std::move(call));
   if (end != kNever) {
     const Lock lock(mutex_);
+    if (IsClosed()) return true;  // meanwhile, which may have discarded the call
     its_call.timeout_ = AddTimeout(end, its_call);
     its_call.has_timeout_ = true;
   }
