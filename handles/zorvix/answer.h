@@ -13,12 +13,12 @@ namespace zorvix {
 // Why a call has no answer.
 enum class Why {
   Answered,       // it has one
-  NoServer,       // nobody serves the service
+  NoServer,       // there is no server
   Dropped,        // a full queue has dropped the request, or the client has too many calls
   Destroyed,      // the server, its inbox or all copies of the Reply were destroyed before
   Threw,          // the server threw, or the request or the answer could not be copied or moved
   WrongType,      // the server has a request or response of another type
-  TimedOut,       // the timeout of the call was over first
+  TimedOut,       // there was no answer within the timeout of the call
   WouldDeadlock,  // the server could only answer after the calling callable has returned
   Refused,        // the server has called Reply::Refuse
   Unknown,        // a server without a handle left no response, or the client is moved-from

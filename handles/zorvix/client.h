@@ -71,9 +71,8 @@ class Client {
     }
   }
 
-  // Does the same, but returns Why::TimedOut after that time. A negative timeout means without
-  // limit. A late answer is ignored. A direct server is invoked on this thread and is not
-  // interrupted.
+  // Does the same, but returns Why::TimedOut after `timeout`. A negative one means without limit. A
+  // late answer is ignored. A direct server is invoked on this thread and is not interrupted.
   Answer<Response> Call(Request request, std::chrono::milliseconds timeout) const {
     static_assert(kType == bridge::BridgeType::Sync, "only a call of a Sync service has a limit");
     Answer<Response> answer;
@@ -86,11 +85,11 @@ class Client {
   }
 
   // Does not wait for an answer; a direct server is invoked on this thread.
-  // callable(Answer<Response>) is invoked once, where the client was told to: in a drain of its
-  // inbox, or of the bridge's queue. It may destroy the client, and may take a
-  // std::optional<Response> instead. A server processes the calls in their order, but those that it
-  // does not process are answered at once, and so may overtake earlier ones: dropped requests, for
-  // example. Throws std::logic_error if the client is direct.
+  // callable(Answer<Response>) is invoked once, in a drain of the client's inbox, or where the
+  // bridge's queue is drained. It may destroy the client, and may take a std::optional<Response>
+  // instead. A server processes requests in the order of the calls. Requests that it does not
+  // process, such as dropped ones, are answered immediately: these answers may overtake earlier
+  // ones. Throws std::logic_error if the client is direct.
   template <typename Callable,
             std::enable_if_t<!std::is_convertible_v<Callable, std::chrono::milliseconds>, int> = 0>
   void Call(Request request, Callable callable) const {
@@ -98,10 +97,10 @@ class Client {
     Call(std::move(request), std::chrono::milliseconds(-1), std::move(callable));
   }
 
-  // Does the same, but if there is no answer after that time, the callable is invoked with
-  // Why::TimedOut, in the next drain of the inbox: Inbox::Wait, Inbox::fd and an InboxThread see to
-  // it in time. A negative timeout means without limit. A late answer is ignored. Throws
-  // std::logic_error if the client has no inbox.
+  // Does the same, but if there is no answer after `timeout`, the callable is invoked with
+  // Why::TimedOut in the next drain of the inbox. Inbox::Wait and an InboxThread wake up for it,
+  // and Inbox::fd becomes readable. A negative timeout means without limit. A late answer is
+  // ignored. Throws std::logic_error if the client has no inbox.
   template <typename Callable>
   void Call(Request request, std::chrono::milliseconds timeout, Callable callable) const {
     detail::CheckCallable<Callable, Answer<Response>>();

@@ -42,7 +42,7 @@ class ZORVIX_EXPORT Workers {
   // the workers have ended, or new Workers are constructed. What is pending stays pending, in
   // order: SpinOnce invokes it when the workers have ended. The other tasks of the queue, those of
   // Async endpoints, are run all the same. A callable in progress that waits for another queued one
-  // then waits for ever: give its call a limit, too.
+  // then waits forever: give its call a timeout, too.
   //
   // A thread that exists until the workers have ended calls StopSpin, at most once a second when
   // the workers have begun. If the thread cannot be started, Stop does it itself, and may then
