@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <exception>
 #include <memory>
 #include <new>
 #include <string>
@@ -15,7 +14,6 @@
 
 #include "endpoint.h"
 #include "gate.h"
-#include "inbox.h"
 #include "watch_queue.h"
 
 namespace zorvix::detail {
@@ -84,26 +82,6 @@ class HeldVersion {
   Gate gate_;
   Mutex mutex_;
   Version latest_ ZORVIX_GUARDED_BY(mutex_);
-};
-
-// Drains itself on the thread that pushes, unless another thread is draining it. That thread goes
-// on then.
-class DirectStrand final : public Strand {
- public:
-  explicit DirectStrand(Module& module) : Strand("", module) {}
-
- private:
-  void AfterPush() override {
-    std::exception_ptr first;
-    while (ready()) {
-      try {
-        Drain();
-      } catch (...) {
-        if (first == nullptr) first = std::current_exception();
-      }
-    }
-    if (first != nullptr) std::rethrow_exception(first);
-  }
 };
 
 }  // namespace
@@ -186,9 +164,8 @@ void Set(HolderState& holder, const void* value, void (*destroy)(const void*)) {
 
 Owned<WatcherState> MakeWatcher(const Endpoint& endpoint, const std::type_info& type,
                                 Callable callable, const Place& place) {
-  auto strand = StrandAt(place, endpoint);
-  if (strand == nullptr) strand = std::make_shared<DirectStrand>(endpoint.module);
-  const auto queue = std::make_shared<WatchQueue>(endpoint, std::move(strand), std::move(callable));
+  const auto queue =
+      std::make_shared<WatchQueue>(endpoint, StrandOrDirect(place, endpoint), std::move(callable));
   const auto push = [queue, &type](const std::any& message) {
     const auto* const version = std::any_cast<const Version*>(&message);
     if (version == nullptr) {

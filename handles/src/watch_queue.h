@@ -7,7 +7,7 @@
 #include <typeinfo>
 
 #include "gate.h"
-#include "strand.h"
+#include "latest_queue.h"
 
 namespace zorvix::detail {
 
@@ -18,8 +18,7 @@ struct Version {
   const std::type_info* type = nullptr;  // of the holder's module
 };
 
-// The value is pending until the callable has been invoked with it.
-class WatchQueue final : public Queue {
+class WatchQueue final : public LatestQueue<std::shared_ptr<const void>> {
  public:
   WatchQueue(const Endpoint& endpoint, std::shared_ptr<Strand> its_strand, Callable callable);
 
@@ -29,28 +28,15 @@ class WatchQueue final : public Queue {
   // Ignores versions that are not later than the latest.
   void Push(Version version);
 
-  std::shared_ptr<const void> Newest() const;
   // Returns null if there is no value by then.
   std::shared_ptr<const void> WaitFor(Clock::time_point end);
 
   void Close() override;
-  Counts Count() const override;
 
  private:
-  Turn Take() override ZORVIX_REQUIRES(mutex_);
-  void InvokeTaken() override;
-  void Discard() override;
-  void DestroyCallable() override { callable_.Reset(); }
-
   Gate gate_;
-  const bool has_callable_;
-  Callable callable_;
-  std::shared_ptr<const void> taken_;  // by the drain in progress
   Condition changed_;
   std::uint64_t number_ ZORVIX_GUARDED_BY(mutex_) = 0;
-  std::shared_ptr<const void> value_ ZORVIX_GUARDED_BY(mutex_);
-  Turn turn_ ZORVIX_GUARDED_BY(mutex_) = 0;  // 0: nothing is pending
-  bool has_ended_ ZORVIX_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace zorvix::detail
