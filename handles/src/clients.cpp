@@ -176,4 +176,19 @@ void CallQueued(const ClientState& client, std::any&& request, const AnswerType&
   if (!has_server) call->Set(Why::NoServer);
 }
 
+bool WaitForServer(const ClientState& client, std::chrono::milliseconds timeout) {
+  const auto& queue = client.calls.queue;
+  const bool is_refused =
+      timeout.count() < 0 && queue != nullptr && queue->strand().IsDrainedByThisThread();
+  const auto end = Deadline(is_refused ? std::chrono::milliseconds(0) : timeout);
+  const bool has_server = WaitForServerOf(client.participant, end);
+  if (is_refused && !has_server) {
+    BRIDGE_LOG(bridge::kLogError,
+               "a callable waits without limit for a server, and nothing else can be invoked "
+               "meanwhile, name: %s",
+               client.name.c_str());
+  }
+  return has_server;
+}
+
 }  // namespace zorvix::detail

@@ -5,8 +5,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <list>
+#include <map>
 #include <new>
 #include <unordered_map>
+
+#include "match_queue.h"
 
 namespace zorvix::detail {
 namespace {
@@ -47,16 +50,125 @@ void Unregister(Control& control, const Function& unregister) noexcept {
   }
 }
 
-// The server handles of each service, by real name, in the order of their registration.
-struct Servers {
-  using Handles = std::list<ServerRegistration*>;
+// What handles have registered under one name.
+struct Entry {
+  std::size_t counterparts = 0;            // servers or counted subscriptions
+  std::list<ServerRegistration*> servers;  // in the order of their registration
+  std::map<std::uint64_t, std::shared_ptr<MatchQueue>> queues;  // of watches, by their numbers
 
-  static Servers& Get() {
-    static Servers& servers = *new Servers;
-    return servers;
+  bool IsEmpty() const { return counterparts == 0 && queues.empty(); }
+};
+
+// An entry exists while one of its counterparts or watches does, which keep the name's address.
+class Registry {
+ public:
+  static Registry& Get() {
+    static Registry& registry = *new Registry;
+    return registry;
   }
-  Mutex mutex;
-  std::unordered_map<std::string, Handles> by_name ZORVIX_GUARDED_BY(mutex);
+
+  // Calls do_register(entry) under the mutex, so that nobody sees a registration that is not
+  // counted.
+  template <typename Function>
+  void Add(Name name, const Function& do_register) {
+    std::uint64_t last_watch = 0;
+    {
+      const Lock lock(mutex_);
+      Entry& entry = entries_[name];
+      try {
+        do_register(entry);
+      } catch (...) {
+        EraseIfEmpty(name);
+        throw;
+      }
+      ++entry.counterparts;
+      if (!entry.queues.empty()) last_watch = last_watch_;
+      added_.NotifyAll();
+    }
+    if (last_watch != 0) Announce(name, Change::kArrival, last_watch);
+  }
+
+  // Calls do_unregister(entry) under the mutex.
+  template <typename Function>
+  void Remove(Name name, const Function& do_unregister) noexcept {
+    std::uint64_t last_watch = 0;
+    {
+      const Lock lock(mutex_);
+      Entry& entry = entries_.find(name)->second;
+      do_unregister(entry);
+      --entry.counterparts;
+      if (!entry.queues.empty()) last_watch = last_watch_;
+      EraseIfEmpty(name);
+    }
+    if (last_watch != 0) Announce(name, Change::kDeparture, last_watch);
+  }
+
+  // Returns the number of the watch. `existing`: how many counterparts there are.
+  std::uint64_t AddWatch(Name name, std::shared_ptr<MatchQueue> queue, std::size_t& existing) {
+    const Lock lock(mutex_);
+    Entry& entry = entries_[name];
+    try {
+      entry.queues.emplace(last_watch_ + 1, std::move(queue));
+    } catch (...) {
+      EraseIfEmpty(name);
+      throw;
+    }
+    existing = entry.counterparts;
+    return ++last_watch_;
+  }
+
+  void RemoveWatch(Name name, std::uint64_t number) {
+    std::shared_ptr<MatchQueue> queue;  // released under no lock
+    const Lock lock(mutex_);
+    auto& queues = entries_.find(name)->second.queues;
+    const auto found = queues.find(number);
+    queue.swap(found->second);
+    queues.erase(found);
+    EraseIfEmpty(name);
+  }
+
+  bool WaitForCounterpart(Name name, Clock::time_point end) {
+    Lock lock(mutex_);
+    bool is_over = false;
+    while (!HasCounterpart(name) && !is_over) is_over = !added_.WaitUntil(lock, end);
+    return HasCounterpart(name);
+  }
+
+ private:
+  // Adds the change to the queues of the watches that existed when it happened. Those are found one
+  // after the other, under the mutex, since callables may add and remove watches, and since a
+  // destructor has no memory for a list of them. Noexcept: what a callable throws that is no
+  // std::exception must not keep a destructor from its end.
+  void Announce(Name name, Change change, std::uint64_t last_watch) noexcept {
+    std::uint64_t number = 0;
+    while (const auto queue = NextQueue(name, last_watch, number)) queue->Add(change);
+  }
+
+  // Returns the first one after `number`, which becomes its number, or null.
+  std::shared_ptr<MatchQueue> NextQueue(Name name, std::uint64_t last, std::uint64_t& number) {
+    const Lock lock(mutex_);
+    const auto entry = entries_.find(name);
+    if (entry == entries_.end()) return nullptr;
+    const auto next = entry->second.queues.upper_bound(number);
+    if (next == entry->second.queues.end() || next->first > last) return nullptr;
+    number = next->first;
+    return next->second;
+  }
+
+  bool HasCounterpart(Name name) const ZORVIX_REQUIRES(mutex_) {
+    const auto entry = entries_.find(name);
+    return entry != entries_.end() && entry->second.counterparts != 0;
+  }
+
+  void EraseIfEmpty(Name name) ZORVIX_REQUIRES(mutex_) {
+    const auto entry = entries_.find(name);
+    if (entry->second.IsEmpty()) entries_.erase(entry);
+  }
+
+  Mutex mutex_;
+  Condition added_;
+  std::unordered_map<Name, Entry> entries_ ZORVIX_GUARDED_BY(mutex_);
+  std::uint64_t last_watch_ ZORVIX_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace
@@ -94,55 +206,71 @@ Participant::~Participant() {
 }
 
 Subscription::Subscription(const std::string& topic, bridge::BridgeType type,
-                           SubscriberFunction function)
+                           SubscriberFunction function, bool is_counted)
     : callback(std::make_shared<SubscriberFunction>(std::move(function))),
-      participant(topic, bridge::BridgeModule::Topic, type) {
-  Bridge().RegisterSubscriber(participant.control, callback);
+      participant(topic, bridge::BridgeModule::Topic, type),
+      counted_as(is_counted ? participant.control.get() : nullptr) {
+  if (is_counted) {
+    Registry::Get().Add(
+        counted_as, [this](Entry&) { Bridge().RegisterSubscriber(participant.control, callback); });
+  } else {
+    Bridge().RegisterSubscriber(participant.control, callback);
+  }
 }
 
 Subscription::~Subscription() {
+  if (counted_as != nullptr) {
+    Registry::Get().Remove(counted_as, [this](Entry&) { Unregister(); });
+  } else {
+    Unregister();
+  }
+}
+
+void Subscription::Unregister() {
   const auto handle = reinterpret_cast<unsigned long>(callback.get());
-  Unregister(participant.control,
-             [handle](Control& control) { Bridge().UnregisterSubscriber(control, handle); });
+  detail::Unregister(participant.control, [handle](Control& control) {
+    Bridge().UnregisterSubscriber(control, handle);
+  });
 }
 
 ServerRegistration::ServerRegistration(const std::string& service, bridge::BridgeType type,
                                        ServerFunction function)
     : callback(std::make_shared<ServerFunction>(std::move(function))),
       participant(service, bridge::BridgeModule::Service, type),
-      real_name(bridge::Zorvix::GetRealName(participant.control)) {
-  Servers& servers = Servers::Get();
-  const Lock lock(servers.mutex);
-  Servers::Handles added{this};
-  const auto [entry, inserted] = servers.by_name.try_emplace(real_name);
-  try {
+      name(participant.control.get()) {
+  std::list<ServerRegistration*> added{this};
+  Registry::Get().Add(name, [&](Entry& entry) {
     Bridge().RegisterServer(participant.control, callback);
-  } catch (...) {
-    if (inserted) servers.by_name.erase(entry);
-    throw;
-  }
-  entry->second.splice(entry->second.end(), added);
+    entry.servers.splice(entry.servers.end(), added);
+  });
 }
 
 ServerRegistration::~ServerRegistration() {
-  Servers& servers = Servers::Get();
-  const Lock lock(servers.mutex);
-  const auto entry = servers.by_name.find(real_name);
-  auto& handles = entry->second;
-  const bool is_latest = handles.back() == this;
-  handles.remove(this);
-  ServerRegistration* const next = handles.empty() ? nullptr : handles.back();
-  if (next == nullptr) servers.by_name.erase(entry);
-  // If nobody else shares the callback, the bridge does not have it any more: a server without a
-  // handle has replaced it, or the one call of a SignleAsync service has removed it.
-  if (!is_latest || callback.use_count() == 1) return;
-  Unregister(participant.control, [next](Control& control) {
-    if (next == nullptr) {
-      Bridge().UnregisterServer(control, 0);
-    } else {
-      Bridge().RegisterServer(control, next->callback);
-    }
+  Registry::Get().Remove(name, [this](Entry& entry) {
+    const bool is_latest = entry.servers.back() == this;
+    entry.servers.remove(this);
+    // If nobody else shares the callback, the bridge does not have it any more: a server without a
+    // handle has replaced it, or the one call of a SignleAsync service has removed it.
+    if (!is_latest || callback.use_count() == 1) return;
+    ServerRegistration* const next = entry.servers.empty() ? nullptr : entry.servers.back();
+    Unregister(participant.control, [next](Control& control) {
+      if (next == nullptr) {
+        Bridge().UnregisterServer(control, 0);
+      } else {
+        Bridge().RegisterServer(control, next->callback);
+      }
+    });
   });
+}
+
+Watch::Watch(Name name, std::shared_ptr<MatchQueue> queue) : name_(name) {
+  number_ = Registry::Get().AddWatch(name, std::move(queue), existing_);
+}
+
+Watch::~Watch() { Registry::Get().RemoveWatch(name_, number_); }
+
+bool WaitForServerOf(const Participant& client, Clock::time_point end) {
+  return Registry::Get().WaitForCounterpart(client.control.get(), end);
 }
 
 }  // namespace zorvix::detail

@@ -5,6 +5,8 @@
 #include <zorvix/zorvix.h>
 
 #include <any>
+#include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -15,6 +17,8 @@
 #include "records.h"
 
 namespace zorvix::detail {
+
+class MatchQueue;
 
 // A reference of the library's own, since GetInstance is a call of another library.
 inline bridge::Zorvix& Bridge() {
@@ -45,6 +49,10 @@ inline const void* FindOrThrow(const MessageType& type, const std::any& any, con
   throw TypeMismatch(what, any.type(), who, *type.type);
 }
 
+// The topic and the service of a state have a name of their own, so that a user's topic or service
+// of the same name does not match them.
+std::string StateName(const std::string& name);
+
 using Control = std::shared_ptr<const bridge::Control>;
 using SubscriberFunction = std::function<void(const std::any&)>;
 using ServerFunction = std::function<void(const std::any&, std::any&)>;
@@ -61,8 +69,13 @@ struct Participant {
   const bool is_topic;
 };
 
+// All participants of a real name share this address while one of them exists.
+using Name = const bridge::Control*;
+
 struct Subscription {
-  Subscription(const std::string& topic, bridge::BridgeType type, SubscriberFunction function);
+  // Only counted ones are seen by a presence.
+  Subscription(const std::string& topic, bridge::BridgeType type, SubscriberFunction function,
+               bool is_counted = false);
   ~Subscription();
   Subscription(const Subscription&) = delete;
   Subscription& operator=(const Subscription&) = delete;
@@ -70,6 +83,16 @@ struct Subscription {
   // Kept until the end, so that no other subscriber gets its address, by which it is unregistered.
   const bridge::SubscriberCallback callback;
   Participant participant;
+  const Name counted_as;  // null: it is not counted
+
+ private:
+  void Unregister();
+};
+
+struct CountedSubscription : Subscription {
+  CountedSubscription(const std::string& topic, bridge::BridgeType type,
+                      SubscriberFunction function)
+      : Subscription(topic, type, std::move(function), true) {}
 };
 
 // The bridge has one server for each name. If it is destroyed, the latest one that still exists
@@ -82,8 +105,27 @@ struct ServerRegistration {
 
   const bridge::ServerCallback callback;
   Participant participant;
-  const std::string real_name;
+  const Name name;
 };
+
+// Adds to a queue each server or counted subscription of a name that comes or goes from now on.
+class Watch {
+ public:
+  Watch(Name name, std::shared_ptr<MatchQueue> queue);
+  ~Watch();
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+
+  std::size_t existing() const { return existing_; }  // when it was constructed
+
+ private:
+  const Name name_;
+  std::uint64_t number_ = 0;
+  std::size_t existing_ = 0;
+};
+
+// Blocks until the client's service has a server handle, or until `end`. Returns whether it has.
+bool WaitForServerOf(const Participant& client, Clock::time_point end);
 
 // A receiver that is registered. First the registration ends, and then the receiver is closed.
 template <typename Registration>

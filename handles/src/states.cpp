@@ -19,10 +19,6 @@
 namespace zorvix::detail {
 namespace {
 
-// Topic and service of a state have names of their own, so that a user's topic or service of the
-// same name does not match them.
-std::string StateName(const std::string& name) { return name + "/zorvix.state"; }
-
 // Takes a value. Its destructor, if it has one, is in the holder's module.
 std::shared_ptr<const void> Share(const void* value, void (*destroy)(const void*),
                                   const std::shared_ptr<ValueOwner>& owner) {
@@ -85,6 +81,8 @@ class HeldVersion {
 };
 
 }  // namespace
+
+std::string StateName(const std::string& name) { return name + "/zorvix.state"; }
 
 struct HolderState : Record {
   HolderState(const Endpoint& endpoint, const std::string& state_name, const std::type_info& type)

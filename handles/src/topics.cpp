@@ -26,7 +26,7 @@ struct PublisherState : Record {
   const Listed listed{*this};
 };
 
-struct SubscriberState : Registered<Subscription> {
+struct SubscriberState : Registered<CountedSubscription> {
   using Registered::Registered;
 };
 

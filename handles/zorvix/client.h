@@ -111,6 +111,16 @@ class Client {
                          detail::Await<Response>(std::move(callable)));
   }
 
+  // Blocks until the service has a server handle, of any module, and returns true. Returns false
+  // after that time; a negative timeout means without limit. When it has returned, the server may
+  // be destroyed already. Servers that are registered through zorvix.h are not seen. Another thread
+  // must construct the server. Without limit, it is refused in a drain of the client's own inbox or
+  // queue, which could do nothing else meanwhile: if there is no server, it logs an ERROR and
+  // returns false.
+  bool WaitForServer(std::chrono::milliseconds timeout) const {
+    return state_ != nullptr && detail::WaitForServer(*state_, timeout);
+  }
+
  private:
   std::future<Answer<Response>> CallQueued(Request request) const {
     std::promise<Answer<Response>> promise;

@@ -18,7 +18,8 @@
 namespace zorvix {
 
 struct HandleInfo {
-  std::string kind;    // "Publisher", "Subscriber", "Server", "Client", "Holder" or "Watcher"
+  std::string kind;    // "Publisher", "Subscriber", "Server", "Client", "Holder", "Watcher" or
+                       // "Presence"
   std::string name;    // of the topic, service or state
   std::string module;  // file name of the module that constructed it, such as "libhud.so"
   // Of a handle with an inbox or queued delivery, at the moment at which it was looked at:

@@ -12,7 +12,9 @@
 //   Subscriber  | on the publisher's       | one at a time, where    | one at a time,
 //   Server      | on the caller's          | the bridge's queue is   | in drains of
 //   Watcher     | on the setter's thread   | drained: Workers or     | the inbox
-//   Client      | (only blocking calls)    | Zorvix::SpinOnce        |
+//   Presence    | on the thread of a       | Zorvix::SpinOnce        |
+//               | constructor, destructor  |                         |
+//   Client      | (only blocking calls)    |                         |
 //
 // Subscribers, servers and clients that are queued or have an inbox also take a KeepLast. Handles
 // match endpoints that are registered through zorvix.h under the same name and type. Any thread may
@@ -50,6 +52,7 @@
 #include <zorvix/client.h>
 #include <zorvix/delivery.h>
 #include <zorvix/inbox.h>
+#include <zorvix/presence.h>
 #include <zorvix/publisher.h>
 #include <zorvix/server.h>
 #include <zorvix/state.h>

@@ -14,6 +14,7 @@
 namespace zorvix {
 
 class Inbox;
+struct Matched;
 
 namespace detail {
 
@@ -26,6 +27,9 @@ struct Place {
   Inbox* inbox = nullptr;  // in place of the bridge's queue
 };
 
+// What a presence counts.
+enum class Counterparts { kSubscribers, kServers, kHolders };
+
 // Of one handle. Defined and destroyed in the library.
 struct PublisherState;
 struct SubscriberState;
@@ -33,6 +37,7 @@ struct ServerState;
 struct ClientState;
 struct HolderState;
 struct WatcherState;
+struct PresenceState;
 
 struct Destroyer {
   void operator()(PublisherState*) const;
@@ -41,6 +46,7 @@ struct Destroyer {
   void operator()(ClientState*) const;
   void operator()(HolderState*) const;
   void operator()(WatcherState*) const;
+  void operator()(PresenceState*) const;
 };
 template <typename State>
 using Owned = std::unique_ptr<State, Destroyer>;
@@ -61,6 +67,7 @@ void CallAndWait(const ClientState&, const std::any& request, const AnswerType&,
 void CallAndReply(const ClientState&, const std::any& request, const AnswerType&,
                   std::chrono::milliseconds timeout, Function<>);
 void CallQueued(const ClientState&, std::any&& request, const AnswerType&, Function<>);
+bool WaitForServer(const ClientState&, std::chrono::milliseconds timeout);
 
 Owned<HolderState> MakeHolder(const Endpoint&, const std::type_info&);
 // Takes `value`. Destroys it with `destroy`, or if that is null, frees its memory.
@@ -69,6 +76,9 @@ void Set(HolderState&, const void* value, void (*destroy)(const void*));
 Owned<WatcherState> MakeWatcher(const Endpoint&, const std::type_info&, Callable, const Place&);
 std::shared_ptr<const void> Newest(const WatcherState&);
 std::shared_ptr<const void> WaitFor(const WatcherState&, std::chrono::milliseconds limit);
+
+Owned<PresenceState> MakePresence(const Endpoint&, Counterparts, Callable, const Place&);
+Matched Now(const PresenceState&);
 
 #pragma GCC visibility pop
 
