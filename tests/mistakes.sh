@@ -60,6 +60,7 @@ answer="the callable of a server must return a Response"
 mistake "$passed" 'Subscriber s(kReadings, [](const std::string&) {});'
 mistake "$passed" 'Server s(kSum, [](const std::string&) { return 1; }, inbox);'
 mistake "$passed" 'Watcher w(kLatest, [](const std::string&) {});'
+mistake "$passed" 'Presence p(kReadings, [](const Reading&) {}, inbox);'
 mistake "$passed" 'Client(kSum, inbox).Call(Reading{}, [](const std::string&) {});'
 mistake "$mutable" 'Subscriber s(kReadings, [](Reading&) {}, inbox);'
 mistake "$mutable" 'Server s(kSum, [](Reading&) { return 1; });'
@@ -70,6 +71,8 @@ mistake "a subscriber needs a Topic of its own type" 'Subscriber<int> s(kReading
 mistake "a response must be a value, to be copied and moved" 'Service<int, int&> s{"s"};'
 mistake "a publisher needs a Topic of its own type" 'Publisher<int> p(kReadings);'
 mistake "a watcher needs a State of its own type" 'Watcher<int> w(kLatest, [](int) {}, inbox);'
+mistake "a presence needs a Topic, a Service or a State, not its name" \
+  'Presence p("readings", [](const Matched&) {}, inbox);'
 
 mistake "$order" 'Subscriber s(kReadings, [](const Reading&) {}, KeepLast{1}, inbox);'
 mistake "$order" 'Subscriber s(kReadings, [](const Reading&) {}, KeepLast{3});'
@@ -110,6 +113,9 @@ if ! compile_code '
   const Server converted(kQueuedSum, [](const Reading&) { return short{1}; });
   const Watcher watcher(kLatest, make());
   const Watcher watcher_in_drains(kLatest, &Reading::Half, inbox);
+  const Presence presence(kQueued, [](Matched) {}, inbox);
+  const Presence counting(kLatest, &Matched::count, Delivery::Queued);
+  const Presence without_callable(kQueuedSum);
   const Client client(kSum, inbox);
   client.Call(Reading{1}, std::chrono::seconds(1)).value();
   client.Call(Reading{1}, [number = std::make_unique<int>(1)](const auto&) {});

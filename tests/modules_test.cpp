@@ -138,6 +138,7 @@ constexpr Use kUses[] = {
     {"", "serve on a thread", "call", "visible moves", true},
     {"serve on a thread", "call with an inbox", "", "hidden moves", true},
     {"", "watch", "set", "visible is invoked", true},
+    {"", "count subscribers", "subscribe", "visible is invoked", true},
     // While the types are named, for the log line that says that they differ:
     {"", "subscribe to another type", "publish", "names the type", true},
     {"", "subscribe to another type with an inbox", "publish", "names the type", true},

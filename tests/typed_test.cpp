@@ -44,6 +44,9 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
     client.Call(1, [=](auto) { callable(1); });  // there is no server
     return Share(std::move(client));
   };
+  const auto count = [&](const zorvix::Matched& now) {
+    if (now.count != 0) callable(1);
+  };
   const std::function<std::shared_ptr<void>()> rows[] = {
       [&] { return Share(zorvix::Subscriber(kTopic, callable)); },
       [&] { return Share(zorvix::Subscriber(kTopic, callable, Delivery::Queued)); },
@@ -55,7 +58,9 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
       [&] { return called(inbox); },
       [&] { return Share(zorvix::Watcher(kState, callable)); },
       [&] { return Share(zorvix::Watcher(kState, callable, Delivery::Queued)); },
-      [&] { return Share(zorvix::Watcher(kState, callable, inbox)); }};
+      [&] { return Share(zorvix::Watcher(kState, callable, inbox)); },
+      [&] { return Share(zorvix::Presence(kEnd, count)); },
+      [&] { return Share(zorvix::Presence(kEnd, count, inbox)); }};
   for (const auto& build : rows) {
     SCOPED_TRACE(&build - rows);
     zorvix::Holder holder(kState);
@@ -65,6 +70,7 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
       zorvix::Publisher(kTopic).Publish(1);
       zorvix::Client(kService, inbox).Call(1, [](auto) {});
       holder.Set(1);
+      const zorvix::Subscriber counted(kEnd, Fail);
       inbox.Post([] { Log("next"); });
       ZorvixSpinOnce();
       inbox.Drain();

@@ -108,7 +108,8 @@ struct ServerRegistration {
   const Name name;
 };
 
-// Adds to a queue each server or counted subscription of a name that comes or goes from now on.
+// Adds to a queue each server or counted subscription of a name that registers or unregisters from
+// now on.
 class Watch {
  public:
   Watch(Name name, std::shared_ptr<MatchQueue> queue);

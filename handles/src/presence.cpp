@@ -1,4 +1,4 @@
-// Presences: who is told when a subscriber, server or holder comes or goes.
+// Presences: how many subscribers, servers or holders there are.
 #include <zorvix/presence.h>
 
 #include <memory>

@@ -69,10 +69,12 @@ class Presence {
   // construct and destroy handles of the same name.
   //
   // With Delivery::Direct, on the thread that constructs or destroys a counterpart, or on a thread
-  // that is still inside the callable: a thread that is inside the callable stays there while
-  // others change. When that constructor or destructor has returned, the callable has been invoked,
-  // or is being invoked on another thread, for the change. What the callable throws then that is no
-  // std::exception ends the process. With Delivery::Queued, where the bridge's queue is drained.
+  // that is still inside the callable: it stays there while other threads construct and destroy
+  // counterparts. When that constructor or destructor has returned, outside the
+  // callable, the callable has been invoked with the change, or is being invoked on another thread.
+  // An exception that is no std::exception ends the process, but for the first invocation, on the
+  // thread that constructs the presence. With Delivery::Queued, where the bridge's queue is
+  // drained.
   template <typename Of, typename Callable,
             bridge::BridgeType kType = detail::Counted<Of>::kBridgeType>
   [[nodiscard]] Presence(const Of& of, Callable callable, Delivery delivery = Delivery::Direct)

@@ -65,6 +65,9 @@ zorvix::Inbox& AddInboxWithThread() {
   return inbox;
 }
 
+void LogIfAny(const zorvix::Matched& now) {
+  if (now.count != 0) Log("is invoked");
+}
 void LogInvocation(const Traced&) { Log("is invoked"); }
 void Ignore(const Failure&) {}
 void Fail(const Traced&) { throw Failure(); }
@@ -123,6 +126,7 @@ const std::map<std::string, void (*)()> kActions = {
      }},
     {"watch", [] { Add(zorvix::Watcher(kTracedState, LogInvocation)); }},
     {"set", [] { zorvix::Holder(kTracedState).Set({}); }},
+    {"count subscribers", [] { Add(zorvix::Presence(kTopic, LogIfAny)); }},
     {"throws",
      [] {
        Add(zorvix::Subscriber(kTopic, ThrowNumber));
@@ -196,6 +200,7 @@ void UseEachPayload(std::atomic<int>* invocations) {
     Add(std::move(holder));
     Add(zorvix::Watcher(state, use));
     Add(zorvix::Watcher(state, use, inbox));
+    Add(zorvix::Presence(service, [](auto&) {}));
     zorvix::Client client(service, inbox);
     client.Call(payload, [](const std::optional<Payload>&) {});
     client.Call(payload, std::chrono::milliseconds(1), [](const std::optional<Payload>&) {});
