@@ -79,6 +79,16 @@ TEST_F(Bridge, PresenceSeesEveryHandleOfItsKindAndNameAndNoOther) {
   }
 }
 
+TEST_F(Bridge, PresenceIsInvokedOnceItsCounterpartIsRegisteredOrUnregistered) {
+  const zorvix::Publisher publisher(kTopic);
+  const auto publish = [&](const Matched& now) {
+    EXPECT_EQ(publisher.Publish(1), now.count != 0) << Text(now);
+  };
+  const Presence presence(kTopic, publish);
+
+  for (int i = 0; i < 2; ++i) AddSubscriber();
+}
+
 TEST_F(Bridge, PresenceInDrainsSkipsNoChangeInItsTotals) {
   zorvix::Inbox inbox;
   const auto drain = [&] {
@@ -95,10 +105,10 @@ TEST_F(Bridge, PresenceInDrainsSkipsNoChangeInItsTotals) {
   Handle subscriber = AddSubscriber();
   drain();
   subscriber.reset();
-  EXPECT_EQ(Text(with_inbox.Now()), "0 of 1");
-  EXPECT_EQ(zorvix::Inspect().at(0).kind + std::to_string(zorvix::Inspect().at(0).pending),
-            "Presence1");
   subscriber = AddSubscriber();  // as many now as at the last drain
+  EXPECT_EQ(Text(queued.Now()) + ", " + Text(with_inbox.Now()), "1 of 2, 1 of 2");
+  const zorvix::HandleInfo handle = zorvix::Inspect().at(0);
+  EXPECT_EQ(handle.kind + std::to_string(handle.pending), "Presence1");
   drain();
   drain();
   for (int i = 0; i < 2; ++i) AddSubscriber();
@@ -114,9 +124,11 @@ TEST_F(Bridge, PresenceMayChangeWhatItCountsAndDestroyItself) {
   auto owned = std::make_shared<int>();
   const std::weak_ptr<int> observer = owned;
   std::optional<Presence> presence;
+  std::optional<Presence> constructed_inside;
   const Presence before(kTopic, [](auto&) { throw std::runtime_error("bad luck"); });
   presence.emplace(kTopic, [&, owned = std::move(owned)](const Matched& matched) {
     seen.push_back(Text(matched));
+    if (matched.arrived == 1) constructed_inside.emplace(kTopic);
     if (matched.arrived == 1) added.push_back(AddSubscriber());
     if (matched.departed == 1) presence.reset();
     if (matched.count == 2) added.clear();
@@ -128,7 +140,8 @@ TEST_F(Bridge, PresenceMayChangeWhatItCountsAndDestroyItself) {
 
   EXPECT_EQ(seen, (Lines{"0 of 0", "1 of 1", "2 of 2", "1 of 2"}));
   EXPECT_TRUE(observer.expired());
-  EXPECT_EQ(Text(after.Now()) + ", " + Text(before.Now()), "1 of 2, 1 of 2");
+  const Lines others{Text(before.Now()), Text(after.Now()), Text(constructed_inside->Now())};
+  EXPECT_EQ(others, Lines(3, "1 of 2"));
 }
 
 TEST_F(Bridge, PresenceSeesHandlesOfModulesThatAreLoadedApart) {
@@ -159,7 +172,11 @@ TEST_F(Bridge, WaitForServerEndsWithAServerHandleOrAfterItsTime) {
         const milliseconds timeout = thread % 2 == 0 ? milliseconds::max() : milliseconds(-1);
         EXPECT_TRUE(client.WaitForServer(timeout));
       },
-      [&] { server = AddServer(); });
+      [&] {
+        AddSubscriber();  // wakes nobody
+        LetOthersRun();
+        server = AddServer();
+      });
 
   EXPECT_TRUE(client.WaitForServer(milliseconds(0)));
   server.reset();
@@ -179,8 +196,10 @@ TEST_F(Bridge, WaitForServerWithoutLimitIsRefusedInADrainOfTheClientsInbox) {
 
   EXPECT_FALSE(wait_in_drain(milliseconds(1)));
   EXPECT_EQ(Count(TakeLog(), error), 0u);
+
   EXPECT_FALSE(wait_in_drain(milliseconds(-1)));
   EXPECT_EQ(Count(TakeLog(), error), 1u);
+
   const Handle server = AddServer();
   EXPECT_TRUE(wait_in_drain(milliseconds(-1)));
   EXPECT_EQ(Count(TakeLog(), error), 0u);
@@ -190,14 +209,10 @@ TEST_F(Bridge, PresencesAgreeInTheEndHoweverHandlesComeAndGo) {
   constexpr int kThreads = 3;
   constexpr int kCount = 400;
   zorvix::Inbox inbox;
-  std::uint64_t changes = 0;
-  const auto follow = [&](const Matched& now) {
-    EXPECT_LE(std::exchange(changes, now.arrived + now.departed), now.arrived + now.departed);
-    EXPECT_LE(now.count, std::size_t{kThreads});
-  };
-  const Presence direct(kService, follow);
-  const Presence with_inbox(
-      kService, [](auto&) {}, inbox);
+  Lines seen;
+  const auto check = [](const Matched& now) { EXPECT_LE(now.count, std::size_t{kThreads}); };
+  const Presence direct(kService, AppendTo(seen));
+  const Presence with_inbox(kService, check, inbox);
   const zorvix::Client client(kService);
   std::atomic<int> changing{kThreads};
 
@@ -208,23 +223,14 @@ TEST_F(Bridge, PresencesAgreeInTheEndHoweverHandlesComeAndGo) {
       return;
     }
     while (changing > 0) {
-      std::atomic<bool> is_alive{true};
-      const auto check = [&](const Matched& now) {
-        EXPECT_TRUE(is_alive);
-        EXPECT_LE(now.count, std::size_t{kThreads});
-      };
-      std::optional<Presence> late(std::in_place, kService, check);
+      const Presence late(kService, check);
       inbox.Drain();
       client.WaitForServer(milliseconds(thread - kThreads));
-      late.reset();
-      is_alive = false;
     }
   });
-  inbox.Drain();
 
-  EXPECT_EQ(Text(direct.Now()), "0 of " + std::to_string(kThreads * kCount));
-  EXPECT_EQ(Text(with_inbox.Now()), Text(direct.Now()));
-  EXPECT_EQ(changes, 2u * kThreads * kCount);
+  EXPECT_EQ(seen.back(), "0 of " + std::to_string(kThreads * kCount));
+  EXPECT_EQ(Text(with_inbox.Now()), seen.back());
 }
 
 }  // namespace
