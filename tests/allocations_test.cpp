@@ -126,6 +126,28 @@ void FailEachAllocation(bool all_later, const Act& act, const Check& check) {
   }
 }
 
+TEST_F(Bridge, PresencesSeeHandlesThatAreDestroyedWithoutMemory) {
+#ifdef __SANITIZE_ADDRESS__
+  const __lsan::ScopedDisabler leaks;  // the name stays registered
+#endif
+  const zorvix::Topic<int> topic{"destroyed without memory"};
+  zorvix::Inbox inbox;
+  std::size_t count = 0;
+  const auto see = [&](const zorvix::Matched& now) { count = now.count; };
+  const zorvix::Presence direct(topic, see);
+  const zorvix::Presence with_inbox(topic, see, inbox);
+  std::optional subscriber(zorvix::Subscriber(topic, ignore));
+  inbox.Drain();
+
+  FailFrom(1, kAllLater);
+  subscriber.reset();
+  FailNone();
+
+  EXPECT_EQ(count, 0u);
+  EXPECT_EQ(with_inbox.Now().count, 0u);
+  EXPECT_EQ(inbox.Drain(), 1u);
+}
+
 // The parameter tells whether memory is back after one allocation has failed, or stays short.
 class Handles : public Bridge, public testing::WithParamInterface<bool> {
  protected:
@@ -181,7 +203,10 @@ TEST_P(Handles, ThatCannotBeConstructedLeaveNothingBehindAndAreDestroyedWithoutM
       [&] { keep(zorvix::Holder<int>(state_)); },
       [&] { keep(zorvix::Watcher(state_, fail)); },
       [&] { keep(zorvix::Watcher(state_, fail, kQueued)); },
-      [&] { keep(zorvix::Watcher(state_, fail, inbox_)); }};
+      [&] { keep(zorvix::Watcher(state_, fail, inbox_)); },
+      [&] { keep(zorvix::Presence(topic_)); },
+      [&] { keep(zorvix::Presence(service_, fail, kQueued)); },
+      [&] { keep(zorvix::Presence(state_, fail, inbox_)); }};
   const bool stays_short = GetParam();
 #ifdef __SANITIZE_ADDRESS__
   // Names that stay registered exist for ever, longer than the bridge, which refers to them.
