@@ -11,6 +11,11 @@ void PendingCall::Settle(const Outcome& outcome) {
   Write(outcome);
 }
 
+void PendingCall::Write(const Outcome& outcome) {
+  WriteOutcome(callable_.answer(), outcome);
+  if (outcome.write != nullptr) queue_->received.Add();
+}
+
 void PendingCall::Expire() {
   queue_->mutex_.AssertHeld();
   queue_->RemoveTimeout(*this);

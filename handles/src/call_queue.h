@@ -25,7 +25,7 @@ class PendingCall final : public SharedReply, private Timed {
   friend class CallList;
   friend class CallQueue;
   void Expire() override;
-  void Write(const Outcome& outcome) { WriteOutcome(callable_.answer(), outcome); }
+  void Write(const Outcome& outcome);
 
   const std::shared_ptr<CallQueue> queue_;
   Function<> callable_;

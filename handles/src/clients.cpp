@@ -4,7 +4,9 @@
 #include <atomic>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <stdexcept>
+#include <typeinfo>
 #include <utility>
 
 #include "call_queue.h"
@@ -110,11 +112,17 @@ class QueuedCall final : public Offer, public std::enable_shared_from_this<Queue
 }  // namespace
 
 struct ClientState : Record {
-  ClientState(const Endpoint& endpoint, std::shared_ptr<CallQueue> its_calls)
+  ClientState(const Endpoint& endpoint, const std::type_info& request,
+              const std::type_info& response, std::shared_ptr<CallQueue> its_calls)
       : Record("Client", endpoint.name, endpoint.module),
         calls{std::move(its_calls)},
-        participant(endpoint.name, bridge::BridgeModule::Service, endpoint.type),
-        listed(calls.queue == nullptr ? static_cast<Record&>(*this) : *calls.queue) {}
+        record(calls.queue == nullptr ? static_cast<Record&>(*this) : *calls.queue),
+        participant(endpoint.name, bridge::BridgeModule::Service, endpoint.type) {
+    record.message_type = &request;
+    record.response_type = &response;
+    record.participant = &participant;
+    listed.emplace(record);
+  }
 
   struct Closer {
     ~Closer() {
@@ -123,33 +131,36 @@ struct ClientState : Record {
     const std::shared_ptr<CallQueue> queue;  // null: only blocking calls
   };
   const Closer calls;
+  Record& record;  // the one that is listed
   const Participant participant;
-  const Listed listed;
+  std::optional<Listed> listed;
 };
 
 void Destroyer::operator()(ClientState* state) const { delete state; }
 
-Owned<ClientState> MakeClient(const Endpoint& endpoint, const Place& place, KeepLast keep) {
+Owned<ClientState> MakeClient(const Endpoint& endpoint, const std::type_info& request,
+                              const std::type_info& response, const Place& place, KeepLast keep) {
   CheckedDepth(keep);
   KeepLoadedIfQueuedByBridge(endpoint);
   std::shared_ptr<CallQueue> calls;
   if (auto strand = StrandAt(place, endpoint)) {
     calls = std::make_shared<CallQueue>(endpoint, std::move(strand), keep);
   }
-  return Owned<ClientState>(new ClientState(endpoint, std::move(calls)));
+  return Owned<ClientState>(new ClientState(endpoint, request, response, std::move(calls)));
 }
 
-void CallAndWait(const ClientState& client, const std::any& request, const AnswerType& type,
+void CallAndWait(ClientState& client, const std::any& request, const AnswerType& type,
                  const AnswerSlot& slot, std::chrono::milliseconds limit) {
   const Section section("Call", client.name);
-  WaitingOffer offer(type, slot);
+  WaitingOffer offer(type, slot, client.name, client.module);
   // Without a limit, no clock is read.
   const auto end = limit.count() < 0 ? kNever : Deadline(limit);
+  client.record.sent.Add();
   CallNow(client.participant.control, request, offer);
   offer.Wait(end);
 }
 
-void CallAndReply(const ClientState& client, const std::any& request, const AnswerType& type,
+void CallAndReply(ClientState& client, const std::any& request, const AnswerType& type,
                   std::chrono::milliseconds timeout, Function<> callable) {
   const auto& queue = client.calls.queue;
   if (queue == nullptr) {
@@ -160,6 +171,7 @@ void CallAndReply(const ClientState& client, const std::any& request, const Answ
     throw std::logic_error("a call with a timeout and a callable needs a client with an inbox");
   }
   const Section section("Call", client.name);
+  client.record.sent.Add();
   ReplyOwner reply;
   const auto end = has_timeout ? Deadline(timeout) : kNever;
   if (!queue->Add(std::move(callable), end, reply)) return;
@@ -167,9 +179,10 @@ void CallAndReply(const ClientState& client, const std::any& request, const Answ
   CallNow(client.participant.control, request, offer);
 }
 
-void CallQueued(const ClientState& client, std::any&& request, const AnswerType& type,
+void CallQueued(ClientState& client, std::any&& request, const AnswerType& type,
                 Function<> callable) {
   const Section section("Call", client.name);
+  client.record.sent.Add();
   const auto call = std::make_shared<QueuedCall>(std::move(request), type, std::move(callable));
   const bool has_server = Bridge().Call(
       client.participant.control, [call](const ServerFunction& serve) { call->Begin(serve); });

@@ -2,6 +2,7 @@
 #ifndef ZORVIX_HANDLES_DIRECT_H_
 #define ZORVIX_HANDLES_DIRECT_H_
 
+#include <any>
 #include <exception>
 #include <string>
 #include <utility>
@@ -19,10 +20,19 @@ class Direct final : public Receiver {
          Callable callable)
       : Receiver(its_kind, endpoint.name, endpoint.module),
         type(its_type),
-        callable_(std::move(callable)) {}
+        callable_(std::move(callable)) {
+    message_type = type.type;
+  }
 
   Gate& gate() { return gate_; }
-  // To be called with a pass.
+  // What follows is to be called with a pass.
+
+  // Throws TypeMismatch.
+  const void* Find(const std::any& any, const char* what, const char* who) {
+    if (const void* const found = type.find(any)) return found;
+    rejected.Add();
+    throw TypeMismatch(what, any.type(), who, *type.type);
+  }
   void Invoke(const void* message, CurrentReply* reply) {
     const Measured measured(*this);
     try {
@@ -35,6 +45,11 @@ class Direct final : public Receiver {
     }
   }
   void Close() override { gate_.Close(name, &callable_); }
+  Counts Count() const override {
+    Counts counts;
+    counts.received = invocations.Get();
+    return counts;
+  }
 
   const MessageType& type;
 

@@ -23,7 +23,8 @@ class QueuedStrand final : public Strand {
   // so that listing it cannot fail.
   using Element = std::list<std::shared_ptr<QueuedStrand>>;
 
-  using Strand::Strand;
+  explicit QueuedStrand(const Endpoint& endpoint)
+      : Strand("queued", endpoint.name, endpoint.module) {}
 
   bool IsDrainedByTasks() const override { return true; }
 
@@ -236,7 +237,7 @@ void MakeDispatcher() { Dispatcher::Get(); }
 
 std::shared_ptr<Strand> MakeQueuedStrand(const Endpoint& endpoint) {
   MakeDispatcher();  // now, since a push must not fail for it
-  return std::make_shared<QueuedStrand>(endpoint.name, endpoint.module);
+  return std::make_shared<QueuedStrand>(endpoint);
 }
 
 void PauseQueued(bool is_paused) { Dispatcher::Get().Pause(is_paused); }

@@ -241,18 +241,20 @@ ServerRegistration::ServerRegistration(const std::string& service, bridge::Bridg
   std::list<ServerRegistration*> added{this};
   Registry::Get().Add(name, [&](Entry& entry) {
     Bridge().RegisterServer(participant.control, callback);
+    if (!entry.servers.empty()) entry.servers.back()->is_latest = false;
     entry.servers.splice(entry.servers.end(), added);
+    is_latest = true;
   });
 }
 
 ServerRegistration::~ServerRegistration() {
   Registry::Get().Remove(name, [this](Entry& entry) {
-    const bool is_latest = entry.servers.back() == this;
     entry.servers.remove(this);
+    ServerRegistration* const next = entry.servers.empty() ? nullptr : entry.servers.back();
+    if (next != nullptr) next->is_latest = true;
     // If nobody else shares the callback, the bridge does not have it any more: a server without a
     // handle has replaced it, or the one call of a SignleAsync service has removed it.
-    if (!is_latest || callback.use_count() == 1) return;
-    ServerRegistration* const next = entry.servers.empty() ? nullptr : entry.servers.back();
+    if (!IsActive()) return;
     Unregister(participant.control, [next](Control& control) {
       if (next == nullptr) {
         Bridge().UnregisterServer(control, 0);

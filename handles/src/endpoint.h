@@ -5,6 +5,7 @@
 #include <zorvix/zorvix.h>
 
 #include <any>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <exception>
@@ -41,13 +42,6 @@ class TypeMismatch final : public std::bad_any_cast {
 // Throws an exception with the same text as one that code of a module has thrown. The bridge logs
 // it later, when that code may have been unloaded.
 [[noreturn]] void ThrowCopy(const std::exception& error);
-
-// Returns the value in `any`. Throws TypeMismatch.
-inline const void* FindOrThrow(const MessageType& type, const std::any& any, const char* what,
-                               const char* who) {
-  if (const void* const found = type.find(any)) return found;
-  throw TypeMismatch(what, any.type(), who, *type.type);
-}
 
 // The topic and the service of a state have a name of their own, so that a user's topic or service
 // of the same name does not match them.
@@ -103,9 +97,14 @@ struct ServerRegistration {
   ServerRegistration(const ServerRegistration&) = delete;
   ServerRegistration& operator=(const ServerRegistration&) = delete;
 
+  // Whether it is the one that is called.
+  bool IsActive() const { return is_latest && callback.use_count() > 1; }
+
   const bridge::ServerCallback callback;
   Participant participant;
   const Name name;
+  // Of the server handles of its name. Written under the mutex of the registry.
+  std::atomic<bool> is_latest{false};
 };
 
 // Adds to a queue each server or counted subscription of a name that registers or unregisters from
@@ -135,7 +134,7 @@ struct Registered {
   Registered(std::shared_ptr<Receiver> its_receiver, const Endpoint& endpoint, Function function)
       : closer{SetInvoker(std::move(its_receiver), endpoint.type)},
         registration(endpoint.name, endpoint.type, std::move(function)),
-        listed(*closer.receiver) {}
+        listed(Describe(*closer.receiver, registration)) {}
 
   struct Closer {
     ~Closer() { receiver->Close(); }
@@ -146,6 +145,15 @@ struct Registered {
   const Listed listed;
 
  private:
+  static Record& Describe(Record& record, const Subscription& subscription) {
+    record.participant = &subscription.participant;
+    return record;
+  }
+  static Record& Describe(Record& record, const ServerRegistration& server) {
+    record.participant = &server.participant;
+    record.server = &server;
+    return record;
+  }
   // What the bridge delivers in a task is invoked by the task, unless a strand takes it.
   static std::shared_ptr<Receiver> SetInvoker(std::shared_ptr<Receiver> receiver,
                                               bridge::BridgeType type) {

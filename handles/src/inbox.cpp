@@ -22,7 +22,7 @@ struct InvokeTask {
 
 InboxState::InboxState(const std::string& name, Module& its_module)
     : module(its_module),
-      strand(std::make_shared<Strand>(name, module)),
+      strand(std::make_shared<Strand>(name, name, module)),
       tasks(std::make_shared<MessageQueue>("Inbox", name, module, strand, kMessageType<Task>,
                                            Receive<Task>(InvokeTask()), KeepAll())) {}
 

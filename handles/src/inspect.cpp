@@ -24,7 +24,7 @@ HandleInfo Describe(const detail::Record& record) {
   handle.pending = counts.pending;
   handle.depth = counts.depth;
   handle.dropped = counts.dropped;
-  handle.invocations = record.invocations;
+  handle.invocations = record.invocations.Get();
   handle.longest = std::chrono::nanoseconds(record.longest);
   return handle;
 }

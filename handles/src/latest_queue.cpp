@@ -9,7 +9,7 @@ namespace {
 
 class DirectStrand final : public Strand {
  public:
-  explicit DirectStrand(Module& module) : Strand("", module) {}
+  explicit DirectStrand(Module& module) : Strand("direct", "", module) {}
 
  private:
   void AfterPush() override {

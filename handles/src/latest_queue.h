@@ -4,6 +4,7 @@
 
 #include <zorvix/detail/library.h>
 
+#include <cstdint>
 #include <memory>
 #include <utility>
 
@@ -47,7 +48,11 @@ class LatestQueue : public Queue {
   }
   Counts Count() const override {
     const Lock lock(mutex_);
-    return {turn_ == 0 ? 0u : 1u, has_callable_ ? 1u : 0u, 0};
+    Counts counts;
+    if (turn_ != 0) counts.pending = 1;
+    if (has_callable_) counts.depth = 1;
+    counts.received = received_;
+    return counts;
   }
 
  protected:
@@ -57,6 +62,7 @@ class LatestQueue : public Queue {
     {
       const Lock lock(mutex_);
       if (has_ended_ || !update(value_)) return;
+      ++received_;
       if (!has_callable_ || turn_ != 0 || IsClosed()) return;
       turn_ = AddTurn(true);
     }
@@ -84,7 +90,8 @@ class LatestQueue : public Queue {
 
   const bool has_callable_;
   Callable callable_;
-  Value taken_{};                            // by the drain in progress
+  Value taken_{};  // by the drain in progress
+  std::uint64_t received_ ZORVIX_GUARDED_BY(mutex_) = 0;
   Turn turn_ ZORVIX_GUARDED_BY(mutex_) = 0;  // 0: nothing is pending
   bool has_ended_ ZORVIX_GUARDED_BY(mutex_) = false;
 };

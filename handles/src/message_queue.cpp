@@ -61,7 +61,10 @@ MessageQueue::MessageQueue(const char* its_kind, const std::string& its_name, Mo
       slot_size_(SlotSize(value_size_, answer_type != nullptr)),
       depth_(CheckedDepth(keep)),
       callable_(std::move(callable)),
-      pending_(slot_size_, std::min(depth_, kSlotsOfBlock)) {}
+      pending_(slot_size_, std::min(depth_, kSlotsOfBlock)) {
+  message_type = type.type;
+  response_type = answer_type;
+}
 
 inline Turn* MessageQueue::TurnIn(void* slot) const {
   return reinterpret_cast<Turn*>(static_cast<unsigned char*>(slot) + value_size_);
@@ -93,12 +96,14 @@ void MessageQueue::PushRequest(const std::any& request, ReplyOwner reply,
 void MessageQueue::RejectMessage(const std::any& message) {
   const Gate::Pass pass(gate_);  // for the type, which is in the module
   if (!pass.admitted()) return;
+  rejected.Add();
   throw TypeMismatch("message", message.type(), "subscriber", *type_.type);
 }
 
 void MessageQueue::RejectRequest(const std::any& request, Expected& expected, Pushed pushed) {
   const Gate::Pass pass(gate_);
   if (!pass.admitted()) return;
+  rejected.Add();
   expected.reply.Fail(Why::WrongType);
   if (pushed == Pushed::kOtherType) {
     throw TypeMismatch("request", request.type(), "server", *type_.type);
@@ -119,6 +124,7 @@ inline void MessageQueue::PopInto(Taken& oldest, Fifo& pending) const {
 }
 
 inline bool MessageQueue::Add(std::optional<Taken>& dropped) {
+  ++received_;
   const std::size_t size = pending_.size();
   if (size == depth_) return AddToFull(dropped);
   const Turn turn = AddTurn(size == 0);
@@ -260,7 +266,9 @@ void MessageQueue::Close() {
 
 Counts MessageQueue::Count() const {
   const Lock lock(mutex_);
-  return {pending_.size(), depth_, dropped_};
+  Counts counts{pending_.size(), depth_, dropped_};
+  counts.received = received_;
+  return counts;
 }
 
 }  // namespace zorvix::detail

@@ -6,6 +6,7 @@
 
 #include <any>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -119,6 +120,7 @@ class MessageQueue final : public Queue {
   Fifo pending_ ZORVIX_GUARDED_BY(mutex_);
   // The turn of the oldest message, perhaps taken over from a dropped one.
   Turn first_turn_ ZORVIX_GUARDED_BY(mutex_) = 0;
+  std::uint64_t received_ ZORVIX_GUARDED_BY(mutex_) = 0;
   std::size_t dropped_ ZORVIX_GUARDED_BY(mutex_) = 0;
   std::size_t dropped_in_a_row_ ZORVIX_GUARDED_BY(mutex_) = 0;  // since it last caught up
 };

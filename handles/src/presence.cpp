@@ -19,7 +19,7 @@ struct PresenceState {
                                                        : bridge::BridgeModule::Service,
             endpoint.type),
         watch(participant.control.get(), closer.queue),
-        listed(*closer.queue) {}
+        listed(Describe(*closer.queue)) {}
 
   struct Closer {
     ~Closer() { queue->Close(); }
@@ -29,6 +29,12 @@ struct PresenceState {
   const Participant participant;  // keeps the address of the name
   const Watch watch;
   const Listed listed;
+
+ private:
+  Record& Describe(Record& record) const {
+    record.participant = &participant;
+    return record;
+  }
 };
 
 void Destroyer::operator()(PresenceState* state) const { delete state; }

@@ -76,9 +76,15 @@ void Section::Begin(const char* kind, const std::string& name) {
   trace.begin_section((std::string(kind) + ' ' + name).c_str());
 }
 
+void Measured::Start() {
+  start_ = Clock::now();
+  if (!is_first_) return;
+  record_.began = std::chrono::nanoseconds(start_.time_since_epoch()).count();
+  record_.began_inside = record_.inside.state();
+}
+
 void Measured::Finish() {
   const std::chrono::nanoseconds elapsed = Clock::now() - start_;
-  ++record_.invocations;
   std::int64_t longest = record_.longest;
   while (longest < elapsed.count() &&
          !record_.longest.compare_exchange_weak(longest, elapsed.count())) {

@@ -12,9 +12,11 @@
 #include <list>
 #include <set>
 #include <string>
+#include <typeinfo>
 
 #include "modules.h"
 #include "sync.h"
+#include "threads.h"
 
 namespace zorvix::detail {
 
@@ -22,7 +24,42 @@ namespace zorvix::detail {
 // adding it does not overflow.
 Clock::time_point Deadline(std::chrono::milliseconds limit);
 
-// What is known of one handle.
+struct Participant;
+struct ServerRegistration;
+class Strand;
+class WaitingReply;
+
+// Which invocation of a callable is in progress. If several are, which only a handle without a
+// strand allows, it follows the first of them.
+class Inside {
+ public:
+  // Returns whether this invocation is the first of those in progress. Then End must follow.
+  bool Begin() {
+    const std::uint64_t last = state_.load(std::memory_order_relaxed);
+    if ((last & kThread) != 0) return false;
+    const auto thread = static_cast<std::uint64_t>(ThisThread());
+    state_.store((last + kNumber) | thread, std::memory_order_relaxed);
+    return true;
+  }
+  void End() {
+    const std::uint64_t state = state_.load(std::memory_order_relaxed);
+    state_.store(state & ~kThread, std::memory_order_relaxed);
+  }
+
+  // A number and a thread, as one value.
+  std::uint64_t state() const { return state_.load(std::memory_order_relaxed); }
+  static int Thread(std::uint64_t state) { return static_cast<int>(state & kThread); }  // 0: none
+  int thread() const { return Thread(state()); }
+
+ private:
+  // Linux has at most 2^22 threads.
+  static constexpr std::uint64_t kNumber = std::uint64_t{1} << 24;
+  static constexpr std::uint64_t kThread = kNumber - 1;
+  std::atomic<std::uint64_t> state_{0};
+};
+
+// What is known of one handle. What an invocation writes is read by Inspect and by lines of the
+// log, long after, so it needs no order.
 struct Record {
   Record(const char* its_kind, const std::string& its_name, Module& its_module)
       : kind(its_kind), name(its_name), module(ModuleName(its_module)) {}
@@ -41,13 +78,28 @@ struct Record {
   const char* const kind;
   const std::string name;  // of the topic, service or state
   const char* const module;
-  Invoker invoker = Invoker::kDelivery;  // set before it is registered
-  // A task is inside the callable. If several are, which only a handle without a strand allows, it
-  // follows the first of them.
-  std::atomic<bool> is_task_inside{false};
-  // While a SlowLog exists:
-  std::atomic<std::uint64_t> invocations{0};
-  std::atomic<std::int64_t> longest{0};  // nanoseconds
+  // Set before the record is listed; `invoker` before the handle is registered.
+  Invoker invoker = Invoker::kDelivery;
+  const std::type_info* message_type = nullptr;  // or of requests or values
+  const std::type_info* response_type = nullptr;
+  const Participant* participant = nullptr;  // with the name of its counterparts
+  long own_participants = 1;                 // the participants of that name that are the handle's
+  const ServerRegistration* server = nullptr;
+  const Strand* strand = nullptr;  // in which the callable is invoked, if in any
+
+  Counter sent;      // messages published, values set, calls made
+  Counter received;  // answers to calls with a callable
+  Counter rejected;  // because of their type
+  Counter invocations;
+  Inside inside;
+  // While a SlowLog exists, nanoseconds:
+  std::atomic<std::int64_t> longest{0};
+  std::atomic<std::int64_t> began{0};          // when the invocation began ...
+  std::atomic<std::uint64_t> began_inside{0};  // ... which is this one
+
+  // What Inspect saw last. Guarded by the mutex of the list.
+  std::uint64_t seen_inside = 0;
+  Clock::time_point seen_at;
 };
 
 // What invokes a callable. Others may share it for longer than its handle exists.
@@ -73,6 +125,7 @@ struct Process {
 
   Mutex mutex;
   std::list<Record*> records ZORVIX_GUARDED_BY(mutex);
+  std::list<const WaitingReply*> waits ZORVIX_GUARDED_BY(mutex);
   std::multiset<std::int64_t> slow_limits ZORVIX_GUARDED_BY(mutex);  // of SlowLogs, nanoseconds
 };
 // The smallest limit of a SlowLog, in nanoseconds; 0: nothing is measured.
@@ -121,32 +174,31 @@ class Section {
   const bool has_begun_;
 };
 
-// Surrounds an invocation of a handle's callable. Reads no clock unless a SlowLog exists. What it
-// notes of tasks is read long after, so it needs no order.
+// Surrounds an invocation of a handle's callable. Reads no clock unless a SlowLog exists.
 class Measured {
  public:
   explicit Measured(Record& record)
       : section_(record.kind, record.name),
         record_(record),
-        is_first_task_(record.invoker == Record::Invoker::kTask &&
-                       !record.is_task_inside.load(std::memory_order_relaxed)),
+        is_first_(record.inside.Begin()),
         limit_(smallest_slow_limit.load(std::memory_order_relaxed)) {
-    if (is_first_task_) record_.is_task_inside.store(true, std::memory_order_relaxed);
-    if (limit_ != 0) start_ = Clock::now();
+    record_.invocations.Add();
+    if (limit_ != 0) Start();
   }
   ~Measured() {
-    if (is_first_task_) record_.is_task_inside.store(false, std::memory_order_relaxed);
+    if (is_first_) record_.inside.End();
     if (limit_ != 0) Finish();
   }
   Measured(const Measured&) = delete;
   Measured& operator=(const Measured&) = delete;
 
  private:
+  void Start();
   void Finish();
 
   const Section section_;
   Record& record_;
-  const bool is_first_task_;
+  const bool is_first_;
   const std::int64_t limit_;
   Clock::time_point start_;
 };

@@ -44,7 +44,7 @@ void Answer(std::any& response, const AnswerType& answer_type, Gate& gate, Modul
     if (!pass.admitted()) return;
     KeepLoadedForAnswer(module, service);
   }
-  WaitingOffer plain(answer_type, {nullptr, nullptr, &response});
+  WaitingOffer plain(answer_type, {nullptr, nullptr, &response}, service, nullptr);
   serve(plain);
   plain.Wait(Deadline(std::chrono::milliseconds(-1)));
 }
@@ -57,8 +57,9 @@ void AnswerDirectly(Direct& direct, const std::type_info& answer_type, const std
     return;
   }
   try {
-    const void* const request = FindOrThrow(direct.type, any, "request", "server");
+    const void* const request = direct.Find(any, "request", "server");
     if (*offer.type.type != answer_type) {
+      direct.rejected.Add();
       throw TypeMismatch("answer", answer_type, "client", *offer.type.type);
     }
     direct.Invoke(request, &offer);
@@ -100,6 +101,7 @@ Owned<ServerState> Serve(const Endpoint& endpoint, const MessageType& type,
         }));
   }
   const auto direct = std::make_shared<Direct>("Server", endpoint, type, std::move(callable));
+  direct->response_type = &answer_type;
   return Owned<ServerState>(new ServerState(
       direct, endpoint,
       [direct, plain_answer, &module = endpoint.module](const std::any& request, auto& response) {

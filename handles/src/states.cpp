@@ -95,7 +95,7 @@ struct HolderState : Record {
                [version = held.version](const std::any& request, std::any& response) {
                  version->Answer(request, response);
                }),
-        listed(*this) {}
+        listed(Describe(type)) {}
 
   struct Closer {
     ~Closer() { version->Close(name); }
@@ -112,6 +112,15 @@ struct HolderState : Record {
   const Subscription optional_audience;
   const ServerRegistration server;
   const Listed listed;
+
+ private:
+  Record& Describe(const std::type_info& type) {
+    message_type = &type;
+    participant = &publisher;
+    own_participants = 2;  // the publisher and its audience
+    Record::server = &server;
+    return *this;
+  }
 };
 
 struct WatcherState {
@@ -148,6 +157,7 @@ Owned<HolderState> MakeHolder(const Endpoint& endpoint, const std::type_info& ty
 void Set(HolderState& holder, const void* value, void (*destroy)(const void*)) {
   const Section section("Set", holder.name);
   HeldVersion& held = *holder.held.version;
+  holder.sent.Add();
   Version version{0, Share(value, destroy, holder.values.owner), &held.type()};
   // Stored before it is published, so that a watcher that asks later gets it.
   Version before = held.Store(version);
@@ -164,6 +174,7 @@ Owned<WatcherState> MakeWatcher(const Endpoint& endpoint, const std::type_info& 
                                 Callable callable, const Place& place) {
   const auto queue =
       std::make_shared<WatchQueue>(endpoint, StrandOrDirect(place, endpoint), std::move(callable));
+  queue->message_type = &type;
   const auto push = [queue, &type](const std::any& message) {
     const auto* const version = std::any_cast<const Version*>(&message);
     if (version == nullptr) {

@@ -8,8 +8,9 @@
 
 namespace zorvix::detail {
 
-Strand::Strand(const std::string& name, Module& module)
-    : counter_name_(name.empty() ? name : "pending " + name + ", " + ModuleName(module)) {}
+Strand::Strand(const std::string& its_place, const std::string& counter, Module& module)
+    : place(its_place),
+      counter_name_(counter.empty() ? counter : "pending " + counter + ", " + ModuleName(module)) {}
 
 Strand::~Strand() = default;
 
@@ -18,7 +19,8 @@ std::size_t Strand::Drain(const std::function<bool()>& may_go_on) {
   Lock lock(mutex_);
   if (draining_) return 0;
   draining_ = true;
-  drainer_ = std::this_thread::get_id();
+  drainer_ = ThisThread();
+  drained_at_ = CoarseNow();
   ExpireTimeouts();
   UpdateReadiness();
   const Turn last = last_turn_;  // what arrives meanwhile is left to the next drain
@@ -62,23 +64,23 @@ void Strand::DestroyClosed() {
 
 void Strand::EndDrain(std::shared_ptr<const void>& kept) {
   draining_ = false;
+  drained_at_ = CoarseNow();
   kept.swap(kept_);
   UpdateReadiness();
 }
 
 void Strand::Shut(const std::shared_ptr<const void>& owner) {
-  const auto self = std::this_thread::get_id();
   while (true) {
     std::shared_ptr<Queue> queue;
     {
       const Lock lock(mutex_);
       shut_ = true;
-      if (draining_ && drainer_ == self) kept_ = owner;
+      if (draining_ && drainer_ == ThisThread()) kept_ = owner;
       if (agenda_.empty()) return;
       queue = agenda_.front().queue->shared_from_this();
       queue->mutex_.AssertHeld();
       queue->is_being_discarded_ = true;
-      shutter_ = self;
+      shutter_ = ThisThread();
     }
     queue->Discard();
     const Lock lock(mutex_);
@@ -128,9 +130,14 @@ void Strand::ExpireTimeouts() {
   while (!timeouts_.empty() && timeouts_.begin()->first <= now) timeouts_.begin()->second->Expire();
 }
 
+Strand::Drains Strand::LookAtDrains() const {
+  const Lock lock(mutex_);
+  return {pending_, drainer_, draining_, drained_at_, shut_};
+}
+
 bool Strand::IsDrainedByThisThread() {
   const Lock lock(mutex_);
-  return draining_ && drainer_ == std::this_thread::get_id();
+  return draining_ && drainer_ == ThisThread();
 }
 
 void Strand::SetReady(bool ready) {
@@ -154,6 +161,7 @@ Queue::Queue(const char* its_kind, const std::string& its_name, Module& its_modu
     : Receiver(its_kind, its_name, its_module),
       strand_(std::move(strand)),
       mutex_(strand_->mutex_) {
+  Record::strand = strand_.get();
   invoker = strand_->IsDrainedByTasks() ? Invoker::kTask : Invoker::kDrain;
   const Lock lock(strand_->mutex_);
   strand_->agenda_.Reserve(strand_->queues_ + 1);
@@ -229,9 +237,8 @@ void Queue::Close() {
 
 bool Queue::IsInUse() const {
   strand_->mutex_.AssertHeld();
-  const auto self = std::this_thread::get_id();
-  return (strand_->invoking_ == this && strand_->drainer_ != self) ||
-         (is_being_discarded_ && strand_->shutter_ != self) || IsUsedByOthers();
+  return (strand_->invoking_ == this && strand_->drainer_ != ThisThread()) ||
+         (is_being_discarded_ && strand_->shutter_ != ThisThread()) || IsUsedByOthers();
 }
 
 bool Queue::WaitWhileInUse(Lock& lock, Clock::time_point end) {

@@ -21,7 +21,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "agenda.h"
 #include "descriptor.h"
@@ -43,8 +42,9 @@ using Timeouts = std::multimap<Clock::time_point, Timed*>;
 
 class Strand : public std::enable_shared_from_this<Strand> {
  public:
-  // Without a name, it has no counter in traces.
-  Strand(const std::string& name, Module& module);
+  // `its_place` is "direct", "queued" or the name of an inbox. Without the name of a counter, it
+  // has none in traces.
+  Strand(const std::string& its_place, const std::string& counter, Module& module);
   virtual ~Strand();
   Strand(const Strand&) = delete;
   Strand& operator=(const Strand&) = delete;
@@ -72,7 +72,18 @@ class Strand : public std::enable_shared_from_this<Strand> {
   // Something is pending and no drain is in progress.
   bool ready() const { return ready_; }
 
+  // How it is drained.
+  struct Drains {
+    std::size_t pending = 0;  // of all queues
+    int drainer = 0;          // the thread of the latest drain, or 0
+    bool is_in_progress = false;
+    Clock::time_point latest_at;  // when it began or, if it is over, ended
+    bool is_shut = false;
+  };
+  Drains LookAtDrains() const;
   bool IsDrainedByThisThread();
+
+  const std::string place;
   virtual bool IsDrainedByTasks() const { return false; }
 
  protected:
@@ -115,12 +126,13 @@ class Strand : public std::enable_shared_from_this<Strand> {
 
   // The drain in progress.
   bool draining_ ZORVIX_GUARDED_BY(mutex_) = false;
-  std::thread::id drainer_ ZORVIX_GUARDED_BY(mutex_);
+  int drainer_ ZORVIX_GUARDED_BY(mutex_) = 0;  // still known after the drain
+  Clock::time_point drained_at_ ZORVIX_GUARDED_BY(mutex_);
   Queue* invoking_ ZORVIX_GUARDED_BY(mutex_) = nullptr;
   std::shared_ptr<const void> kept_ ZORVIX_GUARDED_BY(mutex_);  // see Shut
   std::shared_ptr<Queue> closed_by_its_callable_;               // used by the drainer only
 
-  std::thread::id shutter_ ZORVIX_GUARDED_BY(mutex_);  // the thread in Shut
+  int shutter_ ZORVIX_GUARDED_BY(mutex_) = 0;  // the thread in Shut
   // Threads in Close, which wait for invocations and Shut.
   std::size_t closing_ ZORVIX_GUARDED_BY(mutex_) = 0;
   Condition invocation_ended_;

@@ -3,6 +3,7 @@
 #ifndef ZORVIX_HANDLES_SYNC_H_
 #define ZORVIX_HANDLES_SYNC_H_
 
+#include <time.h>
 #include <zorvix/zorvix.h>
 
 #include <chrono>
@@ -27,6 +28,14 @@ namespace zorvix::detail {
 
 using Clock = std::chrono::steady_clock;
 constexpr auto kNever = Clock::time_point::max();
+
+// Returns the time as of a few milliseconds ago, for a sixth of the price.
+inline Clock::time_point CoarseNow() {
+  timespec time;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
+  return Clock::time_point(std::chrono::seconds(time.tv_sec) +
+                           std::chrono::nanoseconds(time.tv_nsec));
+}
 
 class ZORVIX_CAPABILITY Mutex {
  public:

@@ -2,6 +2,7 @@
 #include <zorvix/detail/library.h>
 
 #include <optional>
+#include <typeinfo>
 #include <utility>
 
 #include "direct.h"
@@ -11,19 +12,23 @@
 namespace zorvix::detail {
 
 struct PublisherState : Record {
-  PublisherState(const Endpoint& endpoint, Audience audience)
+  PublisherState(const Endpoint& endpoint, const std::type_info& type, Audience audience)
       : Record("Publisher", endpoint.name, endpoint.module),
         participant(endpoint.name, bridge::BridgeModule::Topic, endpoint.type) {
     KeepLoadedIfQueuedByBridge(endpoint);
+    message_type = &type;
+    Record::participant = &participant;
     if (audience == Audience::Optional) {
       optional_audience.emplace(endpoint.name, endpoint.type, [](const std::any&) {});
+      own_participants = 2;
     }
+    listed.emplace(*this);
   }
   const Participant participant;
   // Keeps the bridge from logging that there is no subscriber. On an Async topic it could be the
   // first subscriber, and take each message.
   std::optional<Subscription> optional_audience;
-  const Listed listed{*this};
+  std::optional<Listed> listed;
 };
 
 struct SubscriberState : Registered<CountedSubscription> {
@@ -33,12 +38,14 @@ struct SubscriberState : Registered<CountedSubscription> {
 void Destroyer::operator()(PublisherState* state) const { delete state; }
 void Destroyer::operator()(SubscriberState* state) const { delete state; }
 
-Owned<PublisherState> MakePublisher(const Endpoint& endpoint, Audience audience) {
-  return Owned<PublisherState>(new PublisherState(endpoint, audience));
+Owned<PublisherState> MakePublisher(const Endpoint& endpoint, const std::type_info& type,
+                                    Audience audience) {
+  return Owned<PublisherState>(new PublisherState(endpoint, type, audience));
 }
 
-bool Publish(const PublisherState& publisher, std::any&& message) {
+bool Publish(PublisherState& publisher, std::any&& message) {
   const Section section("Publish", publisher.name);
+  publisher.sent.Add();
   return Bridge().Publish(publisher.participant.control, std::move(message));
 }
 
@@ -59,7 +66,7 @@ Owned<SubscriberState> Subscribe(const Endpoint& endpoint, const MessageType& ty
     if (!message.has_value()) return;
     const Gate::Pass pass(direct->gate());
     if (!pass.admitted()) return;
-    direct->Invoke(FindOrThrow(direct->type, message, "message", "subscriber"), nullptr);
+    direct->Invoke(direct->Find(message, "message", "subscriber"), nullptr);
   };
   return Owned<SubscriberState>(new SubscriberState(direct, endpoint, deliver));
 }

@@ -2,17 +2,24 @@
 #ifndef ZORVIX_HANDLES_WAITING_REPLY_H_
 #define ZORVIX_HANDLES_WAITING_REPLY_H_
 
+#include <list>
 #include <memory>
+#include <string>
+#include <utility>
 
+#include "records.h"
 #include "reply.h"
 #include "sync.h"
+#include "threads.h"
 
 namespace zorvix::detail {
 
 // Another thread writes the answer into the waiting thread's slot.
 class WaitingReply final : public SharedReply {
  public:
-  explicit WaitingReply(const AnswerSlot& slot) : slot_(slot) {}
+  // `its_module` is that of the client, or null if it has no handle.
+  WaitingReply(const AnswerSlot& slot, std::string its_service, const char* its_module)
+      : service(std::move(its_service)), module(its_module), slot_(slot) {}
 
   void Settle(const Outcome& outcome) override {
     {
@@ -33,6 +40,7 @@ class WaitingReply final : public SharedReply {
 
   // When it has returned, nobody writes into the slot any more.
   void Wait(Clock::time_point end) {
+    const Shown shown(*this);
     Lock lock(mutex_);
     bool is_over = false;
     while (state_ == State::kWaiting && !is_over) is_over = !settled_.WaitUntil(lock, end);
@@ -43,8 +51,38 @@ class WaitingReply final : public SharedReply {
     while (state_ == State::kSettling) settled_.Wait(lock);
   }
 
+  const std::string service;
+  const char* const module;
+  int thread() const { return thread_; }
+
  private:
   enum class State { kWaiting, kSettling, kSettled, kAbandoned };
+
+  // Has the reply in the list of waits of the process.
+  class Shown {
+   public:
+    explicit Shown(WaitingReply& reply) : reply_(reply) {
+      Process& process = Process::Get();
+      const Lock lock(process.mutex);
+      reply.thread_ = ThisThread();
+      process.waits.splice(process.waits.end(), reply.element_);
+    }
+    ~Shown() {
+      Process& process = Process::Get();
+      const Lock lock(process.mutex);
+      reply_.element_.splice(reply_.element_.end(), process.waits, reply_.position_);
+    }
+    Shown(const Shown&) = delete;
+    Shown& operator=(const Shown&) = delete;
+
+   private:
+    WaitingReply& reply_;
+  };
+
+  // Of that list, so that a wait needs no memory.
+  std::list<const WaitingReply*> element_{this};
+  const std::list<const WaitingReply*>::iterator position_ = element_.begin();
+  int thread_ = 0;
   const AnswerSlot slot_;
   Mutex mutex_;
   Condition settled_;
@@ -54,8 +92,10 @@ class WaitingReply final : public SharedReply {
 // The offer of a thread that waits for the answer.
 class WaitingOffer final : public Offer {
  public:
-  WaitingOffer(const AnswerType& its_type, const AnswerSlot& slot)
-      : Offer(its_type, true), slot_(slot) {}
+  // `module` is that of the client, or null if it has no handle.
+  WaitingOffer(const AnswerType& its_type, const AnswerSlot& slot, const std::string& service,
+               const char* module)
+      : Offer(its_type, true), slot_(slot), service_(service), module_(module) {}
   // After an exception, the server may still have the reply.
   ~WaitingOffer() { Wait(Clock::time_point()); }
   WaitingOffer(const WaitingOffer&) = delete;
@@ -68,11 +108,13 @@ class WaitingOffer final : public Offer {
  private:
   void Write(const Outcome& outcome) override { WriteOutcome(slot_, outcome); }
   ReplyOwner Share() override {
-    reply_ = std::make_shared<WaitingReply>(slot_);
+    reply_ = std::make_shared<WaitingReply>(slot_, service_, module_);
     return ReplyOwner(reply_);
   }
 
   const AnswerSlot slot_;
+  const std::string& service_;  // exists until Share
+  const char* const module_;
   std::shared_ptr<WaitingReply> reply_;
 };
 

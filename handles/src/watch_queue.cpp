@@ -12,7 +12,9 @@ WatchQueue::WatchQueue(const Endpoint& endpoint, std::shared_ptr<Strand> its_str
 
 void WatchQueue::CheckType(const std::type_info& given, const std::type_info& wanted) {
   const Gate::Pass pass(gate_);
-  if (pass.admitted() && given != wanted) throw TypeMismatch("value", given, "watcher", wanted);
+  if (!pass.admitted() || given == wanted) return;
+  rejected.Add();
+  throw TypeMismatch("value", given, "watcher", wanted);
 }
 
 void WatchQueue::Push(Version version) {

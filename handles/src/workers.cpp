@@ -42,7 +42,9 @@ void LogWaiting() {
     Process& process = Process::Get();
     const Lock lock(process.mutex);
     for (const auto* record : process.records) {
-      if (record->is_task_inside) rows.push_back({record->kind, record->name, record->module});
+      const bool is_task = record->invoker == Record::Invoker::kTask;
+      if (is_task && record->inside.thread() != 0)
+        rows.push_back({record->kind, record->name, record->module});
     }
   } catch (const std::bad_alloc&) {  // the line below tells less
   }

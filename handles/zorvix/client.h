@@ -18,6 +18,7 @@
 #include <chrono>
 #include <future>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 namespace zorvix {
@@ -38,13 +39,15 @@ class Client {
   // depth of 0 throws std::invalid_argument.
   [[nodiscard]] explicit Client(const Service<Request, Response, kType>& service,
                                 Delivery delivery = Delivery::Direct, KeepLast keep = {1000})
-      : state_(detail::MakeClient({service.name, kType}, {delivery}, keep)) {}
+      : state_(detail::MakeClient({service.name, kType}, typeid(Request), typeid(Response),
+                                  {delivery}, keep)) {}
 
   // Invokes the callables of its calls in drains of the inbox. If the inbox is destroyed first,
   // callables that have not been invoked are destroyed with it or with the client.
   [[nodiscard]] Client(const Service<Request, Response, kType>& service, Inbox& inbox,
                        KeepLast keep = {1000})
-      : state_(detail::MakeClient({service.name, kType}, {Delivery::Queued, &inbox}, keep)) {
+      : state_(detail::MakeClient({service.name, kType}, typeid(Request), typeid(Response),
+                                  {Delivery::Queued, &inbox}, keep)) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
   }
 

@@ -11,6 +11,7 @@
 
 #include <any>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 namespace zorvix {
@@ -19,9 +20,9 @@ template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Publisher {
  public:
   [[nodiscard]] explicit Publisher(const Topic<Message, kType>& topic)
-      : state_(detail::MakePublisher({topic.name, kType}, Audience::Expected)) {}
+      : state_(detail::MakePublisher({topic.name, kType}, typeid(Message), Audience::Expected)) {}
   [[nodiscard]] Publisher(const Topic<Message, kType>& topic, Audience audience)
-      : state_(detail::MakePublisher({topic.name, kType}, audience)) {
+      : state_(detail::MakePublisher({topic.name, kType}, typeid(Message), audience)) {
     static_assert(kType == bridge::BridgeType::Sync,
                   "the audience can be chosen for a Sync topic only");
   }

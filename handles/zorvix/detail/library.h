@@ -51,8 +51,8 @@ struct Destroyer {
 template <typename State>
 using Owned = std::unique_ptr<State, Destroyer>;
 
-Owned<PublisherState> MakePublisher(const Endpoint&, Audience);
-bool Publish(const PublisherState&, std::any&& message);
+Owned<PublisherState> MakePublisher(const Endpoint&, const std::type_info&, Audience);
+bool Publish(PublisherState&, std::any&& message);
 
 Owned<SubscriberState> Subscribe(const Endpoint&, const MessageType&, Callable, const Place&,
                                  KeepLast);
@@ -60,13 +60,14 @@ Owned<SubscriberState> Subscribe(const Endpoint&, const MessageType&, Callable, 
 Owned<ServerState> Serve(const Endpoint&, const MessageType&, const std::type_info& response,
                          Callable, const Place&, KeepLast);
 
-Owned<ClientState> MakeClient(const Endpoint&, const Place&, KeepLast);
-void CallAndWait(const ClientState&, const std::any& request, const AnswerType&, const AnswerSlot&,
+Owned<ClientState> MakeClient(const Endpoint&, const std::type_info& request,
+                              const std::type_info& response, const Place&, KeepLast);
+void CallAndWait(ClientState&, const std::any& request, const AnswerType&, const AnswerSlot&,
                  std::chrono::milliseconds limit);
 // The function is an Awaiting. A negative timeout stands for none.
-void CallAndReply(const ClientState&, const std::any& request, const AnswerType&,
+void CallAndReply(ClientState&, const std::any& request, const AnswerType&,
                   std::chrono::milliseconds timeout, Function<>);
-void CallQueued(const ClientState&, std::any&& request, const AnswerType&, Function<>);
+void CallQueued(ClientState&, std::any&& request, const AnswerType&, Function<>);
 bool WaitForServer(const ClientState&, std::chrono::milliseconds timeout);
 
 Owned<HolderState> MakeHolder(const Endpoint&, const std::type_info&);

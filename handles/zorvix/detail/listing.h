@@ -6,6 +6,7 @@
 #include <zorvix/zorvix.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -17,6 +18,9 @@ struct Counts {
   std::size_t pending = 0;
   std::size_t depth = 0;  // 0: nothing is kept
   std::size_t dropped = 0;
+  std::uint64_t sent = 0;
+  std::uint64_t received = 0;
+  std::uint64_t rejected = 0;
 };
 
 class ZORVIX_EXPORT Listing {

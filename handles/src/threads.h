@@ -1,0 +1,67 @@
+// Threads as the platform's tools name them, and numbers that threads count.
+#ifndef ZORVIX_HANDLES_THREADS_H_
+#define ZORVIX_HANDLES_THREADS_H_
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+namespace zorvix::detail {
+
+// 0 until this thread has asked for its id. In the thread's static block, where it is found without
+// a call, since the library is never unloaded. Android's loader has no room there.
+#ifdef __GLIBC__
+__attribute__((tls_model("initial-exec")))
+#endif
+inline thread_local int this_thread_id = 0;
+
+// Returns the id by which debuggers and logs know this thread.
+inline int ThisThread() {
+  if (this_thread_id == 0) this_thread_id = static_cast<int>(gettid());
+  return this_thread_id;
+}
+
+// Returns the name of a thread of this process, or an empty one if there is no such thread.
+std::string NameOfThread(int thread);
+
+// Returns such as "4711 (decoder)".
+std::string DescribeThread(int thread);
+
+// A number that threads add to. The first of them does so without an atomic read-modify-write.
+class Counter {
+ public:
+  void Add() {
+    const int thread = ThisThread();
+    if (first_.load(std::memory_order_relaxed) == thread) {
+      AddFirst();
+    } else {
+      AddOther(thread);
+    }
+  }
+  std::uint64_t Get() const {
+    return by_first_.load(std::memory_order_relaxed) + by_others_.load(std::memory_order_relaxed);
+  }
+
+ private:
+  void AddFirst() {
+    by_first_.store(by_first_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
+  void AddOther(int thread) {
+    int nobody = 0;
+    if (first_.compare_exchange_strong(nobody, thread, std::memory_order_relaxed)) {
+      AddFirst();
+    } else {
+      by_others_.fetch_add(1, std::memory_order_relaxed);
+    }
+  }
+
+  std::atomic<int> first_{0};  // a later thread with the same id continues
+  std::atomic<std::uint64_t> by_first_{0};
+  std::atomic<std::uint64_t> by_others_{0};
+};
+
+}  // namespace zorvix::detail
+
+#endif  // ZORVIX_HANDLES_THREADS_H_
