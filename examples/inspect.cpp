@@ -1,49 +1,91 @@
-// Inspect and SlowLog: which handles there are, what is pending and dropped, and what is slow.
+// Seven faults that apps have, all at once, and the table that names each in its last column.
 #include <zorvix/inspect.h>
+#include <zorvix/state.h>
 #include <zorvix/typed.h>
 
+#include <atomic>
 #include <chrono>
 #include <iostream>
 #include <string>
 #include <thread>
 
+namespace {
+
 using std::chrono::milliseconds;
 
-// What modules would share.
+struct Alert {
+  std::string text;
+};
+struct Place {
+  double latitude, longitude;
+};
+
+const auto ignore = [](const auto&) {};
+
+const zorvix::Topic<Place> kFix{"gps/fix"};
+const zorvix::Topic<Place> kMisspelled{"gps/fxi"};
 const zorvix::Topic<int> kFrames{"frames"};
+const zorvix::Topic<int> kSamples{"samples"};
+const zorvix::Topic<Alert> kAlerts{"alerts"};
+const zorvix::Topic<std::string> kAlertTexts{"alerts"};
+const zorvix::Service<int, std::string> kRoutes{"routes"};
+const zorvix::Topic<int> kThumbnails{"thumbnails"};
+const zorvix::State<int> kVolume{"volume"};
+const zorvix::State<int> kCapitalVolume{"Volume"};
 
-// The longest time that a callable may take: 16 ms are a frame of a screen with 60 Hz.
-constexpr milliseconds kFrameTime{16};
-
-// What an app could send with a report of an error.
-void PrintProblems() {
-  for (const auto& handle : zorvix::Inspect()) {
-    const std::string which = handle.kind + " of " + handle.name + " in " + handle.module;
-    if (handle.dropped > 0) {
-      std::cout << which << ": has dropped " << handle.dropped << " messages\n";
-    }
-    if (handle.longest > kFrameTime) {
-      const auto longest = std::chrono::duration_cast<milliseconds>(handle.longest);
-      std::cout << which << ": took " << longest.count() << " ms\n";
-    }
-  }
-}
+}  // namespace
 
 int main() {
-  // Logs each callable that takes longer, and counts invocations, as long as it exists.
-  const zorvix::SlowLog slow(kFrameTime);
+  const zorvix::SlowLog slow(milliseconds(16));  // a frame of a screen with 60 Hz
 
-  zorvix::Inbox encoder;
-  const auto encode = [](int) { std::this_thread::sleep_for(milliseconds(20)); };
-  const zorvix::Subscriber encoded(kFrames, encode, encoder, zorvix::KeepLast{2});
-  const auto show = [](int frame) { std::cout << "shown: frame " << frame << '\n'; };
-  const zorvix::Subscriber shown(kFrames, show);
+  // 1. The name is misspelled.
+  const zorvix::Publisher fixes(kMisspelled);
+  const zorvix::Subscriber map(kFix, ignore);
 
+  // 2. The callable takes 35 ms, on the publisher's thread.
   const zorvix::Publisher camera(kFrames);
-  for (int frame = 1; frame <= 5; ++frame) camera.Publish(frame);
-  std::cout << "\nFrames are pending:\n" << zorvix::Inspect();
+  const zorvix::Subscriber filter(kFrames,
+                                  [](int) { std::this_thread::sleep_for(milliseconds(35)); });
 
-  encoder.Drain();
-  std::cout << "\nAfter a drain:\n" << zorvix::Inspect() << '\n';
-  PrintProblems();
+  // 3. The queue holds 5 samples, and is drained too seldom.
+  zorvix::Inbox recorder("recorder");
+  const zorvix::Publisher sensor(kSamples);
+  const zorvix::Subscriber recorded(kSamples, ignore, recorder, zorvix::KeepLast{5});
+
+  // 4. The modules disagree about the type.
+  const zorvix::Publisher alarm(kAlerts);
+  const zorvix::Subscriber speaker(kAlertTexts, ignore);
+
+  // 5. A server does not return, until the example ends.
+  std::atomic<bool> is_over{false};
+  zorvix::Inbox router("router");
+  const auto find_route = [&](int) {
+    while (!is_over) std::this_thread::yield();
+    return std::string("straight ahead");
+  };
+  const zorvix::Server routes(kRoutes, find_route, router);
+  const zorvix::InboxThread router_thread(router);
+
+  // 6. Nobody has started workers.
+  const zorvix::Publisher scanner(kThumbnails);
+  const zorvix::Subscriber gallery(kThumbnails, ignore, zorvix::Delivery::Queued);
+
+  // 7. The holder writes the name in another case.
+  zorvix::Holder mixer(kCapitalVolume);
+  const zorvix::Watcher slider(kVolume, ignore);
+
+  fixes.Publish({48.1, 11.6});
+  camera.Publish(1);
+  for (int sample = 0; sample < 20; ++sample) sensor.Publish(sample);
+  recorder.Drain();
+  alarm.Publish({"low battery"});
+  scanner.Publish(1);
+  mixer.Set(7);
+  std::thread caller([] { zorvix::Client(kRoutes).Call(1); });
+  std::this_thread::sleep_for(milliseconds(1500));
+
+  std::cout << zorvix::Inspect();
+
+  is_over = true;
+  caller.join();
 }

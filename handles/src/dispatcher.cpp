@@ -16,6 +16,10 @@
 namespace zorvix::detail {
 namespace {
 
+// Of the tasks of the bridge's queue.
+std::atomic<int> latest_drainer{0};
+std::atomic<Clock::rep> latest_task_at{0};
+
 // Its strand is drained by the dispatcher.
 class QueuedStrand final : public Strand {
  public:
@@ -185,6 +189,8 @@ class Dispatcher {
 
   void RunTask(Ticket& ticket) {
     ticket.Return();
+    latest_drainer.store(ThisThread(), std::memory_order_relaxed);
+    latest_task_at.store(CoarseNow().time_since_epoch().count(), std::memory_order_relaxed);
     const auto strand = TakeFirst();
     if (strand == nullptr) return;
     struct ScheduleAgain {  // even after an exception
@@ -241,6 +247,11 @@ std::shared_ptr<Strand> MakeQueuedStrand(const Endpoint& endpoint) {
 }
 
 void PauseQueued(bool is_paused) { Dispatcher::Get().Pause(is_paused); }
+
+QueueDrains LookAtQueueDrains() {
+  const Clock::duration latest(latest_task_at.load(std::memory_order_relaxed));
+  return {latest_drainer.load(std::memory_order_relaxed), Clock::time_point(latest)};
+}
 
 void PostQueuedTasks() { Dispatcher::Get().PostTasks(); }
 

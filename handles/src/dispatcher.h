@@ -2,6 +2,7 @@
 #ifndef ZORVIX_HANDLES_DISPATCHER_H_
 #define ZORVIX_HANDLES_DISPATCHER_H_
 
+#include <cstddef>
 #include <memory>
 
 #include "strand.h"
@@ -18,6 +19,16 @@ std::shared_ptr<Strand> MakeQueuedStrand(const Endpoint& endpoint);
 // progress ends after its current invocation. Everything stays pending, in order. To be followed,
 // after the end of a pause, by PostQueuedTasks.
 void PauseQueued(bool is_paused);
+
+// The drains of the bridge's queue, as far as they run tasks of handles.
+struct QueueDrains {
+  int drainer = 0;  // the thread of the latest task, or 0
+  Clock::time_point latest_at;
+};
+QueueDrains LookAtQueueDrains();
+
+// Returns how many workers Workers objects have started.
+std::size_t CountWorkers();
 
 // Posts the tasks for what is pending. To be called under no lock.
 void PostQueuedTasks();

@@ -1,8 +1,5 @@
 #include "endpoint.h"
 
-#include <cxxabi.h>
-
-#include <cstdlib>
 #include <cstring>
 #include <list>
 #include <map>
@@ -10,16 +7,14 @@
 #include <unordered_map>
 
 #include "match_queue.h"
+#include "type_names.h"
 
 namespace zorvix::detail {
 namespace {
 
 // Returns the type's name with its article, such as "an app::Reading".
 std::string NameOf(const std::type_info& type) {
-  int status = 0;
-  const std::unique_ptr<char, decltype(&std::free)> demangled(
-      abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), &std::free);
-  const std::string name = demangled == nullptr ? type.name() : demangled.get();
+  const std::string name = NameOfType(type);
   const bool vowel = !name.empty() && std::strchr("aeiouAEIOU", name[0]) != nullptr;
   return (vowel ? "an " : "a ") + name;
 }

@@ -18,6 +18,7 @@ struct InboxState {
   Module& module;
   const std::shared_ptr<Strand> strand;
   const std::shared_ptr<MessageQueue> tasks;
+  const Listed listed{*tasks};
 };
 
 // Returns the strand in which a callable is invoked at that place, or null if it is invoked

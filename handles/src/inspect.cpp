@@ -1,12 +1,18 @@
 #include <zorvix/inspect.h>
 
 #include <algorithm>
-#include <iomanip>
+#include <array>
 #include <limits>
 #include <tuple>
 #include <utility>
 
+#include "dispatcher.h"
+#include "endpoint.h"
+#include "findings.h"
 #include "records.h"
+#include "threads.h"
+#include "type_names.h"
+#include "waiting_reply.h"
 
 namespace zorvix {
 namespace {
@@ -15,18 +21,133 @@ void UpdateSmallestSlowLimit(const std::multiset<std::int64_t>& limits) {
   detail::smallest_slow_limit = limits.empty() ? 0 : *limits.begin();
 }
 
-HandleInfo Describe(const detail::Record& record) {
+// Under the mutex of the list, so that the handle and its module exist.
+void DescribeCounts(HandleInfo& info, const detail::Record& record) {
   const detail::Counts counts = record.Count();
-  HandleInfo handle;
-  handle.kind = record.kind;
-  handle.name = record.name;
-  handle.module = record.module;
-  handle.pending = counts.pending;
-  handle.depth = counts.depth;
-  handle.dropped = counts.dropped;
-  handle.invocations = record.invocations.Get();
-  handle.longest = std::chrono::nanoseconds(record.longest);
-  return handle;
+  info.counterparts = counts.counterparts;
+  info.sent = record.sent.Get() + counts.sent;
+  info.received = record.received.Get() + counts.received;
+  info.rejected = record.rejected.Get() + counts.rejected;
+  info.invocations = record.invocations.Get();
+  info.pending = counts.pending;
+  info.depth = counts.depth;
+  info.dropped = counts.dropped;
+  info.longest = std::chrono::nanoseconds(record.longest);
+}
+
+void DescribeInvocation(detail::Row& row, detail::Record& record, detail::Clock::time_point now) {
+  const std::uint64_t inside = record.inside.state();
+  row.info.thread = detail::Inside::Thread(inside);
+  if (row.info.thread == 0) return;
+  if (record.seen_inside != inside) {
+    record.seen_inside = inside;
+    record.seen_at = now;
+  }
+  row.info.running_for = now - record.seen_at;
+  if (record.began_inside != inside) return;
+  row.is_running_time_exact = true;
+  row.info.running_for = now.time_since_epoch() - std::chrono::nanoseconds(record.began);
+}
+
+void DescribePlace(detail::Row& row, const detail::Record& record) {
+  if (record.strand == nullptr) {
+    const bool is_task = record.invoker == detail::Record::Invoker::kTask;
+    if (record.has_callable) row.info.place = is_task ? "queued" : "direct";
+    return;
+  }
+  row.strand = record.strand;
+  row.is_queued = record.strand->IsDrainedByTasks();
+  row.drains = record.strand->LookAtDrains();
+  if (record.has_callable) row.info.place = record.strand->place;
+}
+
+detail::Row Describe(detail::Record& record, detail::Clock::time_point now) {
+  detail::Row row;
+  row.info.kind = record.kind;
+  row.info.name = record.name;
+  row.info.module = record.module;
+  if (record.message_type != nullptr) row.info.type = detail::NameOfType(*record.message_type);
+  if (record.response_type != nullptr)
+    row.info.response = detail::NameOfType(*record.response_type);
+  if (record.participant != nullptr) {
+    const detail::Control& control = record.participant->control;
+    row.name = control.get();
+    row.bridge_type = control->bridge_type;
+    row.participants = control.use_count();
+    row.own_participants = record.own_participants;
+  }
+  if (record.server != nullptr) row.info.is_active = record.server->IsActive();
+  DescribeCounts(row.info, record);
+  DescribeInvocation(row, record, now);
+  DescribePlace(row, record);
+  return row;
+}
+
+// Counts the callers of a server.
+void CountWait(const detail::WaitingReply& wait, std::vector<detail::Row>& rows) {
+  for (auto& row : rows) {
+    const bool is_asked = row.info.kind == "Server" && row.info.is_active &&
+                          row.bridge_type == bridge::BridgeType::Sync;
+    if (is_asked && row.info.name == wait.service) ++row.info.waiting;
+  }
+}
+
+void DescribeDrained(HandleInfo& info, const detail::Strand::Drains& drains,
+                     detail::Clock::time_point now) {
+  info.thread = drains.drainer;
+  if (drains.drainer == 0) return;
+  info.drained_ago = std::max<detail::Clock::duration>(now - drains.latest_at, {});
+}
+
+// Of an inbox.
+void DescribeInbox(detail::Row& inbox, const std::vector<detail::Row>& rows,
+                   detail::Clock::time_point now) {
+  inbox.info.place.clear();
+  inbox.info.pending = inbox.drains.pending;
+  for (const auto& row : rows) {
+    if (row.strand == inbox.strand && &row != &inbox) ++inbox.info.counterparts;
+  }
+  DescribeDrained(inbox.info, inbox.drains, now);
+}
+
+// Returns whether the row is of a handle with queued delivery, and adds it to the queue's.
+bool AddToQueue(detail::Row& row, detail::Row& queue) {
+  if (!row.is_queued) return false;
+  row.drains.drainer = queue.drains.drainer;
+  row.drains.latest_at = std::max(row.drains.latest_at, queue.drains.latest_at);
+  queue.info.pending += row.info.pending;
+  return true;
+}
+
+void DescribeDrains(std::vector<detail::Row>& rows, detail::Clock::time_point now) {
+  detail::Row queue;
+  queue.info.kind = "Queue";
+  queue.info.name = "queued";
+  queue.is_queued = true;
+  queue.info.counterparts = detail::CountWorkers();
+  const detail::QueueDrains drains = detail::LookAtQueueDrains();
+  queue.drains.drainer = drains.drainer;
+  queue.drains.latest_at = drains.latest_at;
+  bool is_used = queue.info.counterparts != 0;
+  for (auto& row : rows) {
+    if (row.info.kind == "Inbox") DescribeInbox(row, rows, now);
+    if (AddToQueue(row, queue)) is_used = true;
+  }
+  DescribeDrained(queue.info, queue.drains, now);
+  if (is_used) rows.push_back(std::move(queue));
+}
+
+std::string DepthText(std::size_t depth) {
+  return depth == std::numeric_limits<std::size_t>::max() ? "all" : std::to_string(depth);
+}
+
+std::string Join(const std::vector<Finding>& findings) {
+  std::string text;
+  for (const Finding& finding : findings) {
+    if (!text.empty()) text += "; ";
+    text += finding.text;
+  }
+  return text;
 }
 
 }  // namespace
@@ -47,42 +168,56 @@ SlowLog::~SlowLog() {
 }
 
 std::vector<HandleInfo> Inspect() {
-  std::vector<HandleInfo> handles;
+  const auto now = detail::Clock::now();
+  std::vector<detail::Row> rows;
   {
     auto& process = detail::Process::Get();
     const detail::Lock lock(process.mutex);
-    for (const auto* record : process.records) handles.push_back(Describe(*record));
+    for (auto* record : process.records) rows.push_back(Describe(*record, now));
+    for (const auto* wait : process.waits) CountWait(*wait, rows);
   }
-  std::sort(handles.begin(), handles.end(), [](const HandleInfo& a, const HandleInfo& b) {
-    return std::tie(a.name, a.kind, a.module) < std::tie(b.name, b.kind, b.module);
+  DescribeDrains(rows, now);
+  for (auto& row : rows) {
+    if (row.info.thread != 0) row.info.thread_name = detail::NameOfThread(row.info.thread);
+  }
+  detail::FindProblems(rows, now, detail::smallest_slow_limit);
+  std::sort(rows.begin(), rows.end(), [](const detail::Row& a, const detail::Row& b) {
+    return std::tie(a.info.name, a.info.kind, a.info.module) <
+           std::tie(b.info.name, b.info.kind, b.info.module);
   });
+  std::vector<HandleInfo> handles;
+  handles.reserve(rows.size());
+  for (auto& row : rows) handles.push_back(std::move(row.info));
   return handles;
 }
 
 std::ostream& operator<<(std::ostream& out, const std::vector<HandleInfo>& handles) {
-  constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
-  std::size_t name_width = 4;
-  std::size_t module_width = 6;
+  using Line = std::array<std::string, 12>;
+  std::vector<Line> lines{{"name", "kind", "module", "place", "peers", "sent", "received",
+                           "pending", "depth", "dropped", "longest, ms", "what is wrong"}};
   for (const auto& handle : handles) {
-    name_width = std::max(name_width, handle.name.size());
-    module_width = std::max(module_width, handle.module.size());
+    lines.push_back({handle.name, handle.kind, handle.module, handle.place,
+                     std::to_string(handle.counterparts), std::to_string(handle.sent),
+                     std::to_string(handle.received), std::to_string(handle.pending),
+                     DepthText(handle.depth), std::to_string(handle.dropped),
+                     std::to_string(handle.longest.count() / 1'000'000), Join(handle.findings)});
   }
-  const auto row = [&](const std::string& name, const std::string& kind, const std::string& module,
-                       const auto&... numbers) {
-    const auto text = [&](std::size_t width, const std::string& value) {
-      out << value << std::string(width - std::min(width, value.size()) + 2, ' ');
-    };
-    text(name_width, name);
-    text(10, kind);
-    text(module_width, module);
-    ((out << std::setw(12) << numbers), ...);
+  constexpr std::size_t kFirstNumber = 4;
+  constexpr std::size_t kLast = std::tuple_size_v<Line> - 1;
+  std::array<std::size_t, kLast> widths{};
+  for (const Line& line : lines) {
+    for (std::size_t column = 0; column < kLast; ++column) {
+      widths[column] = std::max(widths[column], line[column].size());
+    }
+  }
+  for (const Line& line : lines) {
+    for (std::size_t column = 0; column < kLast; ++column) {
+      const std::string spaces(widths[column] - line[column].size(), ' ');
+      if (column != 0) out << "  ";
+      out << (column < kFirstNumber ? line[column] + spaces : spaces + line[column]);
+    }
+    if (!line[kLast].empty()) out << "  " << line[kLast];
     out << '\n';
-  };
-  row("name", "kind", "module", "pending", "depth", "dropped", "invocations", "longest, ms");
-  for (const auto& handle : handles) {
-    const std::string depth = handle.depth == kAll ? "all" : std::to_string(handle.depth);
-    row(handle.name, handle.kind, handle.module, handle.pending, depth, handle.dropped,
-        handle.invocations, handle.longest.count() / 1'000'000);
   }
   return out;
 }

@@ -31,8 +31,9 @@ class LatestQueue : public Queue {
   LatestQueue(const char* its_kind, const Endpoint& endpoint, std::shared_ptr<Strand> its_strand,
               Callable callable)
       : Queue(its_kind, endpoint.name, endpoint.module, std::move(its_strand)),
-        has_callable_(callable),
-        callable_(std::move(callable)) {}
+        callable_(std::move(callable)) {
+    has_callable = static_cast<bool>(callable_);
+  }
 
   Value Newest() const {
     const Lock lock(mutex_);
@@ -50,7 +51,7 @@ class LatestQueue : public Queue {
     const Lock lock(mutex_);
     Counts counts;
     if (turn_ != 0) counts.pending = 1;
-    if (has_callable_) counts.depth = 1;
+    if (has_callable) counts.depth = 1;
     counts.received = received_;
     return counts;
   }
@@ -63,7 +64,7 @@ class LatestQueue : public Queue {
       const Lock lock(mutex_);
       if (has_ended_ || !update(value_)) return;
       ++received_;
-      if (!has_callable_ || turn_ != 0 || IsClosed()) return;
+      if (!has_callable || turn_ != 0 || IsClosed()) return;
       turn_ = AddTurn(true);
     }
     AfterPush();
@@ -88,7 +89,6 @@ class LatestQueue : public Queue {
   }
   void DestroyCallable() override { callable_.Reset(); }
 
-  const bool has_callable_;
   Callable callable_;
   Value taken_{};  // by the drain in progress
   std::uint64_t received_ ZORVIX_GUARDED_BY(mutex_) = 0;

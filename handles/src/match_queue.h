@@ -43,6 +43,11 @@ class MatchQueue final : public LatestQueue<Matched> {
       return has_begun_;
     });
   }
+  Counts Count() const override {
+    Counts counts = LatestQueue::Count();
+    counts.counterparts = Newest().count;
+    return counts;
+  }
 
  private:
   bool has_begun_ ZORVIX_GUARDED_BY(mutex_) = false;

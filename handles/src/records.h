@@ -79,6 +79,7 @@ struct Record {
   const std::string name;  // of the topic, service or state
   const char* const module;
   // Set before the record is listed; `invoker` before the handle is registered.
+  bool has_callable = false;
   Invoker invoker = Invoker::kDelivery;
   const std::type_info* message_type = nullptr;  // or of requests or values
   const std::type_info* response_type = nullptr;
@@ -105,7 +106,9 @@ struct Record {
 // What invokes a callable. Others may share it for longer than its handle exists.
 struct Receiver : Record {
   Receiver(const char* its_kind, const std::string& its_name, Module& its_module)
-      : Record(its_kind, its_name, its_module), code_(its_module) {}
+      : Record(its_kind, its_name, its_module), code_(its_module) {
+    has_callable = true;
+  }
   // To be called while code of the module throws an exception that cannot be copied: whoever
   // catches it destroys it, which may be code of the module, too.
   void KeepLoadedForException() const {

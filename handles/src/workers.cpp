@@ -73,6 +73,7 @@ class Pool {
     const Lock lock(mutex_);
     threads_.emplace_back(&Pool::Spin, this, workers);
     ++spinning_;
+    workers_ += workers;
     ++owners_;
     changed_.NotifyAll();  // a stop in progress ends
   }
@@ -111,6 +112,11 @@ class Pool {
     return true;
   }
 
+  std::size_t Count() {
+    const Lock lock(mutex_);
+    return workers_;
+  }
+
  private:
   bool HasWorkersToStop() const ZORVIX_REQUIRES(mutex_) { return owners_ == 0 && spinning_ != 0; }
 
@@ -126,6 +132,7 @@ class Pool {
     if (is_wanted) Bridge().Spin(workers);
     const Lock lock(mutex_);
     --spinning_;
+    workers_ -= workers;
     changed_.NotifyAll();
   }
 
@@ -173,6 +180,7 @@ class Pool {
   Mutex mutex_;
   Condition changed_;
   std::size_t owners_ ZORVIX_GUARDED_BY(mutex_) = 0;
+  std::size_t workers_ ZORVIX_GUARDED_BY(mutex_) = 0;   // of all Spins
   std::size_t spinning_ ZORVIX_GUARDED_BY(mutex_) = 0;  // threads whose Spin has not returned
   bool is_stopping_ ZORVIX_GUARDED_BY(mutex_) = false;  // until RunStopper ends
   std::vector<std::thread> threads_ ZORVIX_GUARDED_BY(mutex_);
@@ -180,6 +188,9 @@ class Pool {
 };
 
 }  // namespace
+
+std::size_t CountWorkers() { return Pool::Get().Count(); }
+
 }  // namespace detail
 
 Workers::Workers(unsigned long count) {

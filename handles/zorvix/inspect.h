@@ -1,7 +1,7 @@
-// Reports what the handles of the process do: which are registered, what is pending and dropped,
-// and which callables are slow. Covers all modules, also those loaded with RTLD_LOCAL.
+// Reports what the handles of the process do, and what is wrong with them. Covers all modules, also
+// those loaded with RTLD_LOCAL.
 //
-//   std::cerr << zorvix::Inspect();
+//   std::cerr << zorvix::Inspect();  // a table: read its last column
 //   const zorvix::SlowLog slow(std::chrono::milliseconds(16));
 #ifndef ZORVIX_INSPECT_H_
 #define ZORVIX_INSPECT_H_
@@ -11,38 +11,100 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
 namespace zorvix {
 
-struct HandleInfo {
-  std::string kind;    // "Publisher", "Subscriber", "Server", "Client", "Holder", "Watcher" or
-                       // "Presence"
-  std::string name;    // of the topic, service or state
-  std::string module;  // file name of the module that constructed it, such as "libhud.so"
-  // Of a handle with an inbox or queued delivery, at the moment at which it was looked at:
-  std::size_t pending = 0;  // messages, requests or answers
-  std::size_t depth = 0;    // of KeepLast; 0: nothing is kept; the largest number: KeepAll
-  std::size_t dropped = 0;  // since the handle was constructed
-  // While a SlowLog lived:
-  std::uint64_t invocations = 0;
-  std::chrono::nanoseconds longest{0};
+enum class Problem {
+  // There is no counterpart. Says so, too, if only its name is similar, or if it is of another
+  // BridgeType. Not found if there are endpoints of that name that were registered without a
+  // handle.
+  NoSubscriber,
+  NoPublisher,
+  NoServer,
+  NoHolder,
+  NoClient,   // found only if there is a client of a similar name
+  NoWatcher,  // in the same way
+  OtherKind,  // a counterpart of that name has another BridgeType
+  OtherType,  // a counterpart has another type
+  Rejected,   // messages of another type have arrived
+  Replaced,   // another server or holder is asked
+  Drops,      // the queue was full; not for KeepLast{1}, where that is intended
+  Running,    // for a second or longer
+  Slow,       // its longest invocation exceeds the limit of a SlowLog
+  // Something is pending, but no thread takes it:
+  NeverDrained,
+  NotDrained,  // for a second by the bridge's queue, for ten seconds by an inbox
+  NoWorkers,
+  InboxDestroyed,
 };
 
-// Returns the handles of the process, sorted by name, kind and module. Any thread may call it at
-// any time, also inside a callable. Handles that are constructed or destroyed meanwhile may be
-// missing.
+// What is wrong with a handle, and in words, such as "no subscriber; similar name: gps/fix
+// (libgps.so)".
+struct Finding {
+  Problem problem;
+  std::string text;
+};
+
+// A handle, an inbox or the bridge's queue, at the moment at which it was looked at. Numbers count
+// from its construction on.
+struct HandleInfo {
+  std::string kind;    // "Publisher", "Subscriber", "Server", "Client", "Holder", "Watcher",
+                       // "Presence", "Inbox" or "Queue"
+  std::string name;    // of the topic, service, state or inbox
+  std::string module;  // file name of the module that constructed it, such as "libhud.so"
+  std::string place;   // where its callable is invoked: "direct", "queued" or the inbox's name
+
+  std::string type;      // of messages, requests or values, such as "app::Reading"
+  std::string response;  // of a service
+
+  // Handles at the other end. Of an inbox, those that are invoked there; of the queue, the workers
+  // that Workers objects have started.
+  std::size_t counterparts = 0;
+  bool is_active = false;  // the server or holder that is asked, of those that there are
+
+  std::uint64_t sent = 0;      // messages published, values set, calls made
+  std::uint64_t received = 0;  // messages, requests, values; for a client, answers to callables
+  std::uint64_t rejected = 0;  // because of their type
+  std::uint64_t invocations = 0;
+
+  // Of a handle with an inbox or queued delivery:
+  std::size_t pending = 0;  // messages, requests or answers; of an inbox, of all its handles
+  std::size_t depth = 0;    // of KeepLast; 0: nothing is kept; the largest number: KeepAll
+  std::size_t dropped = 0;
+
+  // The thread that is inside the callable, or that drains the inbox or queue, or was the last to
+  // do so. 0: none.
+  int thread = 0;
+  std::string thread_name;
+  // How long it has been inside the callable at least: that is exact if a SlowLog lived when it
+  // entered; otherwise, it is the time since Inspect first saw it there. Empty: it is not inside.
+  std::optional<std::chrono::nanoseconds> running_for;
+  std::chrono::nanoseconds longest{0};  // invocation while a SlowLog lived
+
+  std::size_t waiting = 0;  // threads in blocking calls, which wait for the server's answer
+  // Of an inbox and of the queue, whose drains are seen if they run tasks of handles: how long ago
+  // the last one was. Empty: never.
+  std::optional<std::chrono::nanoseconds> drained_ago;
+
+  std::vector<Finding> findings;
+};
+
+// Returns the handles and inboxes of the process, and the bridge's queue if there are queued
+// handles or workers, sorted by name, kind and module. Any thread may call it at any time, also
+// inside a callable. Handles that are constructed or destroyed meanwhile may be missing.
 ZORVIX_EXPORT std::vector<HandleInfo> Inspect();
 
-// Prints a table with a line for each handle.
+// Prints a table with a line for each, whose last column says what is wrong.
 ZORVIX_EXPORT std::ostream& operator<<(std::ostream& out, const std::vector<HandleInfo>& handles);
 
 // While an object exists, each invocation of a handle's callable or of a posted task that takes
-// longer than the limit is logged as a WARN, with kind, name, module and milliseconds, and the
-// invocations of each handle are counted; the counts are kept afterwards. If there are several
-// objects, the smallest limit applies. Without one, no clock is read. Any thread may construct it.
+// longer than the limit is logged as a WARN, with kind, name, module and milliseconds, and
+// HandleInfo::longest is kept. If there are several objects, the smallest limit applies. Without
+// one, no clock is read. Any thread may construct it.
 class ZORVIX_EXPORT SlowLog {
  public:
   [[nodiscard]] explicit SlowLog(std::chrono::milliseconds limit);
