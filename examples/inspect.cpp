@@ -9,8 +9,6 @@
 #include <string>
 #include <thread>
 
-namespace {
-
 using std::chrono::milliseconds;
 
 struct Alert {
@@ -32,8 +30,6 @@ const zorvix::Service<int, std::string> kRoutes{"routes"};
 const zorvix::Topic<int> kThumbnails{"thumbnails"};
 const zorvix::State<int> kVolume{"volume"};
 const zorvix::State<int> kCapitalVolume{"Volume"};
-
-}  // namespace
 
 int main() {
   const zorvix::SlowLog slow(milliseconds(16));  // a frame of a screen with 60 Hz

@@ -1,5 +1,6 @@
 // What Inspect, SlowLog, the log and traces tell of handles.
 #include <zorvix/inspect.h>
+#include <zorvix/presence.h>
 #include <zorvix/state.h>
 
 #include <future>
@@ -9,6 +10,7 @@
 
 #include "bridge_test.h"
 #include "modules/payload.h"
+#include "threads.h"
 
 namespace {
 
@@ -51,19 +53,33 @@ const zorvix::State<int> kState{"state"};
 const auto ignore = [](auto) {};
 const auto answer = [](int number) { return number; };
 
-// Returns the table's line of each handle, with single spaces: its name, kind, module, pending
-// messages, depth, dropped messages, invocations and longest invocation in milliseconds.
+// Returns the table's line of each handle, with single spaces: its name, kind, module, place,
+// counterparts, messages sent, received and pending, depth, dropped messages, longest invocation in
+// milliseconds, and what is wrong.
 Lines InspectLines() {
   std::stringstream table;
   table << zorvix::Inspect();
   std::string heading;
   std::getline(table, heading);
+  const std::size_t last_column = heading.find("  what is wrong");
   Lines lines;
   for (std::string line; std::getline(table, line);) {
-    EXPECT_EQ(line.size(), heading.size()) << line;
+    EXPECT_TRUE(line.size() == last_column || line.substr(last_column, 2) == "  ") << line;
     const auto are_spaces = [](char one, char other) { return one == ' ' && other == ' '; };
     line.erase(std::unique(line.begin(), line.end(), are_spaces), line.end());
     lines.push_back(line);
+  }
+  return lines;
+}
+
+// Returns such as "t Publisher: no subscriber" for each handle that has something wrong.
+Lines Findings() {
+  Lines lines;
+  for (const auto& handle : zorvix::Inspect()) {
+    std::string line = handle.name + ' ' + handle.kind + ':';
+    for (const auto& finding : handle.findings) line += ' ' + finding.text + ';';
+    line.pop_back();
+    if (!handle.findings.empty()) lines.push_back(line);
   }
   return lines;
 }
@@ -75,68 +91,90 @@ TEST_F(Bridge, InspectListsEachHandleOnceAsLongAsItLives) {
     const Ints direct(kTopic, ignore);
     const zorvix::Holder holder(kState);
     const zorvix::Watcher watcher(kState);
-    const zorvix::Watcher with_inbox(zorvix::State<int>{"other state"}, ignore, inbox);
+    const zorvix::Watcher with_inbox(kState, ignore, inbox);
+    const zorvix::Presence presence(kTopic, ignore, Delivery::Queued);
     IntServer server(kService, answer);
     IntClient client(kService);
     const IntServer moved_server(std::move(server));
     const IntClient moved_client(std::move(client));
+    const zorvix::Workers workers(2);
+    WaitForLog("Spin loop once lock.", 2);
 
     EXPECT_EQ(InspectLines(), (Lines{
-                                  "other state Watcher zorvix_test 0 1 0 0 0",
-                                  "s Client zorvix_test 0 0 0 0 0",
-                                  "s Server zorvix_test 0 0 0 0 0",
-                                  "state Holder zorvix_test 0 0 0 0 0",
-                                  "state Watcher zorvix_test 0 0 0 0 0",
-                                  "t Publisher zorvix_test 0 0 0 0 0",
-                                  "t Subscriber zorvix_test 0 0 0 0 0",
+                                  "inbox Inbox zorvix_test 1 0 0 0 all 0 0",
+                                  "queued Queue 2 0 0 0 0 0 0",
+                                  "s Client zorvix_test 1 0 0 0 0 0 0",
+                                  "s Server zorvix_test direct 1 0 0 0 0 0 0",
+                                  "state Holder zorvix_test 2 0 0 0 0 0 0",
+                                  "state Watcher zorvix_test 1 0 0 0 0 0 0",
+                                  "state Watcher zorvix_test inbox 1 0 0 0 1 0 0",
+                                  "t Presence zorvix_test queued 1 0 1 0 1 0 0",
+                                  "t Publisher zorvix_test 1 0 0 0 0 0 0",
+                                  "t Subscriber zorvix_test direct 1 0 0 0 0 0 0",
                               }));
   }
   EXPECT_EQ(InspectLines(), Lines());
 }
 
-TEST_F(Bridge, InspectCountsWhatIsPendingAndDropped) {
+TEST_F(Bridge, InspectCountsWhatIsSentReceivedPendingAndDropped) {
   std::optional<Inbox> inbox(std::in_place);
   const zorvix::Topic<int> a{"a"};
   const zorvix::Topic<int> b{"b"};
   const Ints with_inbox(a, ignore, *inbox, KeepLast{2});
   const Ints queued(b, ignore, Delivery::Queued, KeepLast{3});
-  const Ints keeps_all(zorvix::Topic<int>{"c"}, ignore, *inbox, zorvix::KeepAll());
+  const Ints keeps_all(b, ignore, *inbox, zorvix::KeepAll());
   const IntServer server(kService, answer, *inbox, KeepLast{4});
   const zorvix::Watcher watcher(kState, ignore, *inbox);
+  const zorvix::Watcher direct(kState, ignore);
   zorvix::Holder holder(kState);
   const IntClient client(kService, *inbox, KeepLast{5});
+  const zorvix::Publisher publisher_a(a);
+  const zorvix::Publisher publisher_b(b);
+  publisher_b.Publish(0);
+  ZorvixSpinOnce();
 
   for (int number = 0; number < 6; ++number) {
-    zorvix::Publisher(a).Publish(number);
-    zorvix::Publisher(b).Publish(number);
+    publisher_a.Publish(number);
+    std::thread([&] { publisher_b.Publish(number); }).join();
     client.Call(number, ignore);
     holder.Set(number);
   }
   EXPECT_EQ(InspectLines(), (Lines{
-                                "a Subscriber zorvix_test 2 2 4 0 0",
-                                "b Subscriber zorvix_test 3 3 3 0 0",
-                                "c Subscriber zorvix_test 0 all 0 0 0",
-                                "s Client zorvix_test 2 5 1 0 0",
-                                "s Server zorvix_test 4 4 1 0 0",
-                                "state Holder zorvix_test 0 0 0 0 0",
-                                "state Watcher zorvix_test 1 1 0 0 0",
+                                "a Publisher zorvix_test 1 6 0 0 0 0 0",
+                                "a Subscriber zorvix_test inbox 1 0 6 2 2 4 0 never drained; drops",
+                                "b Publisher zorvix_test 2 7 0 0 0 0 0",
+                                "b Subscriber zorvix_test queued 1 0 7 3 3 3 0 drops",
+                                "b Subscriber zorvix_test inbox 1 0 7 7 all 0 0 never drained",
+                                "inbox Inbox zorvix_test 5 0 0 16 all 0 0 never drained",
+                                "queued Queue 0 0 0 3 0 0 0",
+                                "s Client zorvix_test inbox 1 6 0 2 5 1 0 never drained; drops",
+                                "s Server zorvix_test inbox 1 0 5 4 4 1 0 never drained; drops",
+                                "state Holder zorvix_test 2 6 0 0 0 0 0",
+                                "state Watcher zorvix_test inbox 1 0 6 1 1 0 0 never drained",
+                                "state Watcher zorvix_test direct 1 0 6 0 1 0 0",
                             }));
 
   inbox->Drain();
   ZorvixSpinOnce();
   EXPECT_EQ(InspectLines(), (Lines{
-                                "a Subscriber zorvix_test 0 2 4 0 0",
-                                "b Subscriber zorvix_test 0 3 3 0 0",
-                                "c Subscriber zorvix_test 0 all 0 0 0",
-                                "s Client zorvix_test 4 5 1 0 0",
-                                "s Server zorvix_test 0 4 1 0 0",
-                                "state Holder zorvix_test 0 0 0 0 0",
-                                "state Watcher zorvix_test 0 1 0 0 0",
+                                "a Publisher zorvix_test 1 6 0 0 0 0 0",
+                                "a Subscriber zorvix_test inbox 1 0 6 0 2 4 0 drops",
+                                "b Publisher zorvix_test 2 7 0 0 0 0 0",
+                                "b Subscriber zorvix_test queued 1 0 7 0 3 3 0 drops",
+                                "b Subscriber zorvix_test inbox 1 0 7 0 all 0 0",
+                                "inbox Inbox zorvix_test 5 0 0 4 all 0 0",
+                                "queued Queue 0 0 0 0 0 0 0",
+                                "s Client zorvix_test inbox 1 6 4 4 5 1 0 drops",
+                                "s Server zorvix_test inbox 1 0 5 0 4 1 0 drops",
+                                "state Holder zorvix_test 2 6 0 0 0 0 0",
+                                "state Watcher zorvix_test inbox 1 0 6 0 1 0 0",
+                                "state Watcher zorvix_test direct 1 0 6 0 1 0 0",
                             }));
 
   holder.Set(6);
   inbox.reset();
   for (const auto& handle : zorvix::Inspect()) EXPECT_EQ(handle.pending, 0u) << handle.name;
+  EXPECT_EQ(Count(Findings(), "its inbox is destroyed"), 5u);
 }
 
 TEST_F(Bridge, InspectSeesCompleteHandlesWhileOthersComeAndGo) {
@@ -163,7 +201,7 @@ TEST_F(Bridge, InspectSeesCompleteHandlesWhileOthersComeAndGo) {
   }
   is_done = true;
   for (auto& thread : threads) thread.get();
-  EXPECT_EQ(InspectLines(), Lines{"state Holder zorvix_test 0 0 0 0 0"});
+  EXPECT_EQ(InspectLines(), Lines{"state Holder zorvix_test 0 0 0 0 0 0 0"});
 }
 
 TEST_F(Bridge, InspectCoversModulesThatAreLoadedApart) {
@@ -174,19 +212,174 @@ TEST_F(Bridge, InspectCoversModulesThatAreLoadedApart) {
   BIND(two, Subscribe)();
   publisher.Publish(1);
 
-  EXPECT_EQ(InspectLines(), (Lines{
-                                "never drained Publisher zorvix_test 0 0 0 0 0",
-                                "never drained Subscriber libhidden.so 1 2 0 0 0",
-                                "never drained Subscriber libvisible.so 1 2 0 0 0",
-                            }));
-  EXPECT_EQ(BIND(two, CountHandles)(), 3u);
+  EXPECT_EQ(InspectLines(),
+            (Lines{
+                "inbox Inbox libhidden.so 1 0 0 1 all 0 0 never drained",
+                "inbox Inbox libvisible.so 1 0 0 1 all 0 0 never drained",
+                "never drained Publisher zorvix_test 2 1 0 0 0 0 0",
+                "never drained Subscriber libhidden.so inbox 1 0 1 1 2 0 0 never drained",
+                "never drained Subscriber libvisible.so inbox 1 0 1 1 2 0 0 never drained",
+            }));
+  EXPECT_EQ(BIND(two, CountHandles)(), 5u);
 
   BIND(one, Leave)();
   EXPECT_TRUE(one.Unload());
-  EXPECT_EQ(InspectLines().size(), 2u);
+  EXPECT_EQ(InspectLines().size(), 3u);
   BIND(two, Leave)();
   EXPECT_TRUE(two.Unload());
   EXPECT_EQ(InspectLines().size(), 1u);
+}
+
+TEST_F(Bridge, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
+  using Handles = std::vector<std::shared_ptr<void>>;
+  const auto add = [](Handles& handles, auto handle) {
+    handles.push_back(std::make_shared<decltype(handle)>(std::move(handle)));
+  };
+  struct Row {
+    std::function<void(Handles&)> construct;
+    Lines findings;
+  };
+  const zorvix::Topic<int, BridgeType::Async> async{"t"};
+  const zorvix::Topic<std::string> texts{"t"};
+  const auto similar = [](const char* name) { return zorvix::Topic<int>{name}; };
+  const Row rows[] = {
+      {[&](Handles& all) { add(all, zorvix::Publisher(kTopic)); }, {"t Publisher: no subscriber"}},
+      {[&](Handles& all) { add(all, zorvix::Publisher(kTopic, zorvix::Audience::Optional)); }, {}},
+      {[&](Handles& all) { add(all, Ints(kTopic, ignore)); }, {"t Subscriber: no publisher"}},
+      {[&](Handles& all) { add(all, IntClient(kService)); }, {"s Client: no server"}},
+      {[&](Handles& all) { add(all, IntServer(kService, answer)); }, {}},
+      {[&](Handles& all) { add(all, zorvix::Watcher(kState)); }, {"state Watcher: no holder"}},
+      {[&](Handles& all) { add(all, zorvix::Holder(kState)); }, {}},
+      // Names: of another case, two edits away, three edits away, and short.
+      {[&](Handles& all) {
+         add(all, zorvix::Holder(kState));
+         add(all, zorvix::Watcher(zorvix::State<int>{"STATE"}));
+       },
+       {"STATE Watcher: no holder; similar name: state (zorvix_test)",
+        "state Holder: no watcher; similar name: STATE (zorvix_test)"}},
+      {[&](Handles& all) {
+         add(all, zorvix::Publisher(similar("distance")));
+         add(all, Ints(similar("ditsance"), ignore));
+       },
+       {"distance Publisher: no subscriber; similar name: ditsance (zorvix_test)",
+        "ditsance Subscriber: no publisher; similar name: distance (zorvix_test)"}},
+      {[&](Handles& all) {
+         add(all, zorvix::Publisher(similar("distance")));
+         add(all, Ints(similar("instances"), ignore));
+         add(all, Ints(similar("ab"), ignore));
+         add(all, zorvix::Publisher(similar("b")));
+       },
+       {"ab Subscriber: no publisher", "b Publisher: no subscriber",
+        "distance Publisher: no subscriber", "instances Subscriber: no publisher"}},
+      {[&](Handles& all) {
+         add(all, zorvix::Publisher(kTopic));
+         add(all, zorvix::Subscriber(async, ignore));
+       },
+       {"t Publisher: other kind: zorvix_test is Async; no subscriber",
+        "t Subscriber: other kind: zorvix_test is Sync; no publisher"}},
+      {[&](Handles& all) {
+         add(all, zorvix::Publisher(kTopic));
+         add(all, Ints(kTopic, ignore));
+         add(all, zorvix::Subscriber(texts, ignore));
+         zorvix::Publisher(kTopic).Publish(1);
+       },
+       {"t Publisher: other message type: zorvix_test takes std::string",
+        "t Subscriber: other message type: zorvix_test publishes int; "
+        "rejected because of their type: 1"}},
+      {[&](Handles& all) {
+         add(all, IntClient(kService));
+         add(all, zorvix::Server(zorvix::Service<int, std::string>{"s"}, [](int) { return ""; }));
+       },
+       {"s Client: other message type: zorvix_test serves int -> std::string",
+        "s Server: other message type: zorvix_test calls with int -> int"}},
+      {[&](Handles& all) {
+         add(all, IntServer(kService, answer));
+         add(all, IntServer(kService, answer, Delivery::Queued));
+       },
+       {"s Server: replaced by zorvix_test"}},
+      {[&](Handles& all) {
+         for (int i = 0; i < 2; ++i) add(all, zorvix::Holder(kState));
+         all.pop_back();
+       },
+       {}},
+      {[&](Handles& all) {
+         add(all, Ints(kTopic, ignore, Delivery::Queued, KeepLast{1}));
+         for (int i = 0; i < 2; ++i) zorvix::Publisher(kTopic).Publish(i);
+         ZorvixSpinOnce();
+       },
+       {"t Subscriber: no publisher"}},
+      // Endpoints without a handle may be what is missing.
+      {[&](Handles& all) {
+         Subscribed("t", BridgeType::Sync, {Subscriber([](auto&) {})});
+         Service("s", BridgeType::Sync, Server([](auto&, auto&) {}));
+         add(all, zorvix::Publisher(kTopic));
+         add(all, IntClient(kService));
+       },
+       {}},
+      {[&](Handles& all) {
+         add(all, IntServer(kService, answer));
+         Service("s", BridgeType::Sync, Server([](auto&, auto&) {}));
+       },
+       {"s Server: replaced by a server without a handle"}},
+  };
+  for (const auto& row : rows) {
+    Handles handles;
+    row.construct(handles);
+    EXPECT_EQ(Findings(), row.findings);
+  }
+}
+
+TEST_F(Bridge, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
+  using std::chrono::seconds;
+  const zorvix::Service<int, int> queued_service{"queued service"};
+  std::atomic<bool> is_over{false};
+  const auto wait = [&](int) {
+    EXPECT_TRUE(ComesTrue([&] { return is_over.load(); }));
+    return 0;
+  };
+  const IntServer server(queued_service, wait, Delivery::Queued);
+  const Ints direct(kTopic, wait);
+  const auto on_thread = [](const char* name, auto function) {
+    return std::thread([=] {
+      pthread_setname_np(pthread_self(), name);
+      function();
+    });
+  };
+  std::thread threads[] = {
+      on_thread("caller", [&] { IntClient(queued_service).Call(1); }),
+      on_thread("publisher", [] { zorvix::Publisher(kTopic).Publish(1); }),
+      on_thread("drainer",
+                [&] {
+                  while (!is_over) ZorvixSpinOnce();
+                }),
+  };
+  const auto find = [](const std::string& kind) {
+    for (const auto& handle : zorvix::Inspect()) {
+      if (handle.kind == kind) return handle;
+    }
+    return zorvix::HandleInfo();
+  };
+  const auto are_inside = [&] {
+    return find("Server").thread != 0 && find("Subscriber").thread != 0;
+  };
+  EXPECT_TRUE(ComesTrue(are_inside));
+  EXPECT_EQ(Findings(), Lines());
+  EXPECT_EQ(find("Server").thread_name, "drainer");
+  EXPECT_EQ(find("Server").waiting, 1u);
+  EXPECT_EQ(find("Queue").thread, find("Server").thread);
+
+  std::this_thread::sleep_for(milliseconds(1000));
+  const auto text = [&](const char* kind) {
+    return "running for at least 1 s on thread " + std::to_string(find(kind).thread);
+  };
+  EXPECT_EQ(Findings(),
+            (Lines{
+                "queued service Server: " + text("Server") + " (drainer), calls that wait: 1",
+                "t Subscriber: " + text("Subscriber") + " (publisher)",
+            }));
+  is_over = true;
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(find("Subscriber").thread, 0);
 }
 
 TEST_F(Bridge, DroppedMessagesAreLoggedWithTheModuleWhoseHandleDropsThem) {
@@ -262,19 +455,20 @@ TEST_F(Bridge, SmallestLimitCountsAndMeasuringStopsWithTheLastSlowLog) {
   };
 
   EXPECT_EQ(publish(), 0u);
-  EXPECT_EQ(zorvix::Inspect().at(0).invocations, 0u) << "not measured from its beginning on";
+  EXPECT_EQ(zorvix::Inspect().at(0).longest.count(), 0) << "not measured from its beginning on";
   EXPECT_EQ(publish(), 0u);
   EXPECT_GE(zorvix::Inspect().at(0).longest, milliseconds(2));
   low.emplace(milliseconds(0));
   EXPECT_EQ(publish(), 1u);
+  EXPECT_EQ(Count(Findings(), " ms on the publisher's thread"), 1u);
   low.reset();
   EXPECT_EQ(publish(), 0u);
   low.emplace(milliseconds(0));
   high.reset();
   EXPECT_EQ(publish(), 1u);
   low.reset();
-  EXPECT_EQ(publish(), 0u);
-  EXPECT_EQ(zorvix::Inspect().at(0).invocations, 4u) << "not measured any more";
+  EXPECT_EQ(publish(), 0u) << "not measured any more";
+  EXPECT_EQ(zorvix::Inspect().at(0).invocations, 6u);
 }
 
 TEST_F(Bridge, MeasuredTaskMayDestroyItsInboxAndThrow) {

@@ -181,7 +181,7 @@ std::vector<HandleInfo> Inspect() {
     if (row.info.thread != 0) row.info.thread_name = detail::NameOfThread(row.info.thread);
   }
   detail::FindProblems(rows, now, detail::smallest_slow_limit);
-  std::sort(rows.begin(), rows.end(), [](const detail::Row& a, const detail::Row& b) {
+  std::stable_sort(rows.begin(), rows.end(), [](const detail::Row& a, const detail::Row& b) {
     return std::tie(a.info.name, a.info.kind, a.info.module) <
            std::tie(b.info.name, b.info.kind, b.info.module);
   });

@@ -65,7 +65,7 @@ std::string NameOfType(const std::type_info& type) {
 
 bool AreSimilar(const std::string& one, const std::string& other) {
   if (AreEqualButForCase(one, other)) return true;
-  const auto [shorter, longer] = std::minmax(one.size(), other.size());
+  const auto [shorter, longer] = std::minmax({one.size(), other.size()});
   // Short names have little in common even if few edits are between them.
   if (longer - shorter > kMostEdits || shorter <= kMostEdits) return false;
   return CountEdits(one, other) <= kMostEdits;

@@ -94,8 +94,9 @@ struct HandleInfo {
 };
 
 // Returns the handles and inboxes of the process, and the bridge's queue if there are queued
-// handles or workers, sorted by name, kind and module. Any thread may call it at any time, also
-// inside a callable. Handles that are constructed or destroyed meanwhile may be missing.
+// handles or workers, sorted by name, kind and module, and then in the order of construction. Any
+// thread may call it at any time, also inside a callable. Handles that are constructed or destroyed
+// meanwhile may be missing.
 ZORVIX_EXPORT std::vector<HandleInfo> Inspect();
 
 // Prints a table with a line for each, whose last column says what is wrong.
