@@ -1,4 +1,6 @@
 // What inboxes and queued subscribers promise beyond the walk: fairness, and laws under threads.
+#include <sys/prctl.h>
+
 #include <list>
 
 #include "bridge_test.h"
@@ -330,6 +332,23 @@ TEST_F(Bridge, InboxThreadWithNothingPendingEnds) {
     inbox.Post([&] { done = true; });
     EXPECT_TRUE(ComesTrue([&] { return done.load(); }));
     while (delay > 0) --delay;
+  }
+}
+
+TEST_F(Bridge, InboxThreadHasTheInboxsNameOrItsOwnInAtMost15Bytes) {
+  const std::pair<const char*, const char*> rows[] = {{"", "inbox"},
+                                                      {"tiles", "tiles"},
+                                                      {"loads the map's tiles", "loads the map's"},
+                                                      {"no half of an ä", "no half of an "}};
+  for (const auto& [given, expected] : rows) {
+    SCOPED_TRACE(expected);
+    Inbox inbox;
+    char name[16] = "";
+    inbox.Post([&name] { prctl(PR_GET_NAME, name); });
+
+    std::optional<zorvix::InboxThread>(std::in_place, inbox, given).reset();
+
+    EXPECT_STREQ(name, expected);
   }
 }
 

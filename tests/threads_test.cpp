@@ -2,6 +2,8 @@
 #include "threads.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 
 #include "bridge_test.h"
 
@@ -224,6 +226,22 @@ TEST_F(StoppedWorkers, LogOnceASecondForWhichCallablesTheyWait) {
   EXPECT_EQ(Count(log, text + "queued, module: zorvix_test"), 2u);
   EXPECT_EQ(Count(log, text + "async, module: zorvix_test"), 2u);
   EXPECT_LE(Count(log, "StopSpin timeout."), 2u);
+  HoldLog("");
+}
+
+// Returns how many threads of the process traces and debuggers show under that name.
+long CountThreads(const std::string& name) {
+  const std::filesystem::directory_iterator threads("/proc/self/task");
+  return std::count_if(begin(threads), end(threads), [&name](const auto& thread) {
+    std::ifstream file(thread.path() / "comm");
+    std::string line;
+    return std::getline(file, line) && line == name;
+  });
+}
+
+TEST_F(StoppedWorkers, HaveNamesAndSoHasTheThreadThatStopsThem) {
+  EXPECT_TRUE(ComesTrue([] { return CountThreads("zorvix stopper") == 1; }));
+  EXPECT_EQ(CountThreads("zorvix worker"), 3) << "two, and the thread that waits for them";
   HoldLog("");
 }
 

@@ -5,10 +5,7 @@ namespace {
 
 class Recorder {
  public:
-  Recorder() {
-    inbox_.Post([] { demo::NameThread("recorder"); });
-    demo::Say("recorder", "loaded, and waits for samples on a thread of its own");
-  }
+  Recorder() { demo::Say("recorder", "loaded, and waits for samples on a thread of its own"); }
 
  private:
   void Record(const demo::Sample& sample) {
@@ -27,7 +24,7 @@ class Recorder {
   zorvix::Inbox inbox_{"recorder"};
   zorvix::Subscriber<demo::Sample> samples_{
       demo::kSamples, [this](auto& sample) { Record(sample); }, inbox_, zorvix::KeepAll{}};
-  zorvix::InboxThread thread_{inbox_};
+  zorvix::InboxThread thread_{inbox_};  // has the inbox's name
 };
 
 }  // namespace

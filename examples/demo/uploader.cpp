@@ -8,7 +8,6 @@ namespace {
 class Uploader {
  public:
   Uploader() {
-    inbox_.Post([] { demo::NameThread("uploader"); });
     demo::Say("uploader", "loaded, slow on purpose, and keeps 2 pending samples: KeepLast{2}");
   }
 

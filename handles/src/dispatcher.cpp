@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "endpoint.h"
+#include "threads.h"
 
 namespace zorvix::detail {
 namespace {
@@ -171,6 +172,7 @@ class Dispatcher {
 
   // One task at a time: that one posts the others.
   void Repost() {
+    NameThread("zorvix poster");
     bool is_done = false;
     while (!is_done) {
       try {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "dispatcher.h"
+#include "threads.h"
 
 namespace zorvix {
 namespace detail {
@@ -39,8 +40,10 @@ std::shared_ptr<Strand> StrandAt(const Place& place, const Endpoint& endpoint) {
 // The thread of an InboxThread.
 class DrainThread {
  public:
-  explicit DrainThread(std::shared_ptr<Strand> strand)
-      : strand_(std::move(strand)), thread_(&DrainThread::Run, this) {}
+  // The thread gets this name, or that of the inbox if it is empty.
+  DrainThread(const InboxState& inbox, const std::string& name)
+      : strand_(inbox.strand),
+        thread_(&DrainThread::Run, this, name.empty() ? inbox.tasks->name : name) {}
 
   bool Stop(std::chrono::milliseconds timeout) {
     if (!thread_.joinable()) return processed_all_;
@@ -55,7 +58,8 @@ class DrainThread {
   }
 
  private:
-  void Run() {
+  void Run(const std::string& name) {
+    NameThread(name);
     const auto may_go_on = [this] { return !stop_ || Clock::now() < end_; };
     while (!stop_) {
       strand_->Wait(Deadline(std::chrono::milliseconds(-1)), stop_);
@@ -102,8 +106,8 @@ void Inbox::Post(std::function<void()> task, detail::Module& module) {
   state_->tasks->PushOwned(new detail::Task(std::move(task)));
 }
 
-InboxThread::InboxThread(Inbox& inbox)
-    : thread_(std::make_unique<detail::DrainThread>(detail::StateOf(inbox).strand)) {}
+InboxThread::InboxThread(Inbox& inbox, const std::string& name)
+    : thread_(std::make_unique<detail::DrainThread>(detail::StateOf(inbox), name)) {}
 
 InboxThread::~InboxThread() { Stop(std::chrono::milliseconds(-1)); }
 

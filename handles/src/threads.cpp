@@ -1,8 +1,23 @@
 #include "threads.h"
 
+#include <pthread.h>
+
+#include <algorithm>
+#include <cstddef>
 #include <fstream>
 
 namespace zorvix::detail {
+
+void NameThread(std::string_view name) {
+  constexpr std::size_t kMostBytes = 15;
+  std::size_t size = std::min(name.size(), kMostBytes);
+  const auto splits_character = [name](std::size_t at) {
+    return at < name.size() && (static_cast<unsigned char>(name[at]) & 0xC0U) == 0x80;
+  };
+  while (size != 0 && splits_character(size)) --size;
+  if (size == 0) return;
+  pthread_setname_np(pthread_self(), std::string(name.substr(0, size)).c_str());
+}
 
 std::string NameOfThread(int thread) {
   std::string name;

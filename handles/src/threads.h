@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace zorvix::detail {
 
@@ -22,6 +23,10 @@ inline int ThisThread() {
   if (this_thread_id == 0) this_thread_id = static_cast<int>(gettid());
   return this_thread_id;
 }
+
+// Names the calling thread, for traces and debuggers. The system takes at most 15 bytes: a longer
+// name is cut, but not inside a UTF-8 character. An empty name changes nothing.
+void NameThread(std::string_view name);
 
 // Returns the name of a thread of this process, or an empty one if there is no such thread.
 std::string NameOfThread(int thread);

@@ -14,6 +14,7 @@
 #include "endpoint.h"
 #include "records.h"
 #include "sync.h"
+#include "threads.h"
 
 namespace zorvix {
 namespace detail {
@@ -122,6 +123,7 @@ class Pool {
 
   // Ends the process if a worker cannot be started.
   void Spin(unsigned long workers) noexcept {
+    NameThread("zorvix worker");  // the workers inherit the name of the thread that starts them
     bool is_wanted = false;
     {
       Lock lock(mutex_);
@@ -141,7 +143,10 @@ class Pool {
     if (stopper_.joinable()) stopper_.join();  // the last one, which has ended
     is_stopping_ = true;
     try {
-      stopper_ = std::thread(&Pool::RunStopper, this);
+      stopper_ = std::thread([this] {
+        NameThread("zorvix stopper");
+        RunStopper();
+      });
     } catch (const std::exception&) {
       return false;
     }

@@ -40,7 +40,8 @@ InboxState& StateOf(const Inbox& inbox);
 // both processes share the descriptor.
 class ZORVIX_EXPORT Inbox {
  public:
-  // The name appears in log lines about tasks, and in traces. The module is filled in.
+  // The name appears in log lines about tasks, and in traces, and an InboxThread takes it over. The
+  // module is filled in.
   explicit Inbox(const std::string& name = "inbox", detail::Module& module = detail::this_module);
   ~Inbox();
   Inbox(const Inbox&) = delete;
@@ -78,8 +79,10 @@ class ZORVIX_EXPORT Inbox {
 // it meanwhile.
 class ZORVIX_EXPORT InboxThread {
  public:
-  // Throws std::system_error if the thread cannot be started.
-  [[nodiscard]] explicit InboxThread(Inbox& inbox);
+  // Traces and debuggers show the thread's name, which is that of the inbox if none is given. It
+  // has at most 15 bytes: a longer one is cut. A callable may rename the thread. Throws
+  // std::system_error if the thread cannot be started.
+  [[nodiscard]] explicit InboxThread(Inbox& inbox, const std::string& name = "");
   // Does the same as Stop without a limit.
   ~InboxThread();
   InboxThread(const InboxThread&) = delete;

@@ -17,10 +17,11 @@ namespace zorvix {
 // A static object is destroyed at process exit before the bridge.
 class ZORVIX_EXPORT Workers {
  public:
-  // Starts that many workers, and one thread that waits for them. Does not block: the workers begin
-  // later, after up to 0.2 s if a stop has timed out and its workers have not ended. Those workers
-  // go on, and belong to this object, too. Throws std::system_error if the thread cannot be
-  // started; a worker that cannot be started ends the process.
+  // Starts that many workers, and one thread that waits for them. Traces and debuggers show all of
+  // them as "zorvix worker". Does not block: the workers begin later, after up to 0.2 s if a stop
+  // has timed out and its workers have not ended. Those workers go on, and belong to this object,
+  // too. Throws std::system_error if the thread cannot be started; a worker that cannot be started
+  // ends the process.
   [[nodiscard]] explicit Workers(unsigned long count);
 
   // Does the same as Stop without limit.
