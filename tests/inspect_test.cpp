@@ -554,7 +554,7 @@ TEST_F(Traces, PendingMessagesOfInboxesAndQueuedSubscribersAreCounters) {
   queued.reset();
 
   EXPECT_EQ(counters["pending frames, zorvix_test"], (std::vector<std::int64_t>{1, 2, 1, 0}));
-  EXPECT_EQ(counters["pending t, zorvix_test"], (std::vector<std::int64_t>{1, 2, 0}));
+  EXPECT_EQ(counters["pending t, queued, zorvix_test"], (std::vector<std::int64_t>{1, 2, 0}));
   EXPECT_EQ(counters.size(), 2u);
 }
 

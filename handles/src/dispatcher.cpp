@@ -29,7 +29,7 @@ class QueuedStrand final : public Strand {
   using Element = std::list<std::shared_ptr<QueuedStrand>>;
 
   explicit QueuedStrand(const Endpoint& endpoint)
-      : Strand("queued", endpoint.name, endpoint.module) {}
+      : Strand("queued", endpoint.name + ", queued", endpoint.module) {}
 
   bool IsDrainedByTasks() const override { return true; }
 
