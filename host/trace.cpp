@@ -3,14 +3,15 @@
 // file, and host/draw_trace.py draws it.
 //
 // The file is an array of events in Chrome's JSON format. Events are buffered and written after
-// 16 KiB, with the first event after 100 ms, and when the process exits. A process that crashes, is
-// killed or calls _exit leaves the array without its closing bracket, which Perfetto accepts, and
-// loses the events of the buffer.
+// 16 KiB, ten times a second, and when the process exits. So the file also tells what a program did
+// before it hung. A process that crashes, is killed or calls _exit leaves the array without its
+// closing bracket, which Perfetto accepts, and loses the events of the buffer.
 //
 // The file is opened at the first event, so a process that traces nothing does not touch it. Two
 // processes that trace need two files. The child of a fork is not traced.
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,6 +29,9 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <thread>
+#include <utility>
 
 namespace {
 
@@ -119,16 +123,17 @@ class Trace {
     if (this_thread == 0) EnterThread();
     AppendEvent(phase, this_thread, now, append_fields);
     constexpr std::size_t kFull = 16'384;
-    if (buffer_.size() >= kFull || now - written_ >= std::chrono::milliseconds(100)) Write(now);
+    if (buffer_.size() >= kFull) Write();
+    if (!std::exchange(has_traced_, true)) StartWriter();
   }
 
   void Finish() {
     if (!enabled_) return;
     const std::lock_guard lock(mutex_);
     for (auto& [thread, name] : names_) UpdateName(thread, name);
-    if (file_ >= 0) {
+    if (has_traced_) {
       buffer_ += "\n]\n";
-      Write(Clock::now());
+      Write();
     }
     Stop();
   }
@@ -204,7 +209,31 @@ class Trace {
     known = std::move(name);
   }
 
-  void Write(Clock::time_point now) {
+  // Without this thread, events are written when the buffer is full.
+  void StartWriter() {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);  // signals are for the program's own threads
+    try {
+      std::thread([this] { WriteRegularly(); }).detach();
+    } catch (const std::system_error& error) {
+      std::cerr << "cannot write the trace regularly: " << error.what() << '\n';
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  }
+
+  // Takes the mutex itself.
+  void WriteRegularly() {
+    pthread_setname_np(pthread_self(), "zorvix trace");
+    while (enabled_) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      const std::lock_guard lock(mutex_);
+      if (enabled_ && !buffer_.empty()) Write();
+    }
+  }
+
+  void Write() {
     if (file_ < 0) file_ = open(path_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     std::string_view rest = buffer_;
     while (!rest.empty()) {
@@ -218,7 +247,6 @@ class Trace {
       }
     }
     buffer_.clear();
-    written_ = now;
   }
 
   void Stop() {
@@ -233,7 +261,7 @@ class Trace {
   std::mutex mutex_;                  // guards all below
   std::string buffer_;
   std::map<pid_t, std::string> names_;  // of threads that have traced and still run
-  Clock::time_point written_;
+  bool has_traced_ = false;
   int file_ = -1;
 };
 

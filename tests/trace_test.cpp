@@ -1,5 +1,6 @@
 // trace_test exit|abort NAME...: traces what trace_test.py expects, a section for each name among
-// it. Says whether tracing is on. Looks the functions up at run time, as the handles do.
+// it. `abort` does nothing for a second before it crashes. Says whether tracing is on. Looks the
+// functions up at run time, as the handles do.
 #include <dlfcn.h>
 #include <pthread.h>
 
@@ -51,5 +52,8 @@ int main(int count, char** arguments) {
   std::thread other(Work, "other");
   Work("\"main\" \\");
   other.join();
-  if (arguments[1] == std::string_view("abort")) std::abort();
+  if (arguments[1] == std::string_view("abort")) {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    std::abort();
+  }
 }

@@ -21,6 +21,7 @@ NAMES = {
     b"\xff\x80 overlong \xc0\xaf": "\ufffd\ufffd overlong \ufffd\ufffd",
     b"surrogate \xed\xa0\x80": "surrogate \ufffd\ufffd\ufffd",
 }
+OWN = ["section"] * 500 + ["20 ms", "when the process exits"]
 
 
 def run(end, traced=True):
@@ -62,9 +63,8 @@ class TraceTest(unittest.TestCase):
         sections = {name: [e["name"] for e in events if e["ph"] == "B"]
                     for name, events in self.threads.items()}
 
-        own = ["section"] * 500 + ["20 ms", "when the process exits"]
-        self.assertEqual(sections, {'"main" \\': [*NAMES.values(), *own, "static destructor"],
-                                    "other": own})
+        self.assertEqual(sections, {'"main" \\': [*NAMES.values(), *OWN, "static destructor"],
+                                    "other": OWN})
 
     def test_no_section_ends_that_did_not_begin(self):
         for name, events in self.threads.items():
@@ -96,12 +96,12 @@ class TraceTest(unittest.TestCase):
         self.assertEqual(self.said, "on\n")
         self.assertEqual(run("exit", traced=False), ("off\n", None))
 
-    def test_crash_leaves_an_array_without_its_end(self):
+    def test_crash_leaves_an_array_without_its_end_and_with_all_that_is_older(self):
         _, text = run("abort")
 
         main = by_thread(json.loads(text + "]"))['"main" \\']
         sections = [e["name"] for e in main if e["ph"] == "B"]
-        self.assertEqual(sections[:len(NAMES)], [*NAMES.values()])
+        self.assertEqual(sections, [*NAMES.values(), *OWN])
 
 
 unittest.main(argv=sys.argv[:1])
