@@ -1,9 +1,15 @@
 #!/usr/bin/env python3
-"""draw_trace.py TRACE START+LENGTH... > PICTURE.svg
+"""draw_trace.py TRACE
+draw_trace.py TRACE START+LENGTH... > PICTURE.svg
 
-Draws a trace of host/trace.cpp: a panel for each window of time, given in milliseconds since the
-first event, such as 500+200 or 502.3+0.5. A panel has a band for each thread with its sections,
-nested ones below, and a line for each counter. A later panel's window is marked in the first."""
+Reads a trace of libzorvix_trace.so. Times are in milliseconds since the first event.
+
+Without a window of time, it prints where to look: the sections that never ended, with their thread,
+and those around them first; the longest section of each name; the counters that only grow.
+
+Otherwise it draws a panel for each window, such as 500+200 or 502.3+0.5. A panel has a band for
+each thread with its sections, nested ones below, and a line for each counter. A later panel's
+window is marked in the first."""
 
 import collections
 import json
@@ -68,6 +74,7 @@ class Trace:
         self.counters = collections.defaultdict(list)
         names = {e["tid"]: e["args"]["name"] for e in events if e.get("name") == "thread_name"}
         timed = sorted((e for e in events if e["ph"] in "BEC"), key=lambda e: e["ts"])
+        self.end = (timed[-1]["ts"] - timed[0]["ts"]) / 1000 if timed else 0
         open_sections = collections.defaultdict(list)
         for event in timed:
             time = (event["ts"] - timed[0]["ts"]) / 1000
@@ -205,11 +212,41 @@ class Panel:
         self.bottom += 18
 
 
-def main(path, *windows):
-    trace = Trace(read_events(path))
+def only_grows(values):
+    """A counter begins at 0, so one value may be enough."""
+    numbers = [0, *(value for _, value in values)]
+    return numbers == sorted(numbers) and numbers[-1] > 0
+
+
+def summarize(trace):
+    never_ended = []
+    ended = {}
+    for thread, sections in trace.threads.items():
+        for section in sorted(sections):  # those around others first
+            length = min(section.end, trace.end) - section.begin
+            place = f"from {section.begin:.3f} on, {trace.names[thread]} ({thread})"
+            row = (length, f"{place}: {section.name}")
+            if section.end == math.inf:
+                never_ended.append(row)
+            else:
+                ended[section.name] = max(row, ended.get(section.name, row))
+    counters = [(values[-1][1], f"from {values[0][0]:.3f} on: {name}")
+                for name, values in sorted(trace.counters.items()) if only_grows(values)]
+    for title, layout, rows in (
+            ("Sections that never ended", "{:12.3f} ms {}", never_ended),
+            ("The longest section of each name", "{:12.3f} ms {}",
+             sorted(ended.values(), reverse=True)),
+            ("Counters that only grow", "{:12} {}", counters)):
+        print(f"{title}:")
+        for row in rows:
+            print(layout.format(*row))
+        if not rows:
+            print("        none")
+
+
+def draw(trace, windows):
     kinds = dict.fromkeys(kind(s) for sections in trace.threads.values() for s in sections)
     colours = {name: f"kind{number % 6}" for number, name in enumerate(sorted(kinds))}
-    windows = [tuple(float(part) for part in window.split("+")) for window in windows]
     drawing = []
     bottom = 8
     for number, (begin, length) in enumerate(windows):
@@ -234,7 +271,15 @@ def main(path, *windows):
     print("</svg>")
 
 
+def main(path, *windows):
+    trace = Trace(read_events(path))
+    if windows:
+        draw(trace, [tuple(float(part) for part in window.split("+")) for window in windows])
+    else:
+        summarize(trace)
+
+
 if __name__ == "__main__":
-    if len(sys.argv) < 3:
+    if len(sys.argv) < 2:
         sys.exit(__doc__)
     main(*sys.argv[1:])

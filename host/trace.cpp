@@ -1,6 +1,6 @@
 // Android's functions for tracing, for a Linux host. Load this library with LD_PRELOAD and name a
 // file in ZORVIX_TRACE; without that variable tracing is off. https://ui.perfetto.dev opens the
-// file, and host/draw_trace.py draws it.
+// file, and draw_trace.py sums it up or draws it.
 //
 // The file is an array of events in Chrome's JSON format. Events are buffered and written after
 // 16 KiB, ten times a second, and when the process exits. So the file also tells what a program did

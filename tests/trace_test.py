@@ -10,6 +10,7 @@ import tempfile
 import unittest
 
 LIBRARY, *COMMAND = sys.argv[1:]
+SCRIPT = pathlib.Path(__file__).resolve().parent.parent / "host" / "draw_trace.py"
 # What a section is called, and what the trace calls it.
 NAMES = {
     b'Subscriber "readings"': 'Subscriber "readings"',
@@ -40,6 +41,28 @@ def run(end, traced=True):
         program = subprocess.run([*COMMAND, end, *NAMES], env=environment, stdout=subprocess.PIPE,
                                  check=end == "exit")
         return program.stdout.decode(), path.read_text("utf-8") if path.exists() else None
+
+
+# Phase, thread, time in microseconds, name and value. The process did not exit.
+HANGS = [
+    ("M", 7, None, "thread_name", {"name": "display"}),
+    ("B", 7, 1000, "Publish t"), ("B", 7, 2000, "Subscriber t"),
+    ("B", 8, 2500, "Publish t"), ("E", 8, 6500),
+    ("B", 8, 6600, "Publish t"), ("B", 8, 6700, "Set s"), ("E", 8, 6800), ("E", 8, 7000),
+    ("C", 8, 3000, "full", {"value": 1}), ("C", 8, 4000, "full", {"value": 1}),
+    ("C", 8, 3000, "drained", {"value": 2}), ("C", 8, 4000, "drained", {"value": 1}),
+    ("C", 8, 8000, "drained", {"value": 9}), ("C", 8, 9000, "empty", {"value": 0}),
+]
+SUMMARY = """\
+Sections that never ended:
+       8.000 ms from 0.000 on, display (7): Publish t
+       7.000 ms from 1.000 on, display (7): Subscriber t
+The longest section of each name:
+       4.000 ms from 1.500 on, thread 8 (8): Publish t
+       0.100 ms from 5.700 on, thread 8 (8): Set s
+Counters that only grow:
+           1 from 2.000 on: full
+"""
 
 
 def by_thread(events):
@@ -102,6 +125,15 @@ class TraceTest(unittest.TestCase):
         main = by_thread(json.loads(text + "]"))['"main" \\']
         sections = [e["name"] for e in main if e["ph"] == "B"]
         self.assertEqual(sections, [*NAMES.values(), *OWN])
+
+    def test_summary_says_where_to_look(self):
+        events = [dict(zip(("ph", "tid", "ts", "name", "args"), event)) for event in HANGS]
+        with tempfile.NamedTemporaryFile("w") as file:
+            file.write(json.dumps(events).rstrip("]"))
+            file.flush()
+            printed = subprocess.check_output([sys.executable, SCRIPT, file.name], text=True)
+
+        self.assertEqual(printed, SUMMARY)
 
 
 unittest.main(argv=sys.argv[:1])
