@@ -32,6 +32,8 @@ consume() { # FOLDER [CMAKE-OPTION...]
   cmake --install "$1" --prefix "$1/installed"
   "$1/installed/bin/consumer" | grep -x message
   "$1/plain_consumer" | grep -x message
+  cmake --build "$1" --target trace_consumer
+  python3 'installed here/share/zorvix/draw_trace.py' "$1/trace.json" | grep 'Subscriber topic$'
   shows "$1/libplain.so" 1 0
   shows "$1/libplain_in_part.so" 1 0
   shows "$1/libhandles.so" 0 1
