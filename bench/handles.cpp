@@ -146,7 +146,7 @@ void BuildPublisher(benchmark::State& state) {
   const auto build = [] { const zorvix::Publisher publisher(kTopic); };
   const auto register_plain = [] {
     std::shared_ptr<const bridge::Control> control =
-        std::make_shared<bridge::Control>(bridge::Control{kTopic.name});
+        std::make_shared<bridge::Control>(bridge::Control{std::string(kTopic.name)});
     bridge::Zorvix::GetInstance().RegisterPublisher(control);
     bridge::Zorvix::GetInstance().UnregisterPublisher(control);
   };

@@ -245,6 +245,12 @@ TEST_F(Bridge, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
   const Row rows[] = {
       {[&](Handles& all) { add(all, zorvix::Publisher(kTopic)); }, {"t Publisher: no subscriber"}},
       {[&](Handles& all) { add(all, zorvix::Publisher(kTopic, zorvix::Audience::Optional)); }, {}},
+      {[&](Handles& all) {
+         add(all, zorvix::Publisher(kTopic, zorvix::Audience::Optional));
+         add(all, Ints(similar("T"), ignore));
+       },
+       {"T Subscriber: no publisher; similar name: t (zorvix_test)",
+        "t Publisher: no subscriber; similar name: T (zorvix_test)"}},
       {[&](Handles& all) { add(all, Ints(kTopic, ignore)); }, {"t Subscriber: no publisher"}},
       {[&](Handles& all) { add(all, IntClient(kService)); }, {"s Client: no server"}},
       {[&](Handles& all) { add(all, IntServer(kService, answer)); }, {}},
@@ -281,9 +287,12 @@ TEST_F(Bridge, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
          add(all, zorvix::Publisher(kTopic));
          add(all, Ints(kTopic, ignore));
          add(all, zorvix::Subscriber(texts, ignore));
+         add(all, zorvix::Subscriber(texts, ignore, Delivery::Queued));
          zorvix::Publisher(kTopic).Publish(1);
        },
        {"t Publisher: other message type: zorvix_test takes std::string",
+        "t Subscriber: other message type: zorvix_test publishes int; "
+        "rejected because of their type: 1",
         "t Subscriber: other message type: zorvix_test publishes int; "
         "rejected because of their type: 1"}},
       {[&](Handles& all) {
@@ -308,6 +317,19 @@ TEST_F(Bridge, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
          ZorvixSpinOnce();
        },
        {"t Subscriber: no publisher"}},
+      // The queue has been drained before.
+      {[&](Handles& all) {
+         add(all, Ints(kTopic, ignore, Delivery::Queued));
+         zorvix::Publisher(kTopic).Publish(1);
+       },
+       {"t Subscriber: no publisher"}},
+      {[&](Handles& all) {
+         const zorvix::Service<int, int, BridgeType::SignleAsync> once{"s"};
+         add(all, zorvix::Server(once, answer));
+         zorvix::Client(once).Call(1);
+         ZorvixSpinOnce();
+       },
+       {}},
       // Endpoints without a handle may be what is missing.
       {[&](Handles& all) {
          Subscribed("t", BridgeType::Sync, {Subscriber([](auto&) {})});
@@ -330,8 +352,8 @@ TEST_F(Bridge, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
 }
 
 TEST_F(Bridge, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
-  using std::chrono::seconds;
   const zorvix::Service<int, int> queued_service{"queued service"};
+  const zorvix::Topic<int> other_topic{"u"};
   std::atomic<bool> is_over{false};
   const auto wait = [&](int) {
     EXPECT_TRUE(ComesTrue([&] { return is_over.load(); }));
@@ -339,6 +361,10 @@ TEST_F(Bridge, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
   };
   const IntServer server(queued_service, wait, Delivery::Queued);
   const Ints direct(kTopic, wait);
+  const zorvix::Publisher publisher(other_topic);
+  const Ints pending(other_topic, ignore, Delivery::Queued);
+  const Ints repeated(other_topic,
+                      [](int) { EXPECT_EQ(Count(Findings(), "u Subscriber: running"), 0u); });
   const auto on_thread = [](const char* name, auto function) {
     return std::thread([=] {
       pthread_setname_np(pthread_self(), name);
@@ -353,33 +379,33 @@ TEST_F(Bridge, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
                   while (!is_over) ZorvixSpinOnce();
                 }),
   };
-  const auto find = [](const std::string& kind) {
+  const auto find = [](const std::string& which) {
     for (const auto& handle : zorvix::Inspect()) {
-      if (handle.kind == kind) return handle;
+      if (handle.name + ' ' + handle.kind == which) return handle;
     }
     return zorvix::HandleInfo();
   };
-  const auto are_inside = [&] {
-    return find("Server").thread != 0 && find("Subscriber").thread != 0;
-  };
-  EXPECT_TRUE(ComesTrue(are_inside));
+  const std::string both[] = {"queued service Server", "t Subscriber"};
+  for (const auto& which : both) {
+    EXPECT_TRUE(ComesTrue([&] { return find(which).thread != 0; })) << which;
+  }
+  publisher.Publish(1);
   EXPECT_EQ(Findings(), Lines());
-  EXPECT_EQ(find("Server").thread_name, "drainer");
-  EXPECT_EQ(find("Server").waiting, 1u);
-  EXPECT_EQ(find("Queue").thread, find("Server").thread);
+  EXPECT_EQ(find(both[0]).thread_name, "drainer");
+  EXPECT_EQ(find("queued Queue").thread, find(both[0]).thread);
 
   std::this_thread::sleep_for(milliseconds(1000));
-  const auto text = [&](const char* kind) {
-    return "running for at least 1 s on thread " + std::to_string(find(kind).thread);
+  publisher.Publish(1);
+  const auto text = [&](const std::string& which) {
+    return which + ": running for at least 1 s on thread " + std::to_string(find(which).thread);
   };
-  EXPECT_EQ(Findings(),
-            (Lines{
-                "queued service Server: " + text("Server") + " (drainer), calls that wait: 1",
-                "t Subscriber: " + text("Subscriber") + " (publisher)",
-            }));
+  EXPECT_EQ(
+      Findings(),
+      (Lines{"queued Queue: not drained for 1 s", text(both[0]) + " (drainer), calls that wait: 1",
+             text(both[1]) + " (publisher)", "u Subscriber: not drained for 1 s"}));
   is_over = true;
   for (auto& thread : threads) thread.join();
-  EXPECT_EQ(find("Subscriber").thread, 0);
+  EXPECT_EQ(find(both[1]).thread, 0);
 }
 
 TEST_F(Bridge, DroppedMessagesAreLoggedWithTheModuleWhoseHandleDropsThem) {
@@ -468,6 +494,7 @@ TEST_F(Bridge, SmallestLimitCountsAndMeasuringStopsWithTheLastSlowLog) {
   EXPECT_EQ(publish(), 1u);
   low.reset();
   EXPECT_EQ(publish(), 0u) << "not measured any more";
+  EXPECT_EQ(Count(Findings(), "slow"), 0u);
   EXPECT_EQ(zorvix::Inspect().at(0).invocations, 6u);
 }
 

@@ -27,7 +27,7 @@ struct Screen {
 using bridge::BridgeType;
 using namespace zorvix;
 
-const Topic<Reading> kReadings{"readings"};
+inline constexpr Topic<Reading> kReadings{"readings"};
 const Topic<short> kShorts{"shorts"};
 const Topic<Reading, BridgeType::Async> kQueued{"queued"};
 const Service<Reading, int> kSum{"sum"};
@@ -82,6 +82,11 @@ mistake "$number" 'Server s(kSum, [](const Reading&) { return 1; }, inbox, 1);'
 mistake "$order" 'Client c(kSum, KeepLast{1});'
 mistake "$number" 'Client c(kSum, inbox, 1);'
 
+delivery="has a choice of delivery"
+mistake "$delivery" 'Subscriber s(kQueued, [](const Reading&) {}, Delivery::Queued);'
+mistake "$delivery" 'Server s(kQueuedSum, [](const Reading&) { return 1; }, Delivery::Direct);'
+mistake "$delivery" 'Client c(kQueuedSum, Delivery::Queued, KeepAll());'
+mistake "a task must be a callable without arguments" 'inbox.Post([](int) {});'
 mistake "only a Sync topic can have an inbox" \
   'Subscriber s(kQueued, [](const Reading&) {}, inbox);'
 mistake "only a Sync service can have an inbox" 'Client c(kQueuedSum, inbox);'
@@ -119,6 +124,11 @@ if ! compile_code '
   const Client client(kSum, inbox);
   client.Call(Reading{1}, std::chrono::seconds(1)).value();
   client.Call(Reading{1}, [number = std::make_unique<int>(1)](const auto&) {});
+  inbox.Post([number = std::make_unique<int>(1)]() mutable { number.reset(); });
+  const std::string camera = "camera/";
+  const Topic<Reading> composed{camera + "1"};
+  const Publisher with_composed_name(composed);
+  static_assert(std::is_trivially_destructible_v<Topic<Reading>>);
   static_assert(!std::is_convertible_v<Topic<int>, Publisher<Reading>>);
   static_assert(!std::is_constructible_v<Subscriber<Reading>, int, void (*)(const Reading&)>);'; then
   printf 'correct uses do not compile:\n%s\n' "$(grep -m 3 'error' output)"

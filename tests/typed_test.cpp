@@ -115,8 +115,8 @@ TEST_F(Bridge, CallableIsDestroyedWithItsHandleWhileOthersAreInvoked) {
 
 // The handle is destroyed in another callable. Invocations may be nested, with more messages
 // queued, and may throw afterwards.
-template <typename Topic>
-void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth, bool throws = false) {
+template <typename Topic, typename... Options>
+void DestroyInItsCallable(const Topic& topic, int depth, bool throws, Options... options) {
   const zorvix::Publisher publisher(topic);
   const zorvix::Publisher end(kEnd);
   std::shared_ptr<void> handle;
@@ -135,7 +135,7 @@ void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth, bool
     EXPECT_EQ(observer.use_count(), owners) << "the callable lives as long as its invocations";
     if (throws) throw 0;
   };
-  handle = Share(zorvix::Subscriber(topic, callable, delivery));
+  handle = Share(zorvix::Subscriber(topic, callable, options...));
   owners = observer.use_count();
 
   try {
@@ -151,11 +151,10 @@ void DestroyInItsCallable(const Topic& topic, Delivery delivery, int depth, bool
 
 TEST_F(Bridge, CallableMayDestroyItsHandle) {
   for (const bool throws : {false, true}) {
-    DestroyInItsCallable(kTopic, Delivery::Direct, 2, throws);
-    DestroyInItsCallable(kTopic, Delivery::Queued, 0, throws);
+    DestroyInItsCallable(kTopic, 2, throws);
+    DestroyInItsCallable(kTopic, 0, throws, Delivery::Queued);
   }
-  // The delivery has no effect on a topic that is always queued.
-  DestroyInItsCallable(kQueuedTopic, Delivery::Queued, 0);
+  DestroyInItsCallable(kQueuedTopic, 0, false);
 }
 
 // One thread is in the callable, and another comes while the destructor waits.

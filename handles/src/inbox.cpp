@@ -12,11 +12,17 @@ namespace zorvix {
 namespace detail {
 namespace {
 
-using Task = std::function<void()>;
+using Task = Function<>;
 
-// Tasks are stored on the heap.
+// Tasks are stored on the heap, and never found in a std::any.
+constexpr MessageType kTaskType = {&typeid(Task), nullptr, 0, nullptr, Destroy<Task>};
+
+// Others cannot invoke it at the same time.
 struct InvokeTask {
-  void operator()(const Task& task) const { task(); }
+  void operator()(const void* task, CurrentReply*) const {
+    (*const_cast<Task*>(static_cast<const Task*>(task)))();
+  }
+  static constexpr bool kHasAnswer = false;
 };
 
 }  // namespace
@@ -24,8 +30,8 @@ struct InvokeTask {
 InboxState::InboxState(const std::string& name, Module& its_module)
     : module(its_module),
       strand(std::make_shared<Strand>(name, name, module)),
-      tasks(std::make_shared<MessageQueue>("Inbox", name, module, strand, kMessageType<Task>,
-                                           Receive<Task>(InvokeTask()), KeepAll())) {}
+      tasks(std::make_shared<MessageQueue>("Inbox", name, module, strand, kTaskType,
+                                           Callable(std::in_place_type<InvokeTask>), KeepAll())) {}
 
 InboxState& StateOf(const Inbox& inbox) { return *inbox.state_; }
 
@@ -98,7 +104,7 @@ bool Inbox::Wait(std::chrono::milliseconds limit) const {
 
 int Inbox::fd() const { return state_->strand->fd(); }
 
-void Inbox::Post(std::function<void()> task, detail::Module& module) {
+void Inbox::Post(detail::Function<>&& task, detail::Module& module) {
   if (&module != &state_->module) {
     detail::KeepLoaded(module, "it has posted a task to an inbox of another module",
                        state_->tasks->name);

@@ -28,6 +28,10 @@ namespace zorvix {
 template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Client {
  public:
+  // For calls that block or return a std::future.
+  [[nodiscard]] explicit Client(const Service<Request, Response, kType>& service)
+      : Client(service, detail::Place{}, {}) {}
+
   // With Delivery::Direct, for blocking calls only. With Delivery::Queued, the callables of its
   // calls are invoked one at a time where the bridge's queue is drained. When the client is
   // destroyed, callables that have not been invoked are destroyed; the destructor blocks while
@@ -37,17 +41,18 @@ class Client {
   // A call beyond that is not made: its callable is invoked with Why::Dropped, in its turn. Logs a
   // WARN with the first such call, and one with their number when nothing is pending any more. A
   // depth of 0 throws std::invalid_argument.
-  [[nodiscard]] explicit Client(const Service<Request, Response, kType>& service,
-                                Delivery delivery = Delivery::Direct, KeepLast keep = {1000})
-      : state_(detail::MakeClient({service.name, kType}, typeid(Request), typeid(Response),
-                                  {delivery}, keep)) {}
+  [[nodiscard]] Client(const Service<Request, Response, kType>& service, Delivery delivery,
+                       KeepLast keep = {1000})
+      : Client(service, detail::Place{delivery}, keep) {
+    static_assert(kType == bridge::BridgeType::Sync,
+                  "only a Sync service has a choice of delivery");
+  }
 
   // Invokes the callables of its calls in drains of the inbox. If the inbox is destroyed first,
   // callables that have not been invoked are destroyed with it or with the client.
   [[nodiscard]] Client(const Service<Request, Response, kType>& service, Inbox& inbox,
                        KeepLast keep = {1000})
-      : state_(detail::MakeClient({service.name, kType}, typeid(Request), typeid(Response),
-                                  {Delivery::Queued, &inbox}, keep)) {
+      : Client(service, detail::Place{Delivery::Queued, &inbox}, keep) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
   }
 
@@ -125,6 +130,11 @@ class Client {
   }
 
  private:
+  Client(const Service<Request, Response, kType>& service, const detail::Place& place,
+         KeepLast keep)
+      : state_(detail::MakeClient({service.name, kType}, typeid(Request), typeid(Response), place,
+                                  keep)) {}
+
   std::future<Answer<Response>> CallQueued(Request request) const {
     std::promise<Answer<Response>> promise;
     auto future = promise.get_future();

@@ -22,6 +22,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
 
 namespace zorvix {
 
@@ -31,6 +33,16 @@ namespace detail {
 struct InboxState;
 class DrainThread;
 InboxState& StateOf(const Inbox& inbox);
+}  // namespace detail
+
+namespace detail ZORVIX_HIDDEN {
+template <typename Task>
+struct Posted {
+  static_assert(std::is_invocable_v<Task&>, "a task must be a callable without arguments");
+  void operator()() { static_cast<void>(std::invoke(task)); }
+  static constexpr bool kHasAnswer = false;
+  Task task;
+};
 }  // namespace detail
 
 // Any thread may call any function at any time. The destructor discards what is pending; no other
@@ -68,9 +80,17 @@ class ZORVIX_EXPORT Inbox {
   // Adds a task, which a drain invokes in its turn. Does not block. Tasks are never dropped. If the
   // inbox belongs to another module, the calling module stays loaded from then on, even after
   // dlclose, since the task is its code.
-  void Post(std::function<void()> task, detail::Module& module = detail::this_module);
+  //
+  // The task is any callable without arguments; it is moved, so it need not be copyable.
+  template <typename Task>
+  void Post(Task task) {
+    Post(detail::Function<>(std::in_place_type<detail::Posted<Task>>, std::move(task)),
+         detail::this_module);
+  }
 
  private:
+  void Post(detail::Function<>&& task, detail::Module& module);
+
   friend detail::InboxState& detail::StateOf(const Inbox& inbox);
   const std::shared_ptr<detail::InboxState> state_;
 };

@@ -31,19 +31,26 @@ namespace zorvix {
 template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Server {
  public:
-  // Answers each call with callable(const Request&), which returns a Response: with
-  // Delivery::Direct on the caller's thread, with Delivery::Queued one request at a time where the
-  // bridge's queue is drained. At most `keep` requests are pending then: the oldest is dropped, and
-  // its caller gets Why::Dropped. Requests that are pending when the server is destroyed get
-  // Why::Destroyed.
+  // Answers each call with callable(const Request&), which returns a Response, on the caller's
+  // thread.
   //
   // Or invokes callable(const Request&, Reply<Response>), which may keep the reply to answer later.
   // A caller without a handle waits for the answer on the thread that invokes the server, so do not
   // answer in a later task of that thread.
   template <typename Callable>
+  [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable)
+      : Server(service, std::move(callable), detail::Place{}, {}) {}
+
+  // With Delivery::Queued, one request at a time where the bridge's queue is drained. At most
+  // `keep` requests are pending then: the oldest is dropped, and its caller gets Why::Dropped.
+  // Requests that are pending when the server is destroyed get Why::Destroyed.
+  template <typename Callable>
   [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable,
-                       Delivery delivery = Delivery::Direct, KeepLast keep = {})
-      : Server(service, std::move(callable), detail::Place{delivery}, keep) {}
+                       Delivery delivery, KeepLast keep = {})
+      : Server(service, std::move(callable), detail::Place{delivery}, keep) {
+    static_assert(kType == bridge::BridgeType::Sync,
+                  "only a Sync service has a choice of delivery");
+  }
 
   // Answers in drains of the inbox. Requests that are pending when the inbox is destroyed get
   // Why::Destroyed, too.

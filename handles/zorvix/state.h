@@ -1,7 +1,7 @@
 // States: named values of which every watcher has the latest, even a watcher that is constructed
 // late.
 //
-//   const zorvix::State<Summary> kSummary{"summary"};  // in a header that modules share
+//   inline constexpr zorvix::State<Summary> kSummary{"summary"};  // in a header they share
 //   zorvix::Holder summary(kSummary);
 //   summary.Set({20, 0.5});
 //   const zorvix::Watcher show(kSummary, [](const Summary& latest) { ... });  // invoked now
@@ -21,10 +21,10 @@
 #include <zorvix/delivery.h>
 #include <zorvix/detail/checks.h>
 #include <zorvix/detail/library.h>
+#include <zorvix/name.h>
 
 #include <chrono>
 #include <memory>
-#include <string>
 #include <type_traits>
 #include <typeinfo>
 #include <utility>
@@ -33,7 +33,7 @@ namespace zorvix {
 
 template <typename Value>
 struct State {
-  std::string name;
+  EndpointName name;
 };
 
 // Sets the value of a state. If there are several holders, watchers that are constructed later get

@@ -19,13 +19,20 @@ namespace zorvix {
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class Subscriber {
  public:
-  // Invokes callable(const Message&) for each message: with Delivery::Direct on the publisher's
-  // thread, with Delivery::Queued in order and one at a time, with any number of workers; `keep`
-  // limits how many messages are pending then. A message of another type is logged instead.
+  // Invokes callable(const Message&) for each message, on the publisher's thread. A message of
+  // another type is logged instead.
   template <typename Callable>
-  [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable,
-                           Delivery delivery = Delivery::Direct, KeepLast keep = {})
-      : Subscriber(topic, std::move(callable), detail::Place{delivery}, keep) {}
+  [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable)
+      : Subscriber(topic, std::move(callable), detail::Place{}, {}) {}
+
+  // With Delivery::Queued, in order and one at a time, with any number of workers; `keep` limits
+  // how many messages are pending then.
+  template <typename Callable>
+  [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable, Delivery delivery,
+                           KeepLast keep = {})
+      : Subscriber(topic, std::move(callable), detail::Place{delivery}, keep) {
+    static_assert(kType == bridge::BridgeType::Sync, "only a Sync topic has a choice of delivery");
+  }
 
   // Invokes the callable in drains of the inbox.
   template <typename Callable>

@@ -1,7 +1,7 @@
 // Topics and services: what modules agree on, in a header that they share.
 //
-//   const zorvix::Topic<Sample> kSamples{"samples"};
-//   const zorvix::Service<int, std::string> kTitle{"title"};
+//   inline constexpr zorvix::Topic<Sample> kSamples{"samples"};
+//   inline constexpr zorvix::Service<int, std::string> kTitle{"title"};
 //
 // Messages, requests and responses are values that can be copied and moved. Names that begin with
 // "zorvix/" are the library's own.
@@ -12,23 +12,22 @@
 #define ZORVIX_TOPIC_H_
 
 #include <zorvix/detail/checks.h>
+#include <zorvix/name.h>
 #include <zorvix/zorvix.h>
-
-#include <string>
 
 namespace zorvix {
 
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 struct Topic {
   static_assert(detail::kIsValue<Message>, "a message must be a value, to be copied and moved");
-  std::string name;
+  EndpointName name;
 };
 
 template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
 struct Service {
   static_assert(detail::kIsValue<Request>, "a request must be a value, to be copied and moved");
   static_assert(detail::kIsValue<Response>, "a response must be a value, to be copied and moved");
-  std::string name;
+  EndpointName name;
 };
 
 }  // namespace zorvix

@@ -1,7 +1,7 @@
 // Typed handles for the bridge. A handle registers in its constructor and unregisters in its
 // destructor.
 //
-//   const zorvix::Topic<Sample> kSamples{"samples"};  // in a header that modules share
+//   inline constexpr zorvix::Topic<Sample> kSamples{"samples"};  // in a header they share
 //   const zorvix::Subscriber print(kSamples, [](const Sample& sample) { ... });
 //   zorvix::Publisher(kSamples).Publish({1, 0.5});
 //
@@ -52,6 +52,7 @@
 #include <zorvix/client.h>
 #include <zorvix/delivery.h>
 #include <zorvix/inbox.h>
+#include <zorvix/name.h>
 #include <zorvix/presence.h>
 #include <zorvix/publisher.h>
 #include <zorvix/server.h>

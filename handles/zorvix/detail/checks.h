@@ -7,8 +7,8 @@
 #define ZORVIX_DETAIL_CHECKS_H_
 
 #include <zorvix/delivery.h>
+#include <zorvix/name.h>
 
-#include <string>
 #include <type_traits>
 
 // For what is compiled into each module: no module may bind to another one's copy, which could be
@@ -62,7 +62,7 @@ struct CheckOptions {
 
 // Given has a name, as a Topic, Service or State has, but is not what the handle wants.
 template <typename Given, typename Wanted>
-using IfOther = std::enable_if_t<std::is_same_v<decltype(Given::name), std::string> &&
+using IfOther = std::enable_if_t<std::is_same_v<decltype(Given::name), EndpointName> &&
                                      !std::is_convertible_v<const Given&, const Wanted&>,
                                  int>;
 
