@@ -17,7 +17,7 @@ const zorvix::State<Settings> kSettings{"settings"};
 // Needs no callable: blocks until there is a value.
 void WaitForSettings() {
   const zorvix::Watcher settings(kSettings);
-  const auto first = settings.WaitFor(std::chrono::seconds(10));
+  const auto first = settings.WaitForValue(std::chrono::seconds(10));
   std::printf("early: has waited for %s\n", first ? first->theme.c_str() : "nothing");
 }
 

@@ -301,7 +301,7 @@ TEST_F(Answers, OfCallsWithTimeoutsWakeWhoWaitsInTime) {
   const IntClient client(kService, *client_inbox_);
   const std::function<void()> waits[] = {
       [&] { EXPECT_TRUE(client_inbox_->Wait(hours(1))); },
-      [&] { EXPECT_TRUE(client_inbox_->Wait(milliseconds(-1))); },
+      [&] { client_inbox_->Wait(); },
       [&] { EXPECT_TRUE(IsReadable(*client_inbox_, hours(1))); },
   };
   client.Call(0, hours(1), Ignore);

@@ -19,7 +19,7 @@ using Answers = std::vector<Answer>;
 using IntServer = zorvix::Server<int, int>;
 using IntClient = zorvix::Client<int, int>;
 
-constexpr milliseconds kNoLimit{-1};
+constexpr auto kNoLimit = zorvix::Timeout::Forever();
 const zorvix::Service<int, int> kService{"double"};
 
 int Double(int number) { return 2 * number; }

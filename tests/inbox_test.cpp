@@ -315,8 +315,14 @@ TEST_F(Bridge, PostedTasksAreNeverDropped) {
 
 TEST_F(Bridge, WaitWakesEveryThreadThatWaitsHoweverLong) {
   Inbox inbox;
+  EXPECT_FALSE(inbox.Wait(milliseconds(-1)));
+  EXPECT_FALSE(inbox.Wait(std::chrono::duration<double, std::micro>(0.5)));
   const auto wait = [&](int thread) {
-    EXPECT_TRUE(inbox.Wait(thread % 2 == 0 ? milliseconds::max() : milliseconds(-1)));
+    if (thread % 2 == 0) {
+      EXPECT_TRUE(inbox.Wait(std::chrono::hours::max()));
+    } else {
+      inbox.Wait();
+    }
   };
 
   ExpectWakesAll(wait, [&] { inbox.Post([] {}); });

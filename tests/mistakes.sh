@@ -90,10 +90,10 @@ mistake "a task must be a callable without arguments" 'inbox.Post([](int) {});'
 mistake "only a Sync topic can have an inbox" \
   'Subscriber s(kQueued, [](const Reading&) {}, inbox);'
 mistake "only a Sync service can have an inbox" 'Client c(kQueuedSum, inbox);'
-mistake "only a call of a Sync service has a limit" \
+mistake "only a call of a Sync service has a timeout" \
   'Client(kQueuedSum).Call(Reading{}, std::chrono::seconds(1));'
 mistake "for a Sync topic only" 'Publisher p(kQueued, Audience::Optional);'
-mistake "write the limit as a std::chrono duration" 'Client(kSum).Call(Reading{}, 100);'
+mistake "write the timeout as a std::chrono duration" 'Client(kSum).Call(Reading{}, 100);'
 
 mistake "$answer" 'Server s(kSum, [](const Reading&) { return std::string(); });'
 mistake "$answer" 'Server s(kSum, [](const Reading&) {}, inbox);'
@@ -122,7 +122,7 @@ if ! compile_code '
   const Presence counting(kLatest, &Matched::count, Delivery::Queued);
   const Presence without_callable(kQueuedSum);
   const Client client(kSum, inbox);
-  client.Call(Reading{1}, std::chrono::seconds(1)).value();
+  client.Call(Reading{1}, std::chrono::duration<float>(1)).value();
   client.Call(Reading{1}, [number = std::make_unique<int>(1)](const auto&) {});
   inbox.Post([number = std::make_unique<int>(1)]() mutable { number.reset(); });
   const std::string camera = "camera/";

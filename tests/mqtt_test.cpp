@@ -260,7 +260,7 @@ TEST_F(Mqtt, StatesReachProcessesThatConnectLaterAlsoToABrokerThatHasForgotten) 
   Connection far(For(broker, ""));
   const Import in(far, kFarState, Text);
 
-  EXPECT_EQ(*Watcher(kFarState).WaitFor(-1ms), "value");
+  EXPECT_EQ(*Watcher(kFarState).WaitForValue(), "value");
 }
 
 TEST_F(Mqtt, AClearedStateHasNoValueForLaterWatchers) {
@@ -272,7 +272,7 @@ TEST_F(Mqtt, AClearedStateHasNoValueForLaterWatchers) {
   const Import in(line.far, kFarState, Text);
   const Watcher early(kFarState);
   holder.Set("value");
-  early.WaitFor(-1ms);
+  early.WaitForValue();
 
   holder.Set("");
   line.publisher.Publish("behind it");

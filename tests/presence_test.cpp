@@ -169,8 +169,8 @@ TEST_F(Bridge, WaitForServerEndsWithAServerHandleOrAfterItsTime) {
 
   ExpectWakesAll(
       [&](int thread) {
-        const milliseconds timeout = thread % 2 == 0 ? milliseconds::max() : milliseconds(-1);
-        EXPECT_TRUE(client.WaitForServer(timeout));
+        EXPECT_TRUE(thread % 2 == 0 ? client.WaitForServer()
+                                    : client.WaitForServer(std::chrono::hours::max()));
       },
       [&] {
         AddSubscriber();  // wakes nobody
@@ -187,7 +187,7 @@ TEST_F(Bridge, WaitForServerWithoutLimitIsRefusedInADrainOfTheClientsInbox) {
   zorvix::Inbox inbox;
   const zorvix::Client client(kService, inbox);
   const std::string error = "E(clients.cpp:";
-  const auto wait_in_drain = [&](milliseconds timeout) {
+  const auto wait_in_drain = [&](zorvix::Timeout timeout) {
     bool has_server = false;
     inbox.Post([&, timeout] { has_server = client.WaitForServer(timeout); });
     inbox.Drain();
@@ -197,11 +197,11 @@ TEST_F(Bridge, WaitForServerWithoutLimitIsRefusedInADrainOfTheClientsInbox) {
   EXPECT_FALSE(wait_in_drain(milliseconds(1)));
   EXPECT_EQ(Count(TakeLog(), error), 0u);
 
-  EXPECT_FALSE(wait_in_drain(milliseconds(-1)));
+  EXPECT_FALSE(wait_in_drain(zorvix::Timeout::Forever()));
   EXPECT_EQ(Count(TakeLog(), error), 1u);
 
   const Handle server = AddServer();
-  EXPECT_TRUE(wait_in_drain(milliseconds(-1)));
+  EXPECT_TRUE(wait_in_drain(zorvix::Timeout::Forever()));
   EXPECT_EQ(Count(TakeLog(), error), 0u);
 }
 

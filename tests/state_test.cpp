@@ -148,19 +148,20 @@ TEST_F(Bridge, MovedFromHolderAndWatcherDoNothing) {
   holder.Set({1});
   new_holder.Set({2});
 
-  EXPECT_FALSE(watcher.Newest() || watcher.WaitFor(milliseconds(-1)));
-  EXPECT_EQ(new_watcher.WaitFor(milliseconds(0)), new_watcher.Newest());
+  EXPECT_FALSE(watcher.Newest() || watcher.WaitForValue());
+  EXPECT_EQ(new_watcher.WaitForValue(milliseconds(0)), new_watcher.Newest());
   EXPECT_EQ(seen, Numbers{2});
 }
 
-TEST_F(Bridge, WaitForWakesEveryThreadThatWaitsHoweverLong) {
+TEST_F(Bridge, WaitForValueWakesEveryThreadThatWaitsHoweverLong) {
   zorvix::Holder holder(kState);
   const Watcher without_callable(kState);
   const Watcher with_callable(kState, [](auto&) {});
-  EXPECT_EQ(with_callable.WaitFor(milliseconds(1)), nullptr);
+  EXPECT_EQ(with_callable.WaitForValue(milliseconds(1)), nullptr);
   const auto wait = [&](int thread) {
     const Watcher& watcher = thread < 2 ? without_callable : with_callable;
-    EXPECT_NE(watcher.WaitFor(thread % 2 == 0 ? milliseconds::max() : milliseconds(-1)), nullptr);
+    EXPECT_NE(thread % 2 == 0 ? watcher.WaitForValue(milliseconds::max()) : watcher.WaitForValue(),
+              nullptr);
   };
 
   ExpectWakesAll(wait, [&] { holder.Set({1}); });

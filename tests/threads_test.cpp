@@ -247,7 +247,7 @@ TEST_F(StoppedWorkers, HaveNamesAndSoHasTheThreadThatStopsThem) {
 
 TEST_F(StoppedWorkers, BeginNoQueuedCallableAndLeaveTheRestInOrder) {
   HoldLog("");
-  EXPECT_TRUE(workers_->Stop(milliseconds(-1)));
+  workers_->Stop();
 
   EXPECT_EQ(received_, std::vector{0});
   ZorvixSpinOnce();
@@ -259,12 +259,12 @@ TEST_F(StoppedWorkers, GoOnWithLaterWorkers) {
 
   WaitForLog("elapsed");  // StopSpin is in progress
   zorvix::Workers later(1);
-  EXPECT_TRUE(workers_->Stop(milliseconds(-1))) << "they are left to the later ones";
+  EXPECT_TRUE(workers_->Stop(zorvix::Timeout::Forever())) << "they are left to the later ones";
   ZorvixPublish(topic, 1);
   WaitForLog("by others");
   HoldLog("");
 
-  EXPECT_TRUE(later.Stop(milliseconds(-1)));
+  later.Stop();
   EXPECT_EQ(received_, (std::vector{0, 1, 2, 3}));
 }
 

@@ -28,7 +28,7 @@ class Screen {
   // Updates until the recorder has received the sample of this number.
   void UpdateUntil(int number) {
     while (recorded.last < number) {
-      inbox_.Wait(std::chrono::milliseconds(-1));
+      inbox_.Wait();
       Update();
     }
   }

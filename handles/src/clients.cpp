@@ -150,30 +150,28 @@ Owned<ClientState> MakeClient(const Endpoint& endpoint, const std::type_info& re
 }
 
 void CallAndWait(ClientState& client, const std::any& request, const AnswerType& type,
-                 const AnswerSlot& slot, std::chrono::milliseconds limit) {
+                 const AnswerSlot& slot, Timeout timeout) {
   const Section section("Call", client.name);
   WaitingOffer offer(type, slot, client.name, client.module);
-  // Without a limit, no clock is read.
-  const auto end = limit.count() < 0 ? kNever : Deadline(limit);
+  const auto end = Deadline(timeout);
   client.record.sent.Add();
   CallNow(client.participant.control, request, offer);
   offer.Wait(end);
 }
 
 void CallAndReply(ClientState& client, const std::any& request, const AnswerType& type,
-                  std::chrono::milliseconds timeout, Function<> callable) {
+                  Timeout timeout, Function<> callable) {
   const auto& queue = client.calls.queue;
   if (queue == nullptr) {
     throw std::logic_error("a call with a callable needs a client that is queued or has an inbox");
   }
-  const bool has_timeout = timeout.count() >= 0;
-  if (has_timeout && queue->strand().IsDrainedByTasks()) {
+  if (!timeout.IsForever() && queue->strand().IsDrainedByTasks()) {
     throw std::logic_error("a call with a timeout and a callable needs a client with an inbox");
   }
   const Section section("Call", client.name);
   client.record.sent.Add();
   ReplyOwner reply;
-  const auto end = has_timeout ? Deadline(timeout) : kNever;
+  const auto end = Deadline(timeout);
   if (!queue->Add(std::move(callable), end, reply)) return;
   ReplyOffer offer(type, std::move(reply));
   CallNow(client.participant.control, request, offer);
@@ -189,11 +187,11 @@ void CallQueued(ClientState& client, std::any&& request, const AnswerType& type,
   if (!has_server) call->Set(Why::NoServer);
 }
 
-bool WaitForServer(const ClientState& client, std::chrono::milliseconds timeout) {
+bool WaitForServer(const ClientState& client, Timeout timeout) {
   const auto& queue = client.calls.queue;
   const bool is_refused =
-      timeout.count() < 0 && queue != nullptr && queue->strand().IsDrainedByThisThread();
-  const auto end = Deadline(is_refused ? std::chrono::milliseconds(0) : timeout);
+      timeout.IsForever() && queue != nullptr && queue->strand().IsDrainedByThisThread();
+  const auto end = Deadline(is_refused ? Timeout(Clock::duration::zero()) : timeout);
   const bool has_server = WaitForServerOf(client.participant, end);
   if (is_refused && !has_server) {
     BRIDGE_LOG(bridge::kLogError,

@@ -51,7 +51,7 @@ class DrainThread {
       : strand_(inbox.strand),
         thread_(&DrainThread::Run, this, name.empty() ? inbox.tasks->name : name) {}
 
-  bool Stop(std::chrono::milliseconds timeout) {
+  bool Stop(Timeout timeout) {
     if (!thread_.joinable()) return processed_all_;
     if (thread_.get_id() == std::this_thread::get_id()) {
       BRIDGE_LOG(bridge::kLogError, "an InboxThread is stopped by a callable it invokes");
@@ -68,7 +68,7 @@ class DrainThread {
     NameThread(name);
     const auto may_go_on = [this] { return !stop_ || Clock::now() < end_; };
     while (!stop_) {
-      strand_->Wait(Deadline(std::chrono::milliseconds(-1)), stop_);
+      strand_->Wait(kNever, stop_);
       strand_->Drain(may_go_on);
     }
     strand_->Drain(may_go_on);  // what arrived during the last drain
@@ -91,15 +91,17 @@ Inbox::~Inbox() { state_->strand->Shut(state_); }
 
 std::size_t Inbox::Drain() { return state_->strand->Drain(); }
 
-std::size_t Inbox::Drain(std::chrono::milliseconds limit) {
-  const auto end = detail::Deadline(limit);
+std::size_t Inbox::Drain(Timeout timeout) {
+  const auto end = detail::Deadline(timeout);
   return state_->strand->Drain([end, is_first = true]() mutable {
     return std::exchange(is_first, false) || detail::Clock::now() < end;
   });
 }
 
-bool Inbox::Wait(std::chrono::milliseconds limit) const {
-  return state_->strand->Wait(detail::Deadline(limit), false);
+void Inbox::Wait() const { Wait(Timeout::Forever()); }
+
+bool Inbox::Wait(Timeout timeout) const {
+  return state_->strand->Wait(detail::Deadline(timeout), false);
 }
 
 int Inbox::fd() const { return state_->strand->fd(); }
@@ -115,8 +117,10 @@ void Inbox::Post(detail::Function<>&& task, detail::Module& module) {
 InboxThread::InboxThread(Inbox& inbox, const std::string& name)
     : thread_(std::make_unique<detail::DrainThread>(detail::StateOf(inbox), name)) {}
 
-InboxThread::~InboxThread() { Stop(std::chrono::milliseconds(-1)); }
+InboxThread::~InboxThread() { Stop(); }
 
-bool InboxThread::Stop(std::chrono::milliseconds timeout) { return thread_->Stop(timeout); }
+void InboxThread::Stop() { Stop(Timeout::Forever()); }
+
+bool InboxThread::Stop(Timeout timeout) { return thread_->Stop(timeout); }
 
 }  // namespace zorvix

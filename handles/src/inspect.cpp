@@ -152,8 +152,7 @@ std::string Join(const std::vector<Finding>& findings) {
 
 }  // namespace
 
-SlowLog::SlowLog(std::chrono::milliseconds limit)
-    : limit_(std::max<std::int64_t>(std::chrono::nanoseconds(limit).count(), 1)) {
+SlowLog::SlowLog(Timeout limit) : limit_(std::max<std::int64_t>(limit.time().count(), 1)) {
   auto& process = detail::Process::Get();
   const detail::Lock lock(process.mutex);
   process.slow_limits.insert(limit_);

@@ -14,10 +14,8 @@ namespace zorvix::detail {
 const Trace trace = Trace::LookUp();
 std::atomic<std::int64_t> smallest_slow_limit{0};
 
-Clock::time_point Deadline(std::chrono::milliseconds limit) {
-  constexpr std::chrono::milliseconds kYears = std::chrono::hours(87'600);
-  if (limit.count() < 0 || limit > kYears) limit = kYears;
-  return Clock::now() + limit;
+Clock::time_point Deadline(Timeout timeout) {
+  return timeout.IsForever() ? kNever : Clock::now() + timeout.time();
 }
 
 Process& Process::Get() {

@@ -5,6 +5,7 @@
 
 #include <zorvix/detail/erasure.h>
 #include <zorvix/detail/listing.h>
+#include <zorvix/timeout.h>
 
 #include <atomic>
 #include <chrono>
@@ -20,9 +21,8 @@
 
 namespace zorvix::detail {
 
-// Returns the end of a wait. A negative limit stands for no limit, which is a time so far away that
-// adding it does not overflow.
-Clock::time_point Deadline(std::chrono::milliseconds limit);
+// Returns the end of a wait that begins now, or kNever.
+Clock::time_point Deadline(Timeout timeout);
 
 struct Participant;
 struct ServerRegistration;

@@ -46,7 +46,7 @@ void Answer(std::any& response, const AnswerType& answer_type, Gate& gate, Modul
   }
   WaitingOffer plain(answer_type, {nullptr, nullptr, &response}, service, nullptr);
   serve(plain);
-  plain.Wait(Deadline(std::chrono::milliseconds(-1)));
+  plain.Wait(kNever);
 }
 
 void AnswerDirectly(Direct& direct, const std::type_info& answer_type, const std::any& any,

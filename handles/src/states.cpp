@@ -190,8 +190,8 @@ Owned<WatcherState> MakeWatcher(const Endpoint& endpoint, const std::type_info& 
 
 std::shared_ptr<const void> Newest(const WatcherState& watcher) { return watcher.queue().Newest(); }
 
-std::shared_ptr<const void> WaitFor(const WatcherState& watcher, std::chrono::milliseconds limit) {
-  return watcher.queue().WaitFor(Deadline(limit));
+std::shared_ptr<const void> WaitForValue(const WatcherState& watcher, Timeout timeout) {
+  return watcher.queue().WaitForValue(Deadline(timeout));
 }
 
 }  // namespace zorvix::detail

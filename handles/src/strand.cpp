@@ -225,7 +225,7 @@ void Queue::Close() {
   }
   {
     Lock lock(mutex_);
-    WaitWhileInUse(lock, Deadline(std::chrono::milliseconds(-1)));
+    WaitWhileInUse(lock, kNever);
     strand_->mutex_.AssertHeld();
     if (strand_->invoking_ == this) {  // by this thread
       strand_->closed_by_its_callable_ = shared_from_this();

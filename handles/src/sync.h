@@ -87,6 +87,10 @@ class Condition {
   }
   // Returns false if the time is over.
   bool WaitUntil(Lock& lock, Clock::time_point end) {
+    if (end == kNever) {
+      Wait(lock);
+      return true;
+    }
     std::unique_lock held(lock.mutex_, std::adopt_lock);
     const std::cv_status status = condition_.wait_until(held, end);
     held.release();

@@ -28,7 +28,7 @@ void WatchQueue::Push(Version version) {
   });
 }
 
-std::shared_ptr<const void> WatchQueue::WaitFor(Clock::time_point end) {
+std::shared_ptr<const void> WatchQueue::WaitForValue(Clock::time_point end) {
   Lock lock(mutex_);
   while (value_ == nullptr && changed_.WaitUntil(lock, end)) {
   }

@@ -29,7 +29,7 @@ class WatchQueue final : public LatestQueue<std::shared_ptr<const void>> {
   void Push(Version version);
 
   // Returns null if there is no value by then.
-  std::shared_ptr<const void> WaitFor(Clock::time_point end);
+  std::shared_ptr<const void> WaitForValue(Clock::time_point end);
 
   void Close() override;
 

@@ -81,7 +81,7 @@ class Pool {
 
   // Removes an owner if `is_owner`, which is guarded by the mutex. Returns false if workers that
   // nobody owns have not ended in time.
-  bool Stop(bool& is_owner, std::chrono::milliseconds timeout) {
+  bool Stop(bool& is_owner, Timeout timeout) {
     const auto end = Deadline(timeout);
     auto warning_at = Clock::now() + kSecond;
     Lock lock(mutex_);
@@ -204,10 +204,10 @@ Workers::Workers(unsigned long count) {
   detail::Pool::Get().Add(count);
 }
 
-Workers::~Workers() { Stop(std::chrono::milliseconds(-1)); }
+Workers::~Workers() { Stop(); }
 
-bool Workers::Stop(std::chrono::milliseconds timeout) {
-  return detail::Pool::Get().Stop(is_owner_, timeout);
-}
+void Workers::Stop() { Stop(Timeout::Forever()); }
+
+bool Workers::Stop(Timeout timeout) { return detail::Pool::Get().Stop(is_owner_, timeout); }
 
 }  // namespace zorvix

@@ -12,10 +12,10 @@
 #include <zorvix/delivery.h>
 #include <zorvix/detail/awaiting.h>
 #include <zorvix/detail/library.h>
+#include <zorvix/timeout.h>
 #include <zorvix/topic.h>
 
 #include <any>
-#include <chrono>
 #include <future>
 #include <type_traits>
 #include <typeinfo>
@@ -73,16 +73,16 @@ class Client {
   // future blocks forever unless another worker is free.
   auto Call(Request request) const {
     if constexpr (kType == bridge::BridgeType::Sync) {
-      return Call(std::move(request), std::chrono::milliseconds(-1));
+      return Call(std::move(request), Timeout::Forever());
     } else {
       return CallQueued(std::move(request));
     }
   }
 
-  // Does the same, but returns Why::TimedOut after `timeout`. A negative one means without limit. A
-  // late answer is ignored. A direct server is invoked on this thread and is not interrupted.
-  Answer<Response> Call(Request request, std::chrono::milliseconds timeout) const {
-    static_assert(kType == bridge::BridgeType::Sync, "only a call of a Sync service has a limit");
+  // Does the same, but returns Why::TimedOut after `timeout`. A late answer is ignored. A direct
+  // server is invoked on this thread and is not interrupted.
+  Answer<Response> Call(Request request, Timeout timeout) const {
+    static_assert(kType == bridge::BridgeType::Sync, "only a call of a Sync service has a timeout");
     Answer<Response> answer;
     if (state_ != nullptr) {
       const std::any any(std::in_place_type<Request>, std::move(request));
@@ -98,19 +98,18 @@ class Client {
   // instead. A server processes requests in the order of the calls. Requests that it does not
   // process, such as dropped ones, are answered immediately: these answers may overtake earlier
   // ones. Throws std::logic_error if the client is direct.
-  template <typename Callable,
-            std::enable_if_t<!std::is_convertible_v<Callable, std::chrono::milliseconds>, int> = 0>
+  template <typename Callable, std::enable_if_t<!std::is_convertible_v<Callable, Timeout>, int> = 0>
   void Call(Request request, Callable callable) const {
-    static_assert(!std::is_arithmetic_v<Callable>, "write the limit as a std::chrono duration");
-    Call(std::move(request), std::chrono::milliseconds(-1), std::move(callable));
+    static_assert(!std::is_arithmetic_v<Callable>, "write the timeout as a std::chrono duration");
+    Call(std::move(request), Timeout::Forever(), std::move(callable));
   }
 
   // Does the same, but if there is no answer after `timeout`, the callable is invoked with
   // Why::TimedOut in the next drain of the inbox. Inbox::Wait and an InboxThread wake up for it,
-  // and Inbox::fd becomes readable. A negative timeout means without limit. A late answer is
-  // ignored. Throws std::logic_error if the client has no inbox.
+  // and Inbox::fd becomes readable. A late answer is ignored. Throws std::logic_error if the client
+  // has no inbox.
   template <typename Callable>
-  void Call(Request request, std::chrono::milliseconds timeout, Callable callable) const {
+  void Call(Request request, Timeout timeout, Callable callable) const {
     detail::CheckCallable<Callable, Answer<Response>>();
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
     if (state_ == nullptr) return;
@@ -120,12 +119,11 @@ class Client {
   }
 
   // Blocks until the service has a server handle, of any module, and returns true. Returns false
-  // after that time; a negative timeout means without limit. When it has returned, the server may
-  // be destroyed already. Servers that are registered through zorvix.h are not seen. Another thread
-  // must construct the server. Without limit, it is refused in a drain of the client's own inbox or
-  // queue, which could do nothing else meanwhile: if there is no server, it logs an ERROR and
-  // returns false.
-  bool WaitForServer(std::chrono::milliseconds timeout) const {
+  // after `timeout`. When it has returned, the server may be destroyed already. Servers that are
+  // registered through zorvix.h are not seen. Another thread must construct the server. Without a
+  // timeout, it is refused in a drain of the client's own inbox or queue, which could do nothing
+  // else meanwhile: if there is no server, it logs an ERROR and returns false.
+  bool WaitForServer(Timeout timeout = Timeout::Forever()) const {
     return state_ != nullptr && detail::WaitForServer(*state_, timeout);
   }
 

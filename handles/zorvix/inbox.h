@@ -15,9 +15,9 @@
 #define ZORVIX_INBOX_H_
 
 #include <zorvix/detail/erasure.h>
+#include <zorvix/timeout.h>
 #include <zorvix/zorvix.h>
 
-#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -64,13 +64,17 @@ class ZORVIX_EXPORT Inbox {
   // progress, also on this thread.
   std::size_t Drain();
 
-  // Does the same, but invokes no further callable once that time is over. It invokes at least one.
+  // Does the same, but invokes no further callable once `timeout` is over. It invokes at least one.
   // The rest stays pending, in order.
-  std::size_t Drain(std::chrono::milliseconds limit);
+  std::size_t Drain(Timeout timeout);
 
-  // Blocks until something is pending and no drain is in progress, and returns true. Returns false
-  // after that time; a negative limit means without limit. Do not call it in a drain of the inbox.
-  bool Wait(std::chrono::milliseconds limit) const;
+  // Blocks until something is pending and no drain is in progress. Do not call it in a drain of the
+  // inbox.
+  void Wait() const;
+
+  // Does the same, but for at most `timeout`. Returns whether something is pending and no drain is
+  // in progress.
+  bool Wait(Timeout timeout) const;
 
   // Returns a descriptor for poll, epoll or ALooper_addFd. It is readable while something is
   // pending and no drain is in progress. Do not read or close it. The first call creates it. Throws
@@ -103,18 +107,21 @@ class ZORVIX_EXPORT InboxThread {
   // has at most 15 bytes: a longer one is cut. A callable may rename the thread. Throws
   // std::system_error if the thread cannot be started.
   [[nodiscard]] explicit InboxThread(Inbox& inbox, const std::string& name = "");
-  // Does the same as Stop without a limit.
+  // Does the same as Stop().
   ~InboxThread();
   InboxThread(const InboxThread&) = delete;
   InboxThread& operator=(const InboxThread&) = delete;
 
-  // Processes what is pending for at most `timeout`, then ends the thread; a negative timeout means
-  // without limit. Once the time is over, no further callable is invoked: with a timeout of 0, none
-  // but the one whose invocation is in progress. Blocks until that one has returned. Returns
+  // Processes what is pending, then ends the thread, and blocks until it has ended. Called on the
+  // inbox's own thread, it logs an ERROR and ends the process. Must not be called by two threads at
+  // the same time.
+  void Stop();
+
+  // Does the same, but invokes no further callable once `timeout` is over: with a timeout of 0,
+  // none but the one whose invocation is in progress. Blocks until that one has returned. Returns
   // whether everything was processed: the rest stays in the inbox, for the next drain. Called
-  // again, it does nothing and returns the same. Must not be called by two threads at the same
-  // time. Called on the inbox's own thread, it logs an ERROR and ends the process.
-  bool Stop(std::chrono::milliseconds timeout);
+  // again, it does nothing and returns the same.
+  bool Stop(Timeout timeout);
 
  private:
   const std::unique_ptr<detail::DrainThread> thread_;

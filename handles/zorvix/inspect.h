@@ -6,6 +6,7 @@
 #ifndef ZORVIX_INSPECT_H_
 #define ZORVIX_INSPECT_H_
 
+#include <zorvix/timeout.h>
 #include <zorvix/zorvix.h>
 
 #include <chrono>
@@ -103,12 +104,13 @@ ZORVIX_EXPORT std::vector<HandleInfo> Inspect();
 ZORVIX_EXPORT std::ostream& operator<<(std::ostream& out, const std::vector<HandleInfo>& handles);
 
 // While an object exists, each invocation of a handle's callable or of a posted task that takes
-// longer than the limit is logged as a WARN, with kind, name, module and milliseconds, and
-// HandleInfo::longest is kept. If there are several objects, the smallest limit applies. Without
-// one, no clock is read. Any thread may construct it.
+// longer than `limit` is logged as a WARN, with kind, name, module and milliseconds, and
+// HandleInfo::longest is kept: with a limit of zero, each one; with Timeout::Forever(), none. If
+// there are several objects, the smallest limit applies. Without one, no clock is read. Any thread
+// may construct it.
 class ZORVIX_EXPORT SlowLog {
  public:
-  [[nodiscard]] explicit SlowLog(std::chrono::milliseconds limit);
+  [[nodiscard]] explicit SlowLog(Timeout limit);
   ~SlowLog();
   SlowLog(const SlowLog&) = delete;
   SlowLog& operator=(const SlowLog&) = delete;

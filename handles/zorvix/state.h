@@ -22,8 +22,8 @@
 #include <zorvix/detail/checks.h>
 #include <zorvix/detail/library.h>
 #include <zorvix/name.h>
+#include <zorvix/timeout.h>
 
-#include <chrono>
 #include <memory>
 #include <type_traits>
 #include <typeinfo>
@@ -88,11 +88,11 @@ class Watcher {
     return std::static_pointer_cast<const Value>(detail::Newest(*state_));
   }
 
-  // Blocks until there is a value, and returns the latest one. Returns null after that time; a
-  // negative limit means without limit. Another thread must set the value.
-  std::shared_ptr<const Value> WaitFor(std::chrono::milliseconds limit) const {
+  // Blocks until there is a value, and returns the latest one. Another thread must set the value.
+  // Returns null after `timeout`, if there is none yet.
+  std::shared_ptr<const Value> WaitForValue(Timeout timeout = Timeout::Forever()) const {
     if (state_ == nullptr) return nullptr;
-    return std::static_pointer_cast<const Value>(detail::WaitFor(*state_, limit));
+    return std::static_pointer_cast<const Value>(detail::WaitForValue(*state_, timeout));
   }
 
   // A State of another type.

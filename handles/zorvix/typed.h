@@ -58,6 +58,7 @@
 #include <zorvix/server.h>
 #include <zorvix/state.h>
 #include <zorvix/subscriber.h>
+#include <zorvix/timeout.h>
 #include <zorvix/topic.h>
 #include <zorvix/workers.h>
 

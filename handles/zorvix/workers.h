@@ -2,9 +2,8 @@
 #ifndef ZORVIX_WORKERS_H_
 #define ZORVIX_WORKERS_H_
 
+#include <zorvix/timeout.h>
 #include <zorvix/zorvix.h>
-
-#include <chrono>
 
 namespace zorvix {
 
@@ -24,20 +23,25 @@ class ZORVIX_EXPORT Workers {
   // ends the process.
   [[nodiscard]] explicit Workers(unsigned long count);
 
-  // Does the same as Stop without limit.
+  // Does the same as Stop().
   ~Workers();
 
   Workers(const Workers&) = delete;
   Workers& operator=(const Workers&) = delete;
 
-  // Asks the workers to end, and blocks until they have ended, but for at most `timeout`; a
-  // negative timeout means without limit. Returns whether they have ended. Returns true immediately
-  // if the workers are left to other objects, or have been ended by StopSpin. Called again, it
-  // waits again.
+  // Asks the workers to end, and blocks until they have ended. Returns immediately if the workers
+  // are left to other objects, or have been ended by StopSpin.
   //
-  // A worker ends when it finds the queue empty. One that has not begun runs no task. Without a
-  // limit, that is never while tasks post tasks or are posted faster than they run, so first stop
-  // whatever posts tasks.
+  // A worker ends when it finds the queue empty: that is never while tasks post tasks or are posted
+  // faster than they run, so first stop whatever posts tasks. A worker that has not begun runs no
+  // task. After each second of waiting, it logs a WARN for each callable that a task is invoking,
+  // with its kind, name and module, or one that a task does not return.
+  //
+  // Any thread may call it, also several at the same time. On a worker it never returns.
+  void Stop();
+
+  // Does the same, but blocks for at most `timeout`. Returns whether the workers have ended, or are
+  // left to others. Called again, it waits again.
   //
   // Once the time is over, no thread begins a callable of a queued handle (Delivery::Queued) until
   // the workers have ended, or new Workers are constructed. What is pending stays pending, in
@@ -47,12 +51,8 @@ class ZORVIX_EXPORT Workers {
   //
   // A thread that exists until the workers have ended calls StopSpin, at most once a second when
   // the workers have begun. If the thread cannot be started, Stop does it itself, and may then
-  // return late. After each second of waiting, Stop logs a WARN for each callable that a task is
-  // invoking, with its kind, name and module, or one that a task does not return.
-  //
-  // Any thread may call it, also several at the same time, and also a callable, but on a worker it
-  // waits for its own end: without a limit, it never returns.
-  bool Stop(std::chrono::milliseconds timeout);
+  // return late.
+  bool Stop(Timeout timeout);
 
  private:
   bool is_owner_ = true;

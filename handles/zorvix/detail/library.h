@@ -4,10 +4,10 @@
 
 #include <zorvix/delivery.h>
 #include <zorvix/detail/erasure.h>
+#include <zorvix/timeout.h>
 #include <zorvix/zorvix.h>
 
 #include <any>
-#include <chrono>
 #include <memory>
 #include <typeinfo>
 
@@ -63,12 +63,11 @@ Owned<ServerState> Serve(const Endpoint&, const MessageType&, const std::type_in
 Owned<ClientState> MakeClient(const Endpoint&, const std::type_info& request,
                               const std::type_info& response, const Place&, KeepLast);
 void CallAndWait(ClientState&, const std::any& request, const AnswerType&, const AnswerSlot&,
-                 std::chrono::milliseconds limit);
-// The function is an Awaiting. A negative timeout stands for none.
-void CallAndReply(ClientState&, const std::any& request, const AnswerType&,
-                  std::chrono::milliseconds timeout, Function<>);
+                 Timeout);
+// The function is an Awaiting.
+void CallAndReply(ClientState&, const std::any& request, const AnswerType&, Timeout, Function<>);
 void CallQueued(ClientState&, std::any&& request, const AnswerType&, Function<>);
-bool WaitForServer(const ClientState&, std::chrono::milliseconds timeout);
+bool WaitForServer(const ClientState&, Timeout);
 
 Owned<HolderState> MakeHolder(const Endpoint&, const std::type_info&);
 // Takes `value`. Destroys it with `destroy`, or if that is null, frees its memory.
@@ -76,7 +75,7 @@ void Set(HolderState&, const void* value, void (*destroy)(const void*));
 
 Owned<WatcherState> MakeWatcher(const Endpoint&, const std::type_info&, Callable, const Place&);
 std::shared_ptr<const void> Newest(const WatcherState&);
-std::shared_ptr<const void> WaitFor(const WatcherState&, std::chrono::milliseconds limit);
+std::shared_ptr<const void> WaitForValue(const WatcherState&, Timeout);
 
 Owned<PresenceState> MakePresence(const Endpoint&, Counterparts, Callable, const Place&);
 Matched Now(const PresenceState&);
