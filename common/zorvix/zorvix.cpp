@@ -104,18 +104,19 @@ void Zorvix::RegisterControl(std::shared_ptr<const Control>& control,
   }
 }
 
-void Zorvix::RegisterPublisher(std::shared_ptr<const Control>& control) {
+void Zorvix::RegisterName(std::shared_ptr<const Control>& control, const char* operation) {
   if (!control) {
-    BRIDGE_LOG(kLogError, "RegisterPublisher failed, control is nullptr!");
+    BRIDGE_LOG(kLogError, "%s failed, control is nullptr!", operation);
     return;
   }
   const std::lock_guard lock(controls_mutex_);
   RegisterControl(control, GetRealName(control));
 }
 
-void Zorvix::UnregisterPublisher(std::shared_ptr<const Control>& control) {
+void Zorvix::UnregisterName(std::shared_ptr<const Control>& control, const char* operation,
+                            const char* name_label) {
   if (!control) {
-    BRIDGE_LOG(kLogWarn, "UnregisterPublisher failed, control is nullptr!");
+    BRIDGE_LOG(kLogWarn, "%s failed, control is nullptr!", operation);
     return;
   }
   const std::lock_guard lock(controls_mutex_);
@@ -123,11 +124,27 @@ void Zorvix::UnregisterPublisher(std::shared_ptr<const Control>& control) {
   control.reset();  // may be the last owner, so the entry may expire here
   const auto entry = controls_.find(real_name);
   if (entry == controls_.end()) {
-    BRIDGE_LOG(kLogError, "UnregisterPublisher failed, real_topic_name: %s", real_name.c_str());
+    BRIDGE_LOG(kLogError, "%s failed, %s: %s", operation, name_label, real_name.c_str());
   } else if (entry->second.expired()) {
     controls_.erase(entry);
-    BRIDGE_LOG(kLogInfo, "control has been unregistered, real_topic_name: %s", real_name.c_str());
+    BRIDGE_LOG(kLogInfo, "control has been unregistered, %s: %s", name_label, real_name.c_str());
   }
+}
+
+void Zorvix::RegisterPublisher(std::shared_ptr<const Control>& control) {
+  RegisterName(control, "RegisterPublisher");
+}
+
+void Zorvix::UnregisterPublisher(std::shared_ptr<const Control>& control) {
+  UnregisterName(control, "UnregisterPublisher", "real_topic_name");
+}
+
+void Zorvix::RegisterClient(std::shared_ptr<const Control>& control) {
+  RegisterName(control, "RegisterClient");
+}
+
+void Zorvix::UnregisterClient(std::shared_ptr<const Control>& control) {
+  UnregisterName(control, "UnregisterClient", "real_name");
 }
 
 // Topics
@@ -285,32 +302,6 @@ void Zorvix::SignleAsyncAutoRemove(const std::shared_ptr<const Control>& control
 }
 
 // Services
-
-void Zorvix::RegisterClient(std::shared_ptr<const Control>& control) {
-  if (!control) {
-    BRIDGE_LOG(kLogError, "RegisterClient failed, control is nullptr!");
-    return;
-  }
-  const std::lock_guard lock(controls_mutex_);
-  RegisterControl(control, GetRealName(control));
-}
-
-void Zorvix::UnregisterClient(std::shared_ptr<const Control>& control) {
-  if (!control) {
-    BRIDGE_LOG(kLogWarn, "UnregisterClient failed, control is nullptr!");
-    return;
-  }
-  const std::lock_guard lock(controls_mutex_);
-  const std::string real_name = GetRealName(control);
-  control.reset();
-  const auto entry = controls_.find(real_name);
-  if (entry == controls_.end()) {
-    BRIDGE_LOG(kLogError, "UnregisterClient failed, real_name: %s", real_name.c_str());
-  } else if (entry->second.expired()) {
-    controls_.erase(entry);
-    BRIDGE_LOG(kLogInfo, "control has been unregistered, real_name: %s", real_name.c_str());
-  }
-}
 
 void Zorvix::RegisterServer(std::shared_ptr<const Control>& control,
                             const ServerCallback& callback) {
@@ -545,7 +536,8 @@ bool ZorvixCall(const std::shared_ptr<const bridge::Control>& control,
 bool ZorvixRunOneceStep() { return Zorvix::GetInstance().RunOneceStep(); }
 
 void ZorvixSpinOnce() {
-  while (ZorvixRunOneceStep()) {
+  Zorvix& bridge = Zorvix::GetInstance();
+  while (bridge.RunOneceStep()) {
   }
 }
 

@@ -1,7 +1,8 @@
 // Zorvix: an in-process message bridge between modules that do not know each other.
 //
-// A module describes an endpoint by a Control (name, topic or service, delivery type) and registers
-// it. Endpoints match when all three are equal. A topic delivers a publisher's message to every
+// Publishers, subscribers, clients and servers are endpoints. A module describes an endpoint by a
+// Control (name, topic or service, delivery type) and registers it. Endpoints match when all three
+// are equal. A topic delivers a publisher's message to every
 // subscriber; a service passes a client's request to its server. Sync endpoints are served directly
 // on the caller's thread. Async and SignleAsync endpoints are served from a bounded queue, which
 // the host drains (RunOneceStep, SpinOnce) or worker threads drain (Spin, StopSpin).
@@ -19,7 +20,9 @@
 //
 // Destructors of Controls, of registered callbacks and of queued tasks and messages must not call
 // the bridge, since they may run with its locks held. Nor must destructors that run at process exit
-// after the bridge has been destroyed. Compile all modules with the same version of this header.
+// after the bridge has been destroyed. Nor must the child of a fork, unless the parent had one
+// thread: another one may have held a lock of the bridge, which stays locked in the child. Compile
+// all modules with the same version of this header.
 #ifndef ZORVIX_ZORVIX_H_
 #define ZORVIX_ZORVIX_H_
 
@@ -93,7 +96,6 @@ enum class BridgeType : std::int32_t {
 
 // Describes an endpoint. Must not change while it is registered.
 struct Control {
-  __attribute__((visibility("hidden"))) ~Control() = default;
   std::string name;  // any bytes
   BridgeModule bridge_module = BridgeModule::Topic;
   BridgeType bridge_type = BridgeType::Sync;
@@ -121,7 +123,7 @@ using RequestCallback = std::function<void(const std::function<void(const std::a
 using Task = std::function<void()>;
 
 // The bridge of the process. Operations log a null Control or callback and do nothing.
-// All participants of a name share one Control. If the name has one already, a register operation
+// All endpoints of a name share one Control. If the name has one already, a register operation
 // sets `control` to it; deliveries find their receivers by its address. Pass the same pointer to
 // the unregister operation, which sets it to null. The last one to unregister removes the name.
 class Zorvix {
@@ -138,7 +140,7 @@ class Zorvix {
     return std::string(control->name).append(RealNameSuffix(*control));
   }
 
-  // Registers or unregisters a publisher of a topic. Logs WARN if earlier participants of the name
+  // Registers or unregisters a publisher of a topic. Logs WARN if earlier endpoints of the name
   // were destroyed unregistered, INFO if the name is removed, ERROR if it was not registered.
   ZORVIX_EXPORT void RegisterPublisher(std::shared_ptr<const Control>& control);
   ZORVIX_EXPORT void UnregisterPublisher(std::shared_ptr<const Control>& control);
@@ -148,20 +150,23 @@ class Zorvix {
                                         const SubscriberCallback& callback);
 
   // Removes every subscriber whose function object has the address `callback_handle`, that is
-  // (unsigned long)callback.get(). If no participant is left, the name and all its subscribers are
-  // removed. Deliveries that are queued or in progress still invoke them. Logs INFO if it removes
-  // the name or the last subscriber or finds none, ERROR if the name was not registered.
+  // (unsigned long)callback.get(); an address that none of them has is ignored without a line. If
+  // no endpoint is left, the name and all its subscribers are removed. Deliveries that are queued
+  // or in progress still invoke them. Logs INFO if it removes the name or the last subscriber, or
+  // if there was no subscriber, ERROR if the name was not registered.
   ZORVIX_EXPORT void UnregisterSubscriber(std::shared_ptr<const Control>& control,
                                           unsigned long callback_handle);
 
   // Delivers `message` to the topic's subscribers in the order of their registration. Sync invokes
   // them with the caller's object, and blocks meanwhile. Async and SignleAsync queue a task for
-  // each: the first task takes the message, all others get an empty std::any. A full queue does not
-  // block: it drops its oldest task, of any endpoint, with a WARN.
+  // each: the first task takes the message, so that `message` is empty afterwards, and all others
+  // get an empty std::any. A full queue does not block: it drops its oldest task, of any endpoint,
+  // with a WARN.
   // Returns false, and logs, if there is no subscriber, no value in `message`, or no such type.
   ZORVIX_EXPORT bool Publish(const std::shared_ptr<const Control>& control, Message&& message);
 
-  // Removes `callback` from a SignleAsync topic, or the server of a SignleAsync service.
+  // Removes `callback` from a SignleAsync topic, or the server of a SignleAsync service. Does
+  // nothing for other types.
   // Takes no lock: no other thread may use the bridge at the same time.
   // Logs ERROR for a null control, an unknown module, and a null callback of a topic.
   ZORVIX_EXPORT void SignleAsyncAutoRemove(const std::shared_ptr<const Control>& control,
@@ -180,7 +185,8 @@ class Zorvix {
   ZORVIX_EXPORT void UnregisterServer(std::shared_ptr<const Control>& control, unsigned long);
 
   // Invokes `request` with the server's function, directly (Sync) or from the queue. `request`
-  // calls that function with a request and a response of its own; queued, it must own all it uses.
+  // calls that function with a request and a response of its own; queued, it must own all it uses,
+  // and the caller's object is unspecified afterwards.
   // Logs exceptions of both with the address of the server's function object. Blocks as Publish.
   // Returns false, and logs, if there is no server or no such type.
   ZORVIX_EXPORT bool Call(const std::shared_ptr<const Control>& control, RequestCallback&& request);
@@ -211,6 +217,10 @@ class Zorvix {
   ~Zorvix() = default;
   void RegisterControl(std::shared_ptr<const Control>& control, const std::string& real_name)
       ZORVIX_REQUIRES(controls_mutex_);
+  // For endpoints without a callback. The texts are those of log lines.
+  void RegisterName(std::shared_ptr<const Control>& control, const char* operation);
+  void UnregisterName(std::shared_ptr<const Control>& control, const char* operation,
+                      const char* name_label);
   // Removes the receivers of a SignleAsync endpoint after a publication to `count` subscribers.
   void AutoRemoveSubscribers(const Control& control, std::size_t count)
       ZORVIX_REQUIRES(controls_mutex_, subscribers_mutex_);
