@@ -44,7 +44,7 @@ class Direct final : public Receiver {
       throw;
     }
   }
-  void Close() override { gate_.Close(name, &callable_); }
+  void Close() override { gate_.Close(*this, &callable_); }
   Counts Count() const override {
     Counts counts;
     counts.received = invocations.Get();

@@ -32,6 +32,7 @@ class QueuedStrand final : public Strand {
   friend class Dispatcher;
   void AfterPush() override;
   void AfterClose() override;
+  bool LogUndrained(const Record& pushed, const Backlog& backlog) const override;
 
   // Written under the dispatcher's mutex:
   std::atomic<bool> listed_{false};
@@ -90,6 +91,17 @@ class Dispatcher {
     } catch (const std::bad_alloc&) {
       PostLater();
     }
+  }
+
+  bool HasBegunTaskSince(Clock::time_point time) const { return last_task_at_.load() >= time; }
+
+  // Logs that no thread drains the queue, once until a thread does. Returns whether that is so.
+  bool LogUndrained(const Record& pushed, const Backlog& backlog) {
+    if (is_paused_ || HasBegunTaskSince(backlog.since)) return false;
+    const auto running = RunningInTasks();
+    if (!running.empty()) return LogRunningInTask(running.front(), pushed, backlog);
+    if (!is_logged_.exchange(true)) LogUndrainedQueue(pushed, backlog);
+    return true;
   }
 
   // Returns whether a task is in the bridge's queue. A task that the queue has dropped is not.
@@ -185,6 +197,8 @@ class Dispatcher {
 
   void RunTask(Ticket& ticket) {
     ticket.Return();
+    last_task_at_.store(CoarseNow(), std::memory_order_relaxed);
+    is_logged_.store(false, std::memory_order_relaxed);
     const auto strand = TakeFirst();
     if (strand == nullptr) return;
     struct ScheduleAgain {  // even after an exception
@@ -211,6 +225,8 @@ class Dispatcher {
   }
 
   std::atomic<int> tasks_{0};
+  std::atomic<Clock::time_point> last_task_at_{Clock::time_point()};  // when it began
+  std::atomic<bool> is_logged_{false};  // that no thread drains the queue, since then
   std::atomic<bool> is_paused_{false};  // written under the mutex
   Mutex mutex_;
   QueuedStrand::Element ready_ ZORVIX_GUARDED_BY(mutex_);
@@ -231,6 +247,10 @@ void QueuedStrand::AfterPush() {
 
 void QueuedStrand::AfterClose() { Dispatcher::Get().Retire(*this); }
 
+bool QueuedStrand::LogUndrained(const Record& pushed, const Backlog& backlog) const {
+  return Dispatcher::Get().LogUndrained(pushed, backlog);
+}
+
 }  // namespace
 
 void MakeDispatcher() { Dispatcher::Get(); }
@@ -239,6 +259,8 @@ std::shared_ptr<Strand> MakeQueuedStrand(const Endpoint& endpoint) {
   MakeDispatcher();  // now, since a push must not fail for it
   return std::make_shared<QueuedStrand>(endpoint);
 }
+
+bool HasBegunTaskSince(Clock::time_point time) { return Dispatcher::Get().HasBegunTaskSince(time); }
 
 void PauseQueued(bool is_paused) { Dispatcher::Get().Pause(is_paused); }
 

@@ -258,7 +258,7 @@ void MessageQueue::Discard() {
 }
 
 void MessageQueue::Close() {
-  gate_.Close(name, nullptr);
+  gate_.Close(*this, nullptr);
   Queue::Close();
 }
 

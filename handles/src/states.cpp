@@ -66,8 +66,8 @@ class HeldVersion {
   }
 
   // Afterwards nobody uses the type.
-  void Close(const std::string& name) {
-    gate_.Close(name, nullptr);
+  void Close(const Record& holder) {
+    gate_.Close(holder, nullptr);
     Version last;  // destroyed under no lock
     const Lock lock(mutex_);
     std::swap(latest_, last);
@@ -87,8 +87,8 @@ std::string StateName(const std::string& name) { return name + "/zorvix.state"; 
 struct HolderState : Record {
   HolderState(const Endpoint& endpoint, const std::string& state_name, const std::type_info& type)
       : Record("Holder", endpoint.name, endpoint.module),
-        values{std::make_shared<ValueOwner>(endpoint.module, endpoint.name)},
-        held{name, std::make_shared<HeldVersion>(type)},
+        values{*this, std::make_shared<ValueOwner>(endpoint.module)},
+        held{*this, std::make_shared<HeldVersion>(type)},
         publisher(state_name, bridge::BridgeModule::Topic, bridge::BridgeType::Sync),
         optional_audience(state_name, bridge::BridgeType::Sync, [](const std::any&) {}),
         server(state_name, bridge::BridgeType::Sync,
@@ -98,12 +98,13 @@ struct HolderState : Record {
         listed(Describe(type)) {}
 
   struct Closer {
-    ~Closer() { version->Close(name); }
-    const std::string& name;
+    ~Closer() { version->Close(holder); }
+    const Record& holder;
     const std::shared_ptr<HeldVersion> version;
   };
   struct Values {
-    ~Values() { owner->EndHolder(); }
+    ~Values() { owner->EndHolder(holder); }
+    const Record& holder;
     const std::shared_ptr<ValueOwner> owner;
   };
   const Values values;  // destroyed last

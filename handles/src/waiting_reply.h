@@ -11,6 +11,7 @@
 #include "reply.h"
 #include "sync.h"
 #include "threads.h"
+#include "waits.h"
 
 namespace zorvix::detail {
 
@@ -41,9 +42,10 @@ class WaitingReply final : public SharedReply {
   // When it has returned, nobody writes into the slot any more.
   void Wait(Clock::time_point end) {
     const Shown shown(*this);
+    WaitAndLog(
+        end, [this](Clock::time_point until) { return WaitUntil(until); },
+        [this](int seconds) { LogWaitingCall(*this, seconds); });
     Lock lock(mutex_);
-    bool is_over = false;
-    while (state_ == State::kWaiting && !is_over) is_over = !settled_.WaitUntil(lock, end);
     if (state_ == State::kWaiting) {
       state_ = State::kAbandoned;
       WriteOutcome(slot_, NoAnswer(Why::TimedOut));
@@ -57,6 +59,14 @@ class WaitingReply final : public SharedReply {
 
  private:
   enum class State { kWaiting, kSettling, kSettled, kAbandoned };
+
+  // Returns whether the call is settled, or is being settled.
+  bool WaitUntil(Clock::time_point end) {
+    Lock lock(mutex_);
+    bool is_over = false;
+    while (state_ == State::kWaiting && !is_over) is_over = !settled_.WaitUntil(lock, end);
+    return state_ != State::kWaiting;
+  }
 
   // Has the reply in the list of waits of the process.
   class Shown {

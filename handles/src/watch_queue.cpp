@@ -36,7 +36,7 @@ std::shared_ptr<const void> WatchQueue::WaitFor(Clock::time_point end) {
 }
 
 void WatchQueue::Close() {
-  gate_.Close(name, nullptr);
+  gate_.Close(*this, nullptr);
   LatestQueue::Close();
 }
 
