@@ -79,9 +79,8 @@ void MessageQueue::Push(const std::any& message) {
   if (Push(message, nullptr) == Pushed::kOtherType) RejectMessage(message);
 }
 
-void MessageQueue::PushRequest(const std::any& request, ReplyOwner reply,
-                               const std::type_info& wanted_answer) {
-  Expected expected{std::move(reply), wanted_answer};
+void MessageQueue::PushRequest(const std::any& request, Offer& offer) {
+  Expected expected{offer.Take(), *offer.type.type, offer.client};
   try {
     const Pushed pushed = Push(request, &expected);
     if (pushed == Pushed::kOtherType || pushed == Pushed::kOtherAnswer) {
@@ -97,7 +96,9 @@ void MessageQueue::RejectMessage(const std::any& message) {
   const Gate::Pass pass(gate_);  // for the type, which is in the module
   if (!pass.admitted()) return;
   rejected.Add();
-  throw TypeMismatch("message", message.type(), "subscriber", *type_.type);
+  throw TypeMismatch("message",
+                     {"publisher", message.type(), ModuleOfPublisher(name, message.type())},
+                     {"subscriber", *type_.type, module});
 }
 
 void MessageQueue::RejectRequest(const std::any& request, Expected& expected, Pushed pushed) {
@@ -106,9 +107,11 @@ void MessageQueue::RejectRequest(const std::any& request, Expected& expected, Pu
   rejected.Add();
   expected.reply.Fail(Why::WrongType);
   if (pushed == Pushed::kOtherType) {
-    throw TypeMismatch("request", request.type(), "server", *type_.type);
+    throw TypeMismatch("request", {"client", request.type(), expected.client},
+                       {"server", *type_.type, module});
   }
-  throw TypeMismatch("answer", *answer_type_, "client", expected.answer_type);
+  throw TypeMismatch("answer", {"server", *answer_type_, module},
+                     {"client", expected.answer_type, expected.client});
 }
 
 inline void MessageQueue::PopInto(Taken& oldest, Fifo& pending) const {

@@ -29,8 +29,8 @@ class MessageQueue final : public Queue {
 
   // Stores a copy. Throws TypeMismatch.
   void Push(const std::any& message);
-  // Does the same. The reply is settled if the request is not stored.
-  void PushRequest(const std::any& request, ReplyOwner reply, const std::type_info& wanted_answer);
+  // Does the same. Takes the reply of the offer, which is settled if the request is not stored.
+  void PushRequest(const std::any& request, Offer& offer);
   // Takes a message on the heap.
   void PushOwned(void* copy);
 
@@ -72,6 +72,7 @@ class MessageQueue final : public Queue {
   struct Expected {
     ReplyOwner reply;
     const std::type_info& answer_type;
+    const char* client;  // its module
   };
   enum class Pushed { kYes, kClosed, kOtherType, kOtherAnswer };
 

@@ -105,7 +105,7 @@ class WaitingOffer final : public Offer {
   // `module` is that of the client, or null if it has no handle.
   WaitingOffer(const AnswerType& its_type, const AnswerSlot& slot, const std::string& service,
                const char* module)
-      : Offer(its_type, true), slot_(slot), service_(service), module_(module) {}
+      : Offer(its_type, module, true), slot_(slot), service_(service) {}
   // After an exception, the server may still have the reply.
   ~WaitingOffer() { Wait(Clock::time_point()); }
   WaitingOffer(const WaitingOffer&) = delete;
@@ -118,13 +118,12 @@ class WaitingOffer final : public Offer {
  private:
   void Write(const Outcome& outcome) override { WriteOutcome(slot_, outcome); }
   ReplyOwner Share() override {
-    reply_ = std::make_shared<WaitingReply>(slot_, service_, module_);
+    reply_ = std::make_shared<WaitingReply>(slot_, service_, client);
     return ReplyOwner(reply_);
   }
 
   const AnswerSlot slot_;
   const std::string& service_;  // exists until Share
-  const char* const module_;
   std::shared_ptr<WaitingReply> reply_;
 };
 
