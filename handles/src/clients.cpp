@@ -66,12 +66,11 @@ void CallNow(const Control& control, const std::any& request, Offer& offer) {
     Offer& offer;
   } const asking{request, offer};
   // A reference only, so that the bridge's std::function needs no allocation.
-  const bool has_server = Bridge().Call(control, [&asking](const ServerFunction& serve) {
+  const auto ask = [&asking](const ServerFunction& serve) {
     Ask(serve, asking.request, asking.offer);
-  });
-  if (has_server) return;
-  LogIfExiting(control->name.c_str());
-  offer.Settle(NoAnswer(Why::NoServer));
+  };
+  const bool has_server = !IsExiting(control->name) && Bridge().Call(control, ask);
+  if (!has_server) offer.Settle(NoAnswer(Why::NoServer));
 }
 
 // A call in the bridge's queue. Its function is invoked when this is destroyed.
@@ -191,11 +190,10 @@ void CallQueued(ClientState& client, std::any&& request, const AnswerType& type,
   client.record.sent.Add();
   const auto call =
       std::make_shared<QueuedCall>(std::move(request), type, client.module, std::move(callable));
-  const bool has_server = Bridge().Call(
-      client.participant.control, [call](const ServerFunction& serve) { call->Begin(serve); });
-  if (has_server) return;
-  LogIfExiting(client.name.c_str());
-  call->Set(Why::NoServer);
+  const auto begin = [call](const ServerFunction& serve) { call->Begin(serve); };
+  const bool has_server =
+      !IsExiting(client.name) && Bridge().Call(client.participant.control, begin);
+  if (!has_server) call->Set(Why::NoServer);
 }
 
 bool WaitForServer(const ClientState& client, std::chrono::milliseconds timeout) {

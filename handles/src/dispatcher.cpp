@@ -93,11 +93,11 @@ class Dispatcher {
     }
   }
 
-  bool HasBegunTaskSince(Clock::time_point time) const { return last_task_at_.load() >= time; }
+  bool HasBegunTaskAfter(Clock::time_point time) const { return last_task_at_.load() > time; }
 
   // Logs that no thread drains the queue, once until a thread does. Returns whether that is so.
   bool LogUndrained(const Record& pushed, const Backlog& backlog) {
-    if (is_paused_ || HasBegunTaskSince(backlog.since)) return false;
+    if (is_paused_ || HasBegunTaskAfter(backlog.since)) return false;
     const auto running = RunningInTasks();
     if (!running.empty()) return LogRunningInTask(running.front(), pushed, backlog);
     if (!is_logged_.exchange(true)) LogUndrainedQueue(pushed, backlog);
@@ -260,7 +260,7 @@ std::shared_ptr<Strand> MakeQueuedStrand(const Endpoint& endpoint) {
   return std::make_shared<QueuedStrand>(endpoint);
 }
 
-bool HasBegunTaskSince(Clock::time_point time) { return Dispatcher::Get().HasBegunTaskSince(time); }
+bool HasBegunTaskAfter(Clock::time_point time) { return Dispatcher::Get().HasBegunTaskAfter(time); }
 
 void PauseQueued(bool is_paused) { Dispatcher::Get().Pause(is_paused); }
 

@@ -30,8 +30,6 @@ std::string ModulePart(const TypeMismatch::Side& side) {
          (side.module == nullptr ? "without a handle" : side.module);
 }
 
-std::atomic<bool> is_exiting{false};
-
 template <typename Base>
 class Copied final : public Base {
  public:
@@ -47,6 +45,7 @@ class Copied final : public Base {
 // find what has been registered under it.
 template <typename Function>
 void Unregister(Control& control, const Function& unregister) noexcept {
+  if (IsExiting(control->name)) return;
   try {
     unregister(control);
   } catch (const std::bad_alloc&) {
@@ -186,6 +185,8 @@ class Registry {
 
 }  // namespace
 
+std::atomic<bool> is_exiting{false};
+
 bridge::Zorvix& MakeBridge() {
   // Destroyed right after the bridge, if that has not existed before.
   static const struct Exit {
@@ -194,12 +195,12 @@ bridge::Zorvix& MakeBridge() {
   return bridge::Zorvix::GetInstance();
 }
 
-void LogIfExiting(const char* name) {
+void LogExit(const std::string& name) {
   static std::atomic<bool> is_logged{false};
-  if (!is_exiting || is_logged.exchange(true)) return;
+  if (is_logged.exchange(true)) return;
   BRIDGE_LOG(bridge::kLogError,
              "a handle is used at process exit, after the bridge may have been destroyed, name: %s",
-             name);
+             name.c_str());
 }
 
 TypeMismatch::TypeMismatch(const char* what, const Side& given, const Side& wanted)
@@ -237,7 +238,6 @@ Participant::Participant(const std::string& name, bridge::BridgeModule module,
 
 Participant::~Participant() {
   if (control == nullptr) return;
-  LogIfExiting(control->name.c_str());
   Unregister(control, [this](Control& its) {
     if (is_topic) {
       Bridge().UnregisterPublisher(its);
@@ -269,7 +269,6 @@ Subscription::~Subscription() {
 }
 
 void Subscription::Unregister() {
-  LogIfExiting(participant.control->name.c_str());
   const auto handle = reinterpret_cast<unsigned long>(callback.get());
   detail::Unregister(participant.control, [handle](Control& control) {
     Bridge().UnregisterSubscriber(control, handle);
@@ -306,7 +305,7 @@ ServerRegistration::~ServerRegistration() {
     if (next != nullptr) next->is_latest = true;
     // If nobody else shares the callback, the bridge does not have it any more: a server without a
     // handle has replaced it, or the one call of a SignleAsync service has removed it.
-    if (!IsActive()) return;
+    if (!IsActive() || IsExiting(record.name)) return;
     if (next != nullptr) successor = next->record.module;
     Unregister(participant.control, [next](Control& control) {
       if (next == nullptr) {

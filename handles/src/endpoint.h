@@ -50,9 +50,16 @@ class TypeMismatch final : public std::bad_any_cast {
 // Returns the module of a publisher of that name and type, or null if none has a handle.
 const char* ModuleOfPublisher(const std::string& name, const std::type_info& type);
 
-// To be called when an operation of the bridge has failed, or may fail. At process exit, logs once
-// that the bridge may have been destroyed before the handle.
-void LogIfExiting(const char* name);
+// At process exit: the bridge has been destroyed, or is next.
+extern std::atomic<bool> is_exiting;
+void LogExit(const std::string& name);
+
+// Returns whether the bridge must not be used any more. Then logs that, once.
+inline bool IsExiting(const std::string& name) {
+  if (!is_exiting.load(std::memory_order_relaxed)) return false;
+  LogExit(name);
+  return true;
+}
 
 // Throws an exception with the same text as one that code of a module has thrown. The bridge logs
 // it later, when that code may have been unloaded.

@@ -21,7 +21,7 @@ void Gate::WaitForOthers(const Record& record, std::uint32_t own_passes, bool is
     while (inside_ != kClosed + own_passes && !is_over) is_over = !left_.WaitUntil(lock, until);
     return inside_ == kClosed + own_passes;
   };
-  const auto log = [&](int seconds) {
+  const auto log = [&](int seconds, auto) {
     // The record follows one invocation, perhaps that of this thread.
     const int thread = is_around_callable ? record.inside.thread() : 0;
     LogWaitingDestructor(record, thread == ThisThread() ? 0 : thread, seconds);

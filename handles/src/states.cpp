@@ -169,8 +169,8 @@ void Set(HolderState& holder, const void* value, void (*destroy)(const void*)) {
   // Stored before it is published, so that a watcher that asks later gets it.
   Version before = held.Store(version);
   try {
-    const auto* const published = static_cast<const Version*>(&version);
-    if (!Bridge().Publish(holder.publisher.control, published)) LogIfExiting(holder.name.c_str());
+    if (IsExiting(holder.name)) return;
+    Bridge().Publish(holder.publisher.control, static_cast<const Version*>(&version));
   } catch (const std::bad_alloc&) {
     // Thrown by the bridge before it has invoked anybody: it contains what callables throw.
     held.Restore(version.number, std::move(before));

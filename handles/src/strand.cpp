@@ -263,7 +263,7 @@ void Queue::Close() {
   if (!WaitWhileInUse(Clock::time_point())) {
     WaitAndLog(
         kNever, [this](Clock::time_point until) { return WaitWhileInUse(until); },
-        [this](int seconds) { LogWaitingDestructor(*this, ThreadInUse(), seconds); });
+        [this](int seconds, auto) { LogWaitingDestructor(*this, ThreadInUse(), seconds); });
   }
   {
     const Lock lock(mutex_);

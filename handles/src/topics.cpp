@@ -46,9 +46,8 @@ Owned<PublisherState> MakePublisher(const Endpoint& endpoint, const std::type_in
 bool Publish(PublisherState& publisher, std::any&& message) {
   const Section section("Publish", publisher.name);
   publisher.sent.Add();
-  const bool is_published = Bridge().Publish(publisher.participant.control, std::move(message));
-  if (!is_published) LogIfExiting(publisher.name.c_str());
-  return is_published;
+  if (IsExiting(publisher.name)) return false;
+  return Bridge().Publish(publisher.participant.control, std::move(message));
 }
 
 Owned<SubscriberState> Subscribe(const Endpoint& endpoint, const MessageType& type,

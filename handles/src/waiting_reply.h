@@ -44,7 +44,7 @@ class WaitingReply final : public SharedReply {
     const Shown shown(*this);
     WaitAndLog(
         end, [this](Clock::time_point until) { return WaitUntil(until); },
-        [this](int seconds) { LogWaitingCall(*this, seconds); });
+        [this](int seconds, auto start) { LogWaitingCall(*this, seconds, start); });
     Lock lock(mutex_);
     if (state_ == State::kWaiting) {
       state_ = State::kAbandoned;

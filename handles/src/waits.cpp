@@ -64,24 +64,24 @@ std::string DescribePending(const Served& served, Clock::time_point called_at) {
   if (served.running) {
     return ", pending while its thread is inside another callable, " + Describe(*served.running);
   }
-  if (served.drains.latest_at >= called_at) return ", pending";
+  if (served.drains.latest_at > called_at) return ", pending";
   if (!served.is_queued) {
     return ", pending in an inbox that no thread drains, inbox: " + served.place +
            LastDrain(served.drains.drainer);
   }
   const auto running = RunningInTasks();
   if (!running.empty()) return ", pending while a task is inside " + Describe(running.front());
-  if (HasBegunTaskSince(called_at)) return ", pending";
+  if (HasBegunTaskAfter(called_at)) return ", pending";
   return ", pending in the queue, which no thread drains";
 }
 
-std::string DescribeServer(const WaitingReply& call, int seconds) {
+std::string DescribeServer(const WaitingReply& call, Clock::time_point called_at) {
   const auto served = FindServer(call.service);
   if (!served) return ", the server has no handle";
   const std::string text = std::string(", kind: Server, module: ") + served->server.module;
   if (served->server.thread != 0) return text + ThreadPart(served->server.thread);
   if (!served->has_pending) return text + ", the server has taken the request";
-  return text + DescribePending(*served, CoarseNow() - std::chrono::seconds(seconds));
+  return text + DescribePending(*served, called_at);
 }
 
 }  // namespace
@@ -114,10 +114,10 @@ void LogWaitingDestructor(const Record& record, int thread, int seconds) noexcep
              record.name.c_str(), record.kind, record.module, ThreadPart(thread).c_str(), seconds);
 }
 
-void LogWaitingCall(const WaitingReply& call, int seconds) noexcept {
+void LogWaitingCall(const WaitingReply& call, int seconds, Clock::time_point start) noexcept {
   std::string server;
   try {
-    server = DescribeServer(call, seconds);
+    server = DescribeServer(call, start);
   } catch (const std::bad_alloc&) {  // the line tells less
   }
   BRIDGE_LOG(bridge::kLogWarn, "a call waits for its answer, name: %s%s, for %d s",

@@ -16,8 +16,8 @@ namespace zorvix::detail {
 class WaitingReply;
 
 // Calls wait(until), which blocks until something has happened, or until that time, and returns
-// whether it has happened. After 1, 10 and 100 seconds without it, calls log(seconds), under no
-// lock. Ends at `end`.
+// whether it has happened. After 1, 10 and 100 seconds without it, calls
+// log(seconds, start), under no lock. Ends at `end`.
 template <typename Wait, typename Log>
 void WaitAndLog(Clock::time_point end, const Wait& wait, const Log& log) {
   const auto start = CoarseNow();
@@ -25,7 +25,7 @@ void WaitAndLog(Clock::time_point end, const Wait& wait, const Log& log) {
     const auto until = start + std::chrono::seconds(seconds);
     if (until >= end) break;
     if (wait(until)) return;
-    log(seconds);
+    log(seconds, start);
   }
   wait(end);
 }
@@ -57,7 +57,7 @@ std::string ThreadPart(int thread) noexcept;
 
 // Log one WARN. `thread`: the one that is inside the callable, or 0 if that is not known.
 void LogWaitingDestructor(const Record& record, int thread, int seconds) noexcept;
-void LogWaitingCall(const WaitingReply& call, int seconds) noexcept;
+void LogWaitingCall(const WaitingReply& call, int seconds, Clock::time_point start) noexcept;
 
 // `pushed`: a handle with something pending. Throw std::bad_alloc.
 void LogUndrainedInbox(const std::string& inbox, const Record& pushed, const Backlog& backlog);
