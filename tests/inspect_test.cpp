@@ -1,9 +1,12 @@
 // What Inspect, SlowLog, the log and traces tell of handles.
+#include <pthread.h>
 #include <zorvix/inspect.h>
 #include <zorvix/state.h>
 
 #include <future>
 #include <map>
+#include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -189,18 +192,149 @@ TEST_F(Bridge, InspectCoversModulesThatAreLoadedApart) {
   EXPECT_EQ(InspectLines().size(), 1u);
 }
 
-TEST_F(Bridge, DroppedMessagesAreLoggedWithTheModuleWhoseHandleDropsThem) {
-  const Module module("hidden");
-  BIND(module, Subscribe)();
+TEST_F(Bridge, DropsAreLoggedAtMostOnceASecondForEachHandleAndInAll) {
+  Inbox inbox;
+  std::optional subscriber(Ints(kTopic, ignore, inbox, KeepLast{2}));
+  std::optional client(IntClient(kService, inbox, KeepLast{2}));
+  const auto drop_and_catch_up = [&] {
+    for (int i = 0; i < 100; ++i) {
+      for (int number = 0; number < 3; ++number) {
+        zorvix::Publisher(kTopic).Publish(number);
+        client->Call(number, ignore);
+      }
+      inbox.Drain();
+    }
+    return TakeLog();
+  };
+  const auto expect_one = [&](const Lines& log, const std::string& dropped) {
+    EXPECT_EQ(Count(log, "a queue has dropped messages, "), 2u);
+    const std::string end = ", module: zorvix_test, dropped: " + dropped;
+    EXPECT_EQ(Count(log, "kind: Subscriber, name: t" + end), 1u);
+    EXPECT_EQ(Count(log, "kind: Client, name: s" + end), 1u);
+  };
 
-  for (int number = 0; number < 4; ++number) zorvix::Publisher(kNeverDrained).Publish(number);
-  BIND(module, Leave)();
+  const Lines log = drop_and_catch_up();
+  EXPECT_EQ(Count(log, "a full queue drops its oldest messages, kind: Subscriber, "), 1u);
+  EXPECT_EQ(Count(log, "a client has too many calls and drops new ones, "), 1u);
+  expect_one(log, "1");
+  std::this_thread::sleep_for(milliseconds(1020));
+  expect_one(drop_and_catch_up(), "100");
+  subscriber.reset();
+  client.reset();
+  expect_one(TakeLog(), "99");
+}
 
-  const Lines log = TakeLog();
-  const std::string handle = "kind: Subscriber, name: never drained, module: libhidden.so, ";
-  EXPECT_EQ(Count(log, "a full queue drops its oldest messages, " + handle + "depth: 2"), 1u);
-  EXPECT_EQ(Count(log, "a queue has dropped messages, " + handle + "dropped: 2"), 1u);
-  EXPECT_EQ(Count(log, "pending messages are discarded, " + handle + "discarded: 2"), 1u);
+// Publishes as often as a sensor, also calls `step`, and returns the log of that time.
+Lines PublishFor(
+    milliseconds time, const std::function<void()>& step = [] {}) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  while (std::chrono::steady_clock::now() < end) {
+    zorvix::Publisher(kTopic).Publish(1);
+    step();
+    std::this_thread::sleep_for(milliseconds(10));
+  }
+  return TakeLog();
+}
+
+TEST_F(Bridge, QueueThatNoThreadDrainsIsLoggedOnceUntilItIsDrained) {
+  const std::string line = "no thread drains the queue, kind: ";
+  const Ints queued(kTopic, ignore, Delivery::Queued, KeepLast{1});
+  const Ints other(kTopic, ignore, Delivery::Queued, KeepLast{1});
+  const IntServer server(kService, answer, Delivery::Queued);
+
+  EXPECT_EQ(Count(PublishFor(milliseconds(800)), line), 0u);
+  auto call = std::async([] { IntClient(kService).Call(1, milliseconds(1100)); });
+  const Lines log = PublishFor(milliseconds(1200));
+  call.get();
+  EXPECT_EQ(Count(log, line), 1u);
+  EXPECT_EQ(Count(log, line + "Subscriber, name: t, module: zorvix_test, pending: 1, for 1 s"), 1u);
+  EXPECT_EQ(Count(log,
+                  "name: s, kind: Server, module: zorvix_test, pending in the queue, which no "
+                  "thread drains, for 1 s"),
+            1u);
+  ZorvixSpinOnce();
+  EXPECT_EQ(Count(PublishFor(milliseconds(1400)), line), 1u);
+}
+
+// Takes 11 seconds, in which a line of the log holds callables.
+TEST_F(Bridge, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
+  const zorvix::Topic<int> blocking{"blocking"};
+  const zorvix::Service<int, int> in_own{"in own"};
+  const zorvix::Service<int, int> runs{"runs"};
+  const auto block = [](int number) {
+    pthread_setname_np(pthread_self(), "blocked");
+    Log("held");
+    return number;
+  };
+  Inbox own("own");
+  Inbox busy("busy");
+  Inbox slow("slow");
+  zorvix::Holder holder(kState);
+  const zorvix::Watcher with_own(kState, ignore, own);
+  const Ints with_busy(kTopic, ignore, busy, zorvix::KeepAll());
+  const Ints always_behind(kTopic, ignore, slow, zorvix::KeepAll());
+  const Ints queued(kTopic, ignore, Delivery::Queued, zorvix::KeepAll());
+  const Ints blocks_a_task(blocking, block, Delivery::Queued);
+  std::optional direct(Ints(blocking, block));
+  const IntServer servers[] = {
+      {in_own, answer, own}, {runs, block, busy}, {kService, answer, busy}};
+  const zorvix::InboxThread thread(busy);
+  const zorvix::Workers workers(1);
+  std::vector<std::future<void>> threads;
+  const auto begin = [&](const auto& function) {
+    threads.push_back(std::async(std::launch::async, function));
+  };
+  const auto call = [](const auto& its) { IntClient(its).Call(1, milliseconds(10500)); };
+  HoldLog("held");
+
+  begin([&] { zorvix::Publisher(blocking).Publish(1); });
+  begin([&] { call(runs); });
+  WaitForLog("held", 3);
+  begin([&] { call(kService); });
+  begin([&] { direct.reset(); });
+  begin([&] {
+    own.Drain();
+    call(in_own);
+  });
+  for (int i = 0; i < 2; ++i) zorvix::Publisher(kTopic).Publish(1);
+  const Lines log = PublishFor(milliseconds(10900), [&] {
+    holder.Set(1);
+    slow.Drain(milliseconds(0));
+  });
+  HoldLog("");
+  for (auto& each : threads) each.get();
+
+  const std::string held = ", module: zorvix_test, thread: N (blocked)";
+  const std::string pending = ", kind: Server, module: zorvix_test, pending ";
+  std::multiset<std::string> expected = {
+      "messages are pending while a callable runs, kind: Server, name: runs" + held +
+          ", pending: N, for 10 s",
+      "no thread drains an inbox, inbox: own, kind: Watcher, name: state, module: zorvix_test, "
+      "pending: N, last drained by thread: N (zorvix_test), for 10 s",
+      "queued messages are pending while a task is inside a callable, kind: Subscriber, name: "
+      "blocking" +
+          held + ", pending: N for kind: Subscriber, name: t, module: zorvix_test, for 10 s"};
+  for (const std::string time : {", for 1 s", ", for 10 s"}) {
+    expected.insert(
+        "a destructor waits for its callable to return, name: blocking, kind: "
+        "Subscriber" +
+        held + time);
+    const std::string calls = "a call waits for its answer, name: ";
+    expected.insert(calls + "runs, kind: Server" + held + time);
+    expected.insert(calls + "s" + pending +
+                    "while its thread is inside another callable, kind: Server, name: runs" + held +
+                    time);
+    expected.insert(calls + "in own" + pending +
+                    "in an inbox that no thread drains, inbox: own, last drained by this thread" +
+                    time);
+  }
+  std::multiset<std::string> warnings;
+  for (const auto& line : log) {
+    if (line.rfind("W(", 0) != 0) continue;
+    const std::regex number("(thread|pending): [0-9]+");
+    warnings.insert(std::regex_replace(line.substr(line.find("): ") + 3), number, "$1: N"));
+  }
+  EXPECT_EQ(warnings, expected);
 }
 
 // Has each kind of callable invoked once: directly, from an inbox and from the bridge's queue.
