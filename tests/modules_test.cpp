@@ -202,6 +202,8 @@ TEST_F(Modules, AreNamedWhenTheirHandlesReplaceEachOther) {
     BIND(first, Leave)();
     EXPECT_EQ(Count(TakeLog(), "W("), 0u);
   }
+  EXPECT_TRUE(first.Unload());
+  EXPECT_TRUE(second.Unload());
 }
 
 TEST_F(Modules, DeliverAllToManyQueuedSubscribers) {
