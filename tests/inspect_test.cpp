@@ -257,6 +257,7 @@ TEST_F(Bridge, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
   Inbox own("own");
   Inbox busy("busy");
   Inbox slow("slow");
+  Inbox discards("discards");
   zorvix::Holder holder(kState);
   const zorvix::Watcher with_own(kState, ignore, own);
   const Ints with_busy(kTopic, ignore, busy, zorvix::KeepAll());
@@ -278,6 +279,7 @@ TEST_F(Bridge, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
   zorvix::Publisher(kTopic).Publish(1);
 
   const Lines log = PublishFor(milliseconds(10900), [&] {
+    const Ints discarded(kTopic, ignore, discards);
     zorvix::Publisher(kTopic).Publish(1);
     slow.Drain(milliseconds(0));
     holder.Set(1);
@@ -298,7 +300,7 @@ TEST_F(Bridge, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
   EXPECT_EQ(Count(log, ", for 10 s"), 5u);
   EXPECT_EQ(Count(log, "no thread drains an inbox, inbox: own, kind: Watcher, name: state, "), 1u);
   EXPECT_EQ(Count(log, "messages are pending while a callable runs, kind: Server, name: s, "), 1u);
-  EXPECT_EQ(Count(log, "W("), 8u) << "nothing else, as about the inbox that is always behind";
+  EXPECT_EQ(Count(log, "W("), 8u) << "nothing about the inboxes that are always behind or empty";
 }
 
 // Has each kind of callable invoked once: directly, from an inbox and from the bridge's queue.
