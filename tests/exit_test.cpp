@@ -1,10 +1,13 @@
 // exit_test: ends while workers run. Their owners are static objects that are constructed before
 // the bridge is first used, and must stop them before the bridge is destroyed. exit_test pending:
 // ends while a message of a queued subscriber is pending, and a thread may be posting its task.
+// exit_test late: destroys a handle after the bridge.
 #include <zorvix/typed.h>
 #include <zorvix/zorvix_flat.h>
 
 #include <cstdlib>
+#include <optional>
+#include <string>
 #include <thread>
 
 // Destroyed after the bridge.
@@ -27,8 +30,13 @@ static void LeavePending() {
   for (int i = 0; i < 120; ++i) zorvix::Publisher(other).Publish(i);  // drops the task
 }
 
-int main(int count, char**) {
-  if (count > 1) {
+// Constructed before the bridge.
+static std::optional<zorvix::Publisher<int>> late;
+
+int main(int count, char** arguments) {
+  if (count > 1 && arguments[1] == std::string("late")) {
+    late.emplace(zorvix::Topic<int>{"t"});
+  } else if (count > 1) {
     LeavePending();
   } else {
     static const zorvix::Workers workers(2);

@@ -1,4 +1,5 @@
 // What Inspect, SlowLog, the log and traces tell of handles.
+#include <pthread.h>
 #include <zorvix/inspect.h>
 #include <zorvix/presence.h>
 #include <zorvix/state.h>
@@ -408,18 +409,117 @@ TEST_F(Bridge, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
   EXPECT_EQ(find(both[1]).thread, 0);
 }
 
-TEST_F(Bridge, DroppedMessagesAreLoggedWithTheModuleWhoseHandleDropsThem) {
-  const Module module("hidden");
-  BIND(module, Subscribe)();
+TEST_F(Bridge, DropsAreLoggedAtMostOnceASecondForEachHandleAndInAll) {
+  Inbox inbox;
+  std::optional subscriber(Ints(kTopic, ignore, inbox, KeepLast{2}));
+  std::optional client(IntClient(kService, inbox, KeepLast{2}));
+  const auto drop_and_catch_up = [&](int times) {
+    for (int number = 0; number < 3 * times; ++number) {
+      zorvix::Publisher(kTopic).Publish(number);
+      client->Call(number, ignore);
+      if (number % 3 == 2) inbox.Drain();
+    }
+  };
+  const auto expect_one_each = [&](const std::string& dropped) {
+    const Lines log = TakeLog();
+    const std::string end = ", module: zorvix_test, dropped: " + dropped;
+    EXPECT_EQ(Count(log, "a queue has dropped messages, "), 2u);
+    EXPECT_EQ(Count(log, "kind: Subscriber, name: t" + end), 1u);
+    EXPECT_EQ(Count(log, "kind: Client, name: s" + end), 1u);
+    return Count(log, "a full queue drops its oldest") + Count(log, "has too many calls");
+  };
 
-  for (int number = 0; number < 4; ++number) zorvix::Publisher(kNeverDrained).Publish(number);
-  BIND(module, Leave)();
+  drop_and_catch_up(100);
+  EXPECT_EQ(expect_one_each("1"), 2u);
+  std::this_thread::sleep_for(milliseconds(1020));
+  drop_and_catch_up(100);
+  EXPECT_EQ(expect_one_each("100"), 2u);
+  subscriber.reset();
+  client.reset();
+  EXPECT_EQ(expect_one_each("99"), 0u);
+}
 
-  const Lines log = TakeLog();
-  const std::string handle = "kind: Subscriber, name: never drained, module: libhidden.so, ";
-  EXPECT_EQ(Count(log, "a full queue drops its oldest messages, " + handle + "depth: 2"), 1u);
-  EXPECT_EQ(Count(log, "a queue has dropped messages, " + handle + "dropped: 2"), 1u);
-  EXPECT_EQ(Count(log, "pending messages are discarded, " + handle + "discarded: 2"), 1u);
+// Publishes as often as a sensor, also calls `step`, and returns the log of that time.
+Lines PublishFor(milliseconds time, const std::function<void()>& step) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  while (std::chrono::steady_clock::now() < end) {
+    zorvix::Publisher(kTopic).Publish(1);
+    step();
+    std::this_thread::sleep_for(milliseconds(10));
+  }
+  return TakeLog();
+}
+
+TEST_F(Bridge, QueueThatNoThreadDrainsIsLoggedOnceUntilItIsDrained) {
+  const std::string line = "no thread drains the queue, kind: ";
+  const Ints queued(kTopic, ignore, Delivery::Queued, KeepLast{1});
+  const Ints other(kTopic, ignore, Delivery::Queued, KeepLast{1});
+  const auto nothing = [] {};
+
+  EXPECT_EQ(Count(PublishFor(milliseconds(800), nothing), line), 0u);
+  const Lines log = PublishFor(milliseconds(1200), nothing);
+  EXPECT_EQ(Count(log, line), 1u);
+  EXPECT_EQ(Count(log, line + "Subscriber, name: t, module: zorvix_test, pending: 1, for 1 s"), 1u);
+  ZorvixSpinOnce();
+  EXPECT_EQ(Count(PublishFor(milliseconds(1400), nothing), line), 1u);
+}
+
+// Takes 11 seconds, in which a line of the log holds two callables.
+TEST_F(Bridge, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
+  const zorvix::Topic<int> blocking{"blocking"};
+  const zorvix::Service<int, int> in_own{"in own"};
+  const auto block = [](int number) {
+    pthread_setname_np(pthread_self(), "blocked");
+    Log("held");
+    return number;
+  };
+  Inbox own("own");
+  Inbox busy("busy");
+  Inbox slow("slow");
+  Inbox discards("discards");
+  zorvix::Holder holder(kState);
+  const zorvix::Watcher with_own(kState, ignore, own);
+  const Ints with_busy(kTopic, ignore, busy, zorvix::KeepAll());
+  const Ints always_behind(kTopic, ignore, slow, zorvix::KeepAll());
+  const IntServer servers[] = {{in_own, answer, own}, {kService, block, busy}};
+  const zorvix::InboxThread thread(busy);
+  std::optional direct(Ints(blocking, block));
+  const auto call = [](auto& service) { IntClient(service).Call(1, milliseconds(10500)); };
+  constexpr auto async = std::launch::async;
+  HoldLog("held");
+  auto publish = std::async(async, [&] { zorvix::Publisher(blocking).Publish(1); });
+  auto call_busy = std::async(async, [&] { call(kService); });
+  WaitForLog("held", 2);
+  auto destroy = std::async(async, [&] { direct.reset(); });
+  auto call_own = std::async(async, [&] {
+    own.Drain();
+    call(in_own);
+  });
+  zorvix::Publisher(kTopic).Publish(1);
+
+  const Lines log = PublishFor(milliseconds(10900), [&] {
+    const Ints discarded(kTopic, ignore, discards);
+    zorvix::Publisher(kTopic).Publish(1);
+    slow.Drain(milliseconds(0));
+    holder.Set(1);
+  });
+  HoldLog("");
+
+  for (const std::string line : {"a destructor waits for its callable to return, name: blocking, "
+                                 "kind: Subscriber, module: zorvix_test, thread: ",
+                                 "a call waits for its answer, name: s, kind: Server, "
+                                 "module: zorvix_test, thread: ",
+                                 "a call waits for its answer, name: in own, kind: Server, module: "
+                                 "zorvix_test, pending in an inbox that no thread drains, inbox: "
+                                 "own, last drained by this thread"}) {
+    EXPECT_EQ(Count(log, line), 2u) << line;
+  }
+  EXPECT_EQ(Count(log, " (blocked), for 1 s"), 2u);
+  EXPECT_EQ(Count(log, " (blocked), for 10 s"), 2u);
+  EXPECT_EQ(Count(log, ", for 10 s"), 5u);
+  EXPECT_EQ(Count(log, "no thread drains an inbox, inbox: own, kind: Watcher, name: state, "), 1u);
+  EXPECT_EQ(Count(log, "messages are pending while a callable runs, kind: Server, name: s, "), 1u);
+  EXPECT_EQ(Count(log, "W("), 8u) << "nothing about the inboxes that are always behind or empty";
 }
 
 // Has each kind of callable invoked once: directly, from an inbox and from the bridge's queue.

@@ -176,9 +176,34 @@ TEST_F(Modules, AreUnloadedWhenNoThreadIsInside) {
 
     use_by_peer.get();
     EXPECT_TRUE(unload.get());
+    for (const auto& line : TakeLog()) {
+      if (line.find("bad any_cast") == std::string::npos) continue;
+      EXPECT_NE(line.find(": libhidden.so, "), std::string::npos) << line;
+      EXPECT_NE(line.find(": libvisible.so, "), std::string::npos) << line;
+    }
     BIND(peer, Leave)();
   }
   EXPECT_TRUE(peer.Unload());
+}
+
+TEST_F(Modules, AreNamedWhenTheirHandlesReplaceEachOther) {
+  const Module first("hidden");
+  const Module second("visible");
+  for (const auto& [action, kind] : {std::pair("serve", "Server"), std::pair("hold", "Holder")}) {
+    const std::string handle = ", kind: " + std::string(kind) + ", name: traced, module: ";
+    BIND(first, Do)(action);
+    BIND(second, Do)(action);
+    BIND(second, Leave)();
+
+    const Lines log = TakeLog();
+    EXPECT_EQ(Count(log, " replaces another" + handle + "libvisible.so, replaced: libhidden.so"),
+              1u);
+    EXPECT_EQ(Count(log, " over again" + handle + "libhidden.so, destroyed: libvisible.so"), 1u);
+    BIND(first, Leave)();
+    EXPECT_EQ(Count(TakeLog(), "W("), 0u);
+  }
+  EXPECT_TRUE(first.Unload());
+  EXPECT_TRUE(second.Unload());
 }
 
 TEST_F(Modules, DeliverAllToManyQueuedSubscribers) {

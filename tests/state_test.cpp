@@ -61,7 +61,9 @@ TEST_F(Bridge, WatchersKeepTheValueOfAHolderUntilAnotherOneSetsALater) {
 
   holder.reset();
   EXPECT_EQ(watcher.Newest()->number, 2);
+  TakeLog();
   EXPECT_EQ(Watcher(kState).Newest(), nullptr);
+  EXPECT_EQ(Count(TakeLog(), "W: "), 0u);
   holder.emplace(kState);
   EXPECT_EQ(watcher.Newest()->number, 2);
   holder->Set({3});

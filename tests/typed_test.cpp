@@ -218,7 +218,8 @@ TEST_F(Bridge, MessageOfAnotherTypeIsLoggedInsteadOfDelivered) {
 
   EXPECT_EQ(inbox.Drain(), 0u);
   EXPECT_EQ(Count(TakeLog(),
-                  "E: error: bad any_cast: the message is a char, the subscriber takes an int"),
+                  "E: error: bad any_cast: the message is a char, the subscriber takes an int, "
+                  "publisher: zorvix_test, subscriber: zorvix_test, "),
             2u);
 }
 

@@ -86,16 +86,15 @@ void CallQueue::Drop(Function<>&& callable) {
   const auto call = std::make_shared<PendingCall>(Self());
   call->callable_ = std::move(callable);
   call->Write(NoAnswer(Why::Dropped));
-  bool is_first_drop = false;
+  bool is_line_due = false;
   {
     const Lock lock(mutex_);
     if (IsClosed()) return;
     call->self_ = call;
     AddAnswer(*call);
-    ++dropped_;
-    is_first_drop = ++dropped_in_a_row_ == 1;
+    is_line_due = drops_.Add();
   }
-  if (is_first_drop) {
+  if (is_line_due) {
     BRIDGE_LOG(bridge::kLogWarn,
                "a client has too many calls and drops new ones, name: %s, module: %s, depth: %zu",
                name.c_str(), module, depth_);
@@ -149,9 +148,9 @@ Turn CallQueue::Take() {
   PendingCall& first = *answered_.first();
   answered_.Remove(first);
   taken_ = std::move(first.self_);
-  caught_up_from_ = 0;
+  dropped_to_log_ = 0;
   if (answered_.size() != 0) return answered_.first()->turn_;
-  if (in_progress_.size() == 0) caught_up_from_ = std::exchange(dropped_in_a_row_, 0);
+  if (in_progress_.size() == 0) dropped_to_log_ = drops_.CatchUp();
   return 0;
 }
 
@@ -165,7 +164,7 @@ void CallQueue::InvokeTaken() {
     }
     CallQueue& queue;
   } const at_end{*this};
-  if (caught_up_from_ != 0) LogDropped(caught_up_from_);
+  LogDropped(dropped_to_log_);
   Invoke([this] { taken_->callable_(); });
 }
 
@@ -177,7 +176,7 @@ void CallQueue::Discard() {
   std::size_t dropped = 0;
   {
     const Lock lock(mutex_);
-    dropped = std::exchange(dropped_in_a_row_, 0);
+    dropped = drops_.End();
     if (answered_.size() != 0) RemoveTurns(answered_.first()->turn_, answered_.size());
     std::swap(discarded, answered_);
     for (PendingCall* next = in_progress_.first(); next != nullptr;) {
@@ -220,7 +219,7 @@ void CallQueue::Destroy(CallList& calls) {
 
 Counts CallQueue::Count() const {
   const Lock lock(mutex_);
-  return {answered_.size(), depth_, dropped_};
+  return {answered_.size(), depth_, drops_.total()};
 }
 
 }  // namespace zorvix::detail

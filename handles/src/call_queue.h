@@ -8,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "drops.h"
 #include "reply.h"
 #include "strand.h"
 
@@ -102,14 +103,13 @@ class CallQueue final : public Queue {
   // Of the drain in progress:
   std::shared_ptr<PendingCall> taken_;
   std::shared_ptr<PendingCall> unused_;  // nobody else has it any more
-  std::size_t caught_up_from_ = 0;
+  std::size_t dropped_to_log_ = 0;
 
   CallList in_progress_ ZORVIX_GUARDED_BY(mutex_);
   CallList answered_ ZORVIX_GUARDED_BY(mutex_);
   CallList late_ ZORVIX_GUARDED_BY(mutex_);   // answered when they were not wanted any more
   CallList spare_ ZORVIX_GUARDED_BY(mutex_);  // for later calls, until it is closed
-  std::size_t dropped_ ZORVIX_GUARDED_BY(mutex_) = 0;
-  std::size_t dropped_in_a_row_ ZORVIX_GUARDED_BY(mutex_) = 0;  // since it last caught up
+  Drops drops_ ZORVIX_GUARDED_BY(mutex_);
 };
 
 }  // namespace zorvix::detail

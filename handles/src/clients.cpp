@@ -21,8 +21,8 @@ namespace {
 // callable may destroy the client. Without a reply, the queue of the client is closed.
 class ReplyOffer final : public Offer {
  public:
-  ReplyOffer(const AnswerType& its_type, ReplyOwner reply)
-      : Offer(its_type, false), reply_(std::move(reply)) {}
+  ReplyOffer(const AnswerType& its_type, const char* its_client, ReplyOwner reply)
+      : Offer(its_type, its_client, false), reply_(std::move(reply)) {}
 
  private:
   void Write(const Outcome& outcome) override { reply_.Settle(outcome); }
@@ -41,7 +41,8 @@ void TakeAnswer(const ServerFunction& serve, const std::any& request, Offer& off
   }
   if (response.type() != *offer.type.type) {
     offer.Settle(NoAnswer(Why::WrongType));
-    throw TypeMismatch("answer", response.type(), "client", *offer.type.type);
+    throw TypeMismatch("answer", {"server", response.type(), nullptr},
+                       {"client", *offer.type.type, offer.client});
   }
   offer.Settle({offer.type.take, &response, {}});
 }
@@ -65,17 +66,21 @@ void CallNow(const Control& control, const std::any& request, Offer& offer) {
     Offer& offer;
   } const asking{request, offer};
   // A reference only, so that the bridge's std::function needs no allocation.
-  const bool has_server = Bridge().Call(control, [&asking](const ServerFunction& serve) {
+  const auto ask = [&asking](const ServerFunction& serve) {
     Ask(serve, asking.request, asking.offer);
-  });
+  };
+  const bool has_server = !IsExiting(control->name) && Bridge().Call(control, ask);
   if (!has_server) offer.Settle(NoAnswer(Why::NoServer));
 }
 
 // A call in the bridge's queue. Its function is invoked when this is destroyed.
 class QueuedCall final : public Offer, public std::enable_shared_from_this<QueuedCall> {
  public:
-  QueuedCall(std::any&& request, const AnswerType& its_type, Function<> finish)
-      : Offer(its_type, false), request_(std::move(request)), finish_(std::move(finish)) {
+  QueuedCall(std::any&& request, const AnswerType& its_type, const char* its_client,
+             Function<> finish)
+      : Offer(its_type, its_client, false),
+        request_(std::move(request)),
+        finish_(std::move(finish)) {
     Set(Why::Dropped);  // unless it begins
   }
   ~QueuedCall() { finish_(); }
@@ -173,7 +178,7 @@ void CallAndReply(ClientState& client, const std::any& request, const AnswerType
   ReplyOwner reply;
   const auto end = Deadline(timeout);
   if (!queue->Add(std::move(callable), end, reply)) return;
-  ReplyOffer offer(type, std::move(reply));
+  ReplyOffer offer(type, client.module, std::move(reply));
   CallNow(client.participant.control, request, offer);
 }
 
@@ -181,9 +186,11 @@ void CallQueued(ClientState& client, std::any&& request, const AnswerType& type,
                 Function<> callable) {
   const Section section("Call", client.name);
   client.record.sent.Add();
-  const auto call = std::make_shared<QueuedCall>(std::move(request), type, std::move(callable));
-  const bool has_server = Bridge().Call(
-      client.participant.control, [call](const ServerFunction& serve) { call->Begin(serve); });
+  const auto call =
+      std::make_shared<QueuedCall>(std::move(request), type, client.module, std::move(callable));
+  const auto begin = [call](const ServerFunction& serve) { call->Begin(serve); };
+  const bool has_server =
+      !IsExiting(client.name) && Bridge().Call(client.participant.control, begin);
   if (!has_server) call->Set(Why::NoServer);
 }
 

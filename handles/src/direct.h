@@ -27,11 +27,12 @@ class Direct final : public Receiver {
   Gate& gate() { return gate_; }
   // What follows is to be called with a pass.
 
-  // Throws TypeMismatch.
-  const void* Find(const std::any& any, const char* what, const char* who) {
-    if (const void* const found = type.find(any)) return found;
+  // Returns null for a value of another type.
+  const void* Find(const std::any& any) const { return type.find(any); }
+  [[noreturn]] void Reject(const char* what, const TypeMismatch::Side& given,
+                           const TypeMismatch::Side& wanted) {
     rejected.Add();
-    throw TypeMismatch(what, any.type(), who, *type.type);
+    throw TypeMismatch(what, given, wanted);
   }
   void Invoke(const void* message, CurrentReply* reply) {
     const Measured measured(*this);
@@ -44,7 +45,7 @@ class Direct final : public Receiver {
       throw;
     }
   }
-  void Close() override { gate_.Close(name, &callable_); }
+  void Close() override { gate_.Close(*this, &callable_); }
   Counts Count() const override {
     Counts counts;
     counts.received = invocations.Get();

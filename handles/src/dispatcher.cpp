@@ -19,7 +19,7 @@ namespace {
 
 // Of the tasks of the bridge's queue.
 std::atomic<int> latest_drainer{0};
-std::atomic<Clock::rep> latest_task_at{0};
+std::atomic<Clock::time_point> latest_task_at{Clock::time_point()};  // when it began
 
 // Its strand is drained by the dispatcher.
 class QueuedStrand final : public Strand {
@@ -37,6 +37,7 @@ class QueuedStrand final : public Strand {
   friend class Dispatcher;
   void AfterPush() override;
   void AfterClose() override;
+  bool LogUndrained(const Record& pushed, const Backlog& backlog) const override;
 
   // Written under the dispatcher's mutex:
   std::atomic<bool> listed_{false};
@@ -95,6 +96,17 @@ class Dispatcher {
     } catch (const std::bad_alloc&) {
       PostLater();
     }
+  }
+
+  bool HasBegunTaskAfter(Clock::time_point time) const { return latest_task_at.load() > time; }
+
+  // Logs that no thread drains the queue, once until a thread does. Returns whether that is so.
+  bool LogUndrained(const Record& pushed, const Backlog& backlog) {
+    if (is_paused_ || HasBegunTaskAfter(backlog.since)) return false;
+    const auto running = RunningInTasks();
+    if (!running.empty()) return LogRunningInTask(running.front(), pushed, backlog);
+    if (!is_logged_.exchange(true)) LogUndrainedQueue(pushed, backlog);
+    return true;
   }
 
   // Returns whether a task is in the bridge's queue. A task that the queue has dropped is not.
@@ -192,7 +204,8 @@ class Dispatcher {
   void RunTask(Ticket& ticket) {
     ticket.Return();
     latest_drainer.store(ThisThread(), std::memory_order_relaxed);
-    latest_task_at.store(CoarseNow().time_since_epoch().count(), std::memory_order_relaxed);
+    latest_task_at.store(CoarseNow(), std::memory_order_relaxed);
+    is_logged_.store(false, std::memory_order_relaxed);
     const auto strand = TakeFirst();
     if (strand == nullptr) return;
     struct ScheduleAgain {  // even after an exception
@@ -219,6 +232,7 @@ class Dispatcher {
   }
 
   std::atomic<int> tasks_{0};
+  std::atomic<bool> is_logged_{false};  // that no thread drains the queue, since then
   std::atomic<bool> is_paused_{false};  // written under the mutex
   Mutex mutex_;
   QueuedStrand::Element ready_ ZORVIX_GUARDED_BY(mutex_);
@@ -239,6 +253,10 @@ void QueuedStrand::AfterPush() {
 
 void QueuedStrand::AfterClose() { Dispatcher::Get().Retire(*this); }
 
+bool QueuedStrand::LogUndrained(const Record& pushed, const Backlog& backlog) const {
+  return Dispatcher::Get().LogUndrained(pushed, backlog);
+}
+
 }  // namespace
 
 void MakeDispatcher() { Dispatcher::Get(); }
@@ -248,11 +266,13 @@ std::shared_ptr<Strand> MakeQueuedStrand(const Endpoint& endpoint) {
   return std::make_shared<QueuedStrand>(endpoint);
 }
 
+bool HasBegunTaskAfter(Clock::time_point time) { return Dispatcher::Get().HasBegunTaskAfter(time); }
+
 void PauseQueued(bool is_paused) { Dispatcher::Get().Pause(is_paused); }
 
 QueueDrains LookAtQueueDrains() {
-  const Clock::duration latest(latest_task_at.load(std::memory_order_relaxed));
-  return {latest_drainer.load(std::memory_order_relaxed), Clock::time_point(latest)};
+  return {latest_drainer.load(std::memory_order_relaxed),
+          latest_task_at.load(std::memory_order_relaxed)};
 }
 
 void PostQueuedTasks() { Dispatcher::Get().PostTasks(); }

@@ -15,6 +15,9 @@ void MakeDispatcher();
 // Returns the strand of one queued handle.
 std::shared_ptr<Strand> MakeQueuedStrand(const Endpoint& endpoint);
 
+// Whether a task of queued delivery has begun after that time.
+bool HasBegunTaskAfter(Clock::time_point time);
+
 // While queued delivery is paused, tasks invoke no callable and none are posted. A drain in
 // progress ends after its current invocation. Everything stays pending, in order. To be followed,
 // after the end of a pause, by PostQueuedTasks.

@@ -19,6 +19,12 @@ std::string NameOf(const std::type_info& type) {
   return (vowel ? "an " : "a ") + name;
 }
 
+// Returns such as "publisher: libaudio.so".
+std::string ModulePart(const TypeMismatch::Side& side) {
+  return std::string(side.role) + ": " +
+         (side.module == nullptr ? "without a handle" : side.module);
+}
+
 template <typename Base>
 class Copied final : public Base {
  public:
@@ -34,6 +40,7 @@ class Copied final : public Base {
 // find what has been registered under it.
 template <typename Function>
 void Unregister(Control& control, const Function& unregister) noexcept {
+  if (IsExiting(control->name)) return;
   try {
     unregister(control);
   } catch (const std::bad_alloc&) {
@@ -122,6 +129,11 @@ class Registry {
     EraseIfEmpty(name);
   }
 
+  bool HasServer(Name name) {
+    const Lock lock(mutex_);
+    return HasCounterpart(name);
+  }
+
   bool WaitForCounterpart(Name name, Clock::time_point end) {
     Lock lock(mutex_);
     bool is_over = false;
@@ -168,10 +180,40 @@ class Registry {
 
 }  // namespace
 
-TypeMismatch::TypeMismatch(const char* what, const std::type_info& given, const char* who,
-                           const std::type_info& wanted)
-    : text_(std::string("bad any_cast: the ") + what + " is " + NameOf(given) + ", the " + who +
-            " takes " + NameOf(wanted)) {}
+std::atomic<bool> is_exiting{false};
+
+bridge::Zorvix& MakeBridge() {
+  // Destroyed right after the bridge, if that has not existed before.
+  static const struct Exit {
+    ~Exit() { is_exiting = true; }
+  } exit;
+  return bridge::Zorvix::GetInstance();
+}
+
+void LogExit(const std::string& name) {
+  static std::atomic<bool> is_logged{false};
+  if (is_logged.exchange(true)) return;
+  BRIDGE_LOG(bridge::kLogError,
+             "a handle is used at process exit, after the bridge may have been destroyed, name: %s",
+             name.c_str());
+}
+
+TypeMismatch::TypeMismatch(const char* what, const Side& given, const Side& wanted)
+    : text_(std::string("bad any_cast: the ") + what + " is " + NameOf(given.type) + ", the " +
+            wanted.role + " takes " + NameOf(wanted.type) + ", " + ModulePart(given) + ", " +
+            ModulePart(wanted)) {}
+
+const char* ModuleOfPublisher(const std::string& name, const std::type_info& type) {
+  Process& process = Process::Get();
+  const Lock lock(process.mutex);
+  for (const Record* const record : process.records) {
+    const bool is_publisher = std::string_view(record->kind) == "Publisher";
+    if (is_publisher && record->name == name && *record->message_type == type) {
+      return record->module;
+    }
+  }
+  return nullptr;
+}
 
 void ThrowCopy(const std::exception& error) {
   if (dynamic_cast<const std::bad_cast*>(&error) != nullptr) throw Copied<std::bad_cast>(error);
@@ -229,27 +271,37 @@ void Subscription::Unregister() {
 }
 
 ServerRegistration::ServerRegistration(const std::string& service, bridge::BridgeType type,
-                                       ServerFunction function)
+                                       ServerFunction function, const Record& its_record)
     : callback(std::make_shared<ServerFunction>(std::move(function))),
       participant(service, bridge::BridgeModule::Service, type),
-      name(participant.control.get()) {
+      name(participant.control.get()),
+      record(its_record) {
   std::list<ServerRegistration*> added{this};
+  const char* replaced = nullptr;
   Registry::Get().Add(name, [&](Entry& entry) {
+    ServerRegistration* const before = entry.servers.empty() ? nullptr : entry.servers.back();
+    if (before != nullptr && before->IsActive()) replaced = before->record.module;
     Bridge().RegisterServer(participant.control, callback);
-    if (!entry.servers.empty()) entry.servers.back()->is_latest = false;
+    if (before != nullptr) before->is_latest = false;
     entry.servers.splice(entry.servers.end(), added);
     is_latest = true;
   });
+  if (replaced == nullptr) return;
+  BRIDGE_LOG(bridge::kLogWarn,
+             "a handle replaces another, kind: %s, name: %s, module: %s, replaced: %s", record.kind,
+             record.name.c_str(), record.module, replaced);
 }
 
 ServerRegistration::~ServerRegistration() {
-  Registry::Get().Remove(name, [this](Entry& entry) {
+  const char* successor = nullptr;
+  Registry::Get().Remove(name, [&](Entry& entry) {
     entry.servers.remove(this);
     ServerRegistration* const next = entry.servers.empty() ? nullptr : entry.servers.back();
     if (next != nullptr) next->is_latest = true;
     // If nobody else shares the callback, the bridge does not have it any more: a server without a
     // handle has replaced it, or the one call of a SignleAsync service has removed it.
-    if (!IsActive()) return;
+    if (!IsActive() || IsExiting(record.name)) return;
+    if (next != nullptr) successor = next->record.module;
     Unregister(participant.control, [next](Control& control) {
       if (next == nullptr) {
         Bridge().UnregisterServer(control, 0);
@@ -258,6 +310,10 @@ ServerRegistration::~ServerRegistration() {
       }
     });
   });
+  if (successor == nullptr) return;
+  BRIDGE_LOG(bridge::kLogWarn,
+             "an earlier handle takes over again, kind: %s, name: %s, module: %s, destroyed: %s",
+             record.kind, record.name.c_str(), successor, record.module);
 }
 
 Watch::Watch(Name name, std::shared_ptr<MatchQueue> queue) : name_(name) {
@@ -265,6 +321,10 @@ Watch::Watch(Name name, std::shared_ptr<MatchQueue> queue) : name_(name) {
 }
 
 Watch::~Watch() { Registry::Get().RemoveWatch(name_, number_); }
+
+bool HasServer(const Participant& client) {
+  return Registry::Get().HasServer(client.control.get());
+}
 
 bool WaitForServerOf(const Participant& client, Clock::time_point end) {
   return Registry::Get().WaitForCounterpart(client.control.get(), end);

@@ -21,23 +21,45 @@ namespace zorvix::detail {
 
 class MatchQueue;
 
+// Constructs the bridge, unless it exists.
+bridge::Zorvix& MakeBridge();
+
 // A reference of the library's own, since GetInstance is a call of another library.
 inline bridge::Zorvix& Bridge() {
-  static bridge::Zorvix& bridge = bridge::Zorvix::GetInstance();
+  static bridge::Zorvix& bridge = MakeBridge();
   return bridge;
 }
 
 // What the bridge logs when an endpoint gets a value of another type.
 class TypeMismatch final : public std::bad_any_cast {
  public:
-  // `what` such as "message", `who` such as "subscriber".
-  TypeMismatch(const char* what, const std::type_info& given, const char* who,
-               const std::type_info& wanted);
+  // One of the two: its role such as "subscriber", and its module, or null if it has no handle.
+  struct Side {
+    const char* role;
+    const std::type_info& type;
+    const char* module;
+  };
+  // `what` such as "message".
+  TypeMismatch(const char* what, const Side& given, const Side& wanted);
   const char* what() const noexcept override { return text_.c_str(); }
 
  private:
   const std::string text_;
 };
+
+// Returns the module of a publisher of that name and type, or null if none has a handle.
+const char* ModuleOfPublisher(const std::string& name, const std::type_info& type);
+
+// At process exit: the bridge has been destroyed, or is next.
+extern std::atomic<bool> is_exiting;
+void LogExit(const std::string& name);
+
+// Returns whether the bridge must not be used any more. Then logs that, once.
+inline bool IsExiting(const std::string& name) {
+  if (!is_exiting.load(std::memory_order_relaxed)) return false;
+  LogExit(name);
+  return true;
+}
 
 // Throws an exception with the same text as one that code of a module has thrown. The bridge logs
 // it later, when that code may have been unloaded.
@@ -92,7 +114,9 @@ struct CountedSubscription : Subscription {
 // The bridge has one server for each name. If it is destroyed, the latest one that still exists
 // takes over.
 struct ServerRegistration {
-  ServerRegistration(const std::string& service, bridge::BridgeType type, ServerFunction function);
+  // The record is that of its handle, and lives longer.
+  ServerRegistration(const std::string& service, bridge::BridgeType type, ServerFunction function,
+                     const Record& record);
   ~ServerRegistration();
   ServerRegistration(const ServerRegistration&) = delete;
   ServerRegistration& operator=(const ServerRegistration&) = delete;
@@ -103,6 +127,7 @@ struct ServerRegistration {
   const bridge::ServerCallback callback;
   Participant participant;
   const Name name;
+  const Record& record;
   // Of the server handles of its name. Written under the mutex of the registry.
   std::atomic<bool> is_latest{false};
 };
@@ -124,16 +149,21 @@ class Watch {
   std::size_t existing_ = 0;
 };
 
+// Whether the client's service has a server handle.
+bool HasServer(const Participant& client);
+
 // Blocks until the client's service has a server handle, or until `end`. Returns whether it has.
 bool WaitForServerOf(const Participant& client, Clock::time_point end);
 
 // A receiver that is registered. First the registration ends, and then the receiver is closed.
 template <typename Registration>
 struct Registered {
-  template <typename Function>
-  Registered(std::shared_ptr<Receiver> its_receiver, const Endpoint& endpoint, Function function)
+  // `more`: what else the registration is constructed with.
+  template <typename Function, typename... More>
+  Registered(std::shared_ptr<Receiver> its_receiver, const Endpoint& endpoint, Function function,
+             const More&... more)
       : closer{SetInvoker(std::move(its_receiver), endpoint.type)},
-        registration(endpoint.name, endpoint.type, std::move(function)),
+        registration(endpoint.name, endpoint.type, std::move(function), more...),
         listed(Describe(*closer.receiver, registration)) {}
 
   struct Closer {

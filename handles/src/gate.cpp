@@ -1,6 +1,6 @@
 #include "gate.h"
 
-#include <chrono>
+#include "waits.h"
 
 namespace zorvix::detail {
 
@@ -14,22 +14,22 @@ void Gate::NotifyLeft() {
   left_.NotifyAll();
 }
 
-void Gate::WaitForOthers(const std::string& name, std::uint32_t own_passes) {
-  const std::uint32_t without_others = kClosed + own_passes;
-  const auto warning_at = Clock::now() + std::chrono::seconds(1);
-  {
+void Gate::WaitForOthers(const Record& record, std::uint32_t own_passes, bool is_around_callable) {
+  const auto have_left = [&](Clock::time_point until) {
     Lock lock(mutex_);
-    bool is_late = false;
-    while (inside_ != without_others && !is_late) is_late = !left_.WaitUntil(lock, warning_at);
-    if (inside_ == without_others) return;
-  }
-  BRIDGE_LOG(bridge::kLogWarn, "a destructor waits for its callable to return, name: %s",
-             name.c_str());
-  Lock lock(mutex_);
-  while (inside_ != without_others) left_.Wait(lock);
+    bool is_over = false;
+    while (inside_ != kClosed + own_passes && !is_over) is_over = !left_.WaitUntil(lock, until);
+    return inside_ == kClosed + own_passes;
+  };
+  const auto log = [&](int seconds, auto) {
+    // The record follows one invocation, perhaps that of this thread.
+    const int thread = is_around_callable ? record.inside.thread() : 0;
+    LogWaitingDestructor(record, thread == ThisThread() ? 0 : thread, seconds);
+  };
+  WaitAndLog(kNever, have_left, log);
 }
 
-void Gate::Close(const std::string& name, Callable* callable) {
+void Gate::Close(const Record& record, Callable* callable) {
   const Pass* outermost = nullptr;
   std::uint32_t own_passes = 0;
   for (auto* own = Pass::innermost_; own != nullptr; own = own->around_) {
@@ -38,7 +38,7 @@ void Gate::Close(const std::string& name, Callable* callable) {
     ++own_passes;
   }
   inside_ += kClosed;
-  if (inside_ != kClosed + own_passes) WaitForOthers(name, own_passes);
+  if (inside_ != kClosed + own_passes) WaitForOthers(record, own_passes, callable != nullptr);
   if (callable == nullptr) return;
   if (own_passes == 0) {
     callable->Reset();

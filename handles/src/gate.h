@@ -6,12 +6,13 @@
 
 #include <atomic>
 #include <cstdint>
-#include <string>
 #include <utility>
 
 #include "sync.h"
 
 namespace zorvix::detail {
+
+struct Record;
 
 // Counts who is inside, which any number of threads may be at the same time. To enter and to leave
 // costs two atomic operations and no lock.
@@ -21,12 +22,12 @@ class Gate {
 
   // Lets nobody in any more and waits until all other threads have left. Then destroys the
   // callable, if there is one, or leaves that to this thread's outermost pass. No lock is held
-  // meanwhile. `name` is that of the handle.
-  void Close(const std::string& name, Callable* callable);
+  // meanwhile. `record` is that of the handle.
+  void Close(const Record& record, Callable* callable);
 
  private:
   void NotifyLeft();
-  void WaitForOthers(const std::string& name, std::uint32_t own_passes);
+  void WaitForOthers(const Record& record, std::uint32_t own_passes, bool is_around_callable);
 
   static constexpr std::uint32_t kClosed = 1u << 31;
   std::atomic<std::uint32_t> inside_{0};  // kClosed is added by Close

@@ -60,14 +60,24 @@ class LatestQueue : public Queue {
   // Calls update(value) under the mutex. It returns whether that has changed the value.
   template <typename Update>
   void Push(const Update& update) {
+    bool is_first = false;
     {
       const Lock lock(mutex_);
       if (has_ended_ || !update(value_)) return;
       ++received_;
-      if (!has_callable || turn_ != 0 || IsClosed()) return;
-      turn_ = AddTurn(true);
+      if (!has_callable || IsClosed()) return;
+      is_first = turn_ == 0;
+      if (is_first) {
+        turn_ = AddTurn(true);
+      } else {
+        CountPush();
+      }
     }
-    AfterPush();
+    if (is_first) {
+      AfterPush();
+    } else {
+      LogIfLate();
+    }
   }
 
   Value value_ ZORVIX_GUARDED_BY(mutex_){};

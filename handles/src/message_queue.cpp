@@ -79,9 +79,8 @@ void MessageQueue::Push(const std::any& message) {
   if (Push(message, nullptr) == Pushed::kOtherType) RejectMessage(message);
 }
 
-void MessageQueue::PushRequest(const std::any& request, ReplyOwner reply,
-                               const std::type_info& wanted_answer) {
-  Expected expected{std::move(reply), wanted_answer};
+void MessageQueue::PushRequest(const std::any& request, Offer& offer) {
+  Expected expected{offer.Take(), *offer.type.type, offer.client};
   try {
     const Pushed pushed = Push(request, &expected);
     if (pushed == Pushed::kOtherType || pushed == Pushed::kOtherAnswer) {
@@ -97,7 +96,9 @@ void MessageQueue::RejectMessage(const std::any& message) {
   const Gate::Pass pass(gate_);  // for the type, which is in the module
   if (!pass.admitted()) return;
   rejected.Add();
-  throw TypeMismatch("message", message.type(), "subscriber", *type_.type);
+  throw TypeMismatch("message",
+                     {"publisher", message.type(), ModuleOfPublisher(name, message.type())},
+                     {"subscriber", *type_.type, module});
 }
 
 void MessageQueue::RejectRequest(const std::any& request, Expected& expected, Pushed pushed) {
@@ -106,9 +107,11 @@ void MessageQueue::RejectRequest(const std::any& request, Expected& expected, Pu
   rejected.Add();
   expected.reply.Fail(Why::WrongType);
   if (pushed == Pushed::kOtherType) {
-    throw TypeMismatch("request", request.type(), "server", *type_.type);
+    throw TypeMismatch("request", {"client", request.type(), expected.client},
+                       {"server", *type_.type, module});
   }
-  throw TypeMismatch("answer", *answer_type_, "client", expected.answer_type);
+  throw TypeMismatch("answer", {"server", *answer_type_, module},
+                     {"client", expected.answer_type, expected.client});
 }
 
 inline void MessageQueue::PopInto(Taken& oldest, Fifo& pending) const {
@@ -138,13 +141,12 @@ bool MessageQueue::AddToFull(std::optional<Taken>& dropped) {
   ::new (TurnIn(pending_.next())) Turn(TakeTurn());
   pending_.Push();
   PopInto(dropped.emplace(*this, Why::Dropped), pending_);  // the next message takes over its turn
-  ++dropped_;
-  return ++dropped_in_a_row_ == 1;
+  return drops_.Add() && depth_ != 1;
 }
 
 MessageQueue::Pushed MessageQueue::PushInPlace(const std::any& message, Expected* expected) {
   std::optional<Taken> dropped;
-  bool is_first_drop = false;
+  bool is_line_due = false;
   {
     const Lock lock(mutex_);
     if (IsClosed()) return Pushed::kClosed;
@@ -154,15 +156,15 @@ MessageQueue::Pushed MessageQueue::PushInPlace(const std::any& message, Expected
     if (expected != nullptr) {
       ::new (ReplyIn(pending_.next())) ReplyOwner(std::move(expected->reply));
     }
-    is_first_drop = Add(dropped);
+    is_line_due = Add(dropped);
   }
-  if (is_first_drop) LogFirstDrop();
+  if (is_line_due) LogDropping();
   AfterPush();
   return Pushed::kYes;
 }
 
 MessageQueue::Pushed MessageQueue::PushCopy(const std::any& message, Expected* expected) {
-  bool is_first_drop = false;
+  bool is_line_due = false;
   {
     const Gate::Pass pass(gate_);
     if (!pass.admitted()) return Pushed::kClosed;
@@ -182,9 +184,9 @@ MessageQueue::Pushed MessageQueue::PushCopy(const std::any& message, Expected* e
     const Lock lock(mutex_);
     // The copy constructor of the message may have closed the queue.
     if (IsClosed()) return Pushed::kClosed;
-    is_first_drop = AddCopy(copy, dropped);
+    is_line_due = AddCopy(copy, dropped);
   }
-  if (is_first_drop) LogFirstDrop();
+  if (is_line_due) LogDropping();
   AfterPush();
   return Pushed::kYes;
 }
@@ -211,8 +213,7 @@ bool MessageQueue::AddCopy(Taken& copy, std::optional<Taken>& dropped) {
   return Add(dropped);
 }
 
-void MessageQueue::LogFirstDrop() const {
-  if (depth_ == 1) return;
+void MessageQueue::LogDropping() const {
   BRIDGE_LOG(bridge::kLogWarn,
              "a full queue drops its oldest messages, kind: %s, name: %s, module: %s, depth: %zu",
              kind, name.c_str(), module, depth_);
@@ -220,9 +221,9 @@ void MessageQueue::LogFirstDrop() const {
 
 Turn MessageQueue::Take() {
   PopInto(taken_, pending_);
-  caught_up_from_ = 0;
+  dropped_to_log_ = 0;
   if (pending_.size() == 0) {
-    caught_up_from_ = std::exchange(dropped_in_a_row_, 0);
+    if (depth_ != 1) dropped_to_log_ = drops_.CatchUp();
     return 0;
   }
   first_turn_ = *TurnIn(pending_.front());
@@ -234,7 +235,7 @@ void MessageQueue::InvokeTaken() {
     ~AtEnd() { taken.Reset(); }
     Taken& taken;
   } const at_end{taken_};
-  if (caught_up_from_ != 0 && depth_ != 1) LogDropped(caught_up_from_);
+  LogDropped(dropped_to_log_);
   RequestReply reply(taken_.reply);
   Invoke([&] { callable_(taken_.message(), &reply); });
 }
@@ -244,7 +245,7 @@ void MessageQueue::Discard() {
   std::size_t dropped = 0;
   {
     const Lock lock(mutex_);
-    dropped = std::exchange(dropped_in_a_row_, 0);
+    dropped = drops_.End();
     RemoveTurns(first_turn_, pending_.size());
     pending_.Swap(discarded);
   }
@@ -260,13 +261,13 @@ void MessageQueue::Discard() {
 }
 
 void MessageQueue::Close() {
-  gate_.Close(name, nullptr);
+  gate_.Close(*this, nullptr);
   Queue::Close();
 }
 
 Counts MessageQueue::Count() const {
   const Lock lock(mutex_);
-  Counts counts{pending_.size(), depth_, dropped_};
+  Counts counts{pending_.size(), depth_, drops_.total()};
   counts.received = received_;
   return counts;
 }

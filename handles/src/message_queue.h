@@ -12,6 +12,7 @@
 #include <string>
 #include <typeinfo>
 
+#include "drops.h"
 #include "fifo.h"
 #include "gate.h"
 #include "reply.h"
@@ -28,8 +29,8 @@ class MessageQueue final : public Queue {
 
   // Stores a copy. Throws TypeMismatch.
   void Push(const std::any& message);
-  // Does the same. The reply is settled if the request is not stored.
-  void PushRequest(const std::any& request, ReplyOwner reply, const std::type_info& wanted_answer);
+  // Does the same. Takes the reply of the offer, which is settled if the request is not stored.
+  void PushRequest(const std::any& request, Offer& offer);
   // Takes a message on the heap.
   void PushOwned(void* copy);
 
@@ -71,6 +72,7 @@ class MessageQueue final : public Queue {
   struct Expected {
     ReplyOwner reply;
     const std::type_info& answer_type;
+    const char* client;  // its module
   };
   enum class Pushed { kYes, kClosed, kOtherType, kOtherAnswer };
 
@@ -88,7 +90,7 @@ class MessageQueue final : public Queue {
     return expected == nullptr || expected->answer_type == *answer_type_;
   }
   // Makes the message in the next slot the newest one. Drops the oldest one if the queue is full.
-  // Returns whether that is the first drop in a row.
+  // Returns whether LogDropping is due.
   bool Add(std::optional<Taken>& dropped) ZORVIX_REQUIRES(mutex_);
   bool AddToFull(std::optional<Taken>& dropped) ZORVIX_REQUIRES(mutex_);
   // Does the same with a copy, which is not in a slot yet.
@@ -102,7 +104,7 @@ class MessageQueue final : public Queue {
   void InvokeTaken() override;
   void Discard() override;
   void DestroyCallable() override { callable_.Reset(); }
-  void LogFirstDrop() const;
+  void LogDropping() const;
 
   const MessageType& type_;
   const std::type_info* const answer_type_;
@@ -115,14 +117,13 @@ class MessageQueue final : public Queue {
 
   // Of the drain in progress:
   Taken taken_{*this, Why::Threw};
-  std::size_t caught_up_from_ = 0;
+  std::size_t dropped_to_log_ = 0;
 
   Fifo pending_ ZORVIX_GUARDED_BY(mutex_);
   // The turn of the oldest message, perhaps taken over from a dropped one.
   Turn first_turn_ ZORVIX_GUARDED_BY(mutex_) = 0;
   std::uint64_t received_ ZORVIX_GUARDED_BY(mutex_) = 0;
-  std::size_t dropped_ ZORVIX_GUARDED_BY(mutex_) = 0;
-  std::size_t dropped_in_a_row_ ZORVIX_GUARDED_BY(mutex_) = 0;  // since it last caught up
+  Drops drops_ ZORVIX_GUARDED_BY(mutex_);
 };
 
 }  // namespace zorvix::detail

@@ -60,8 +60,8 @@ void KeepLoadedIfQueuedByBridge(const Endpoint& endpoint) {
   KeepLoaded(endpoint.module, "it uses an Async or SignleAsync endpoint", endpoint.name);
 }
 
-ValueOwner::ValueOwner(Module& module, const std::string& name)
-    : module_(module), load_number_(LoadNumber(module)), name_(name), path_(PathOf(&module)) {}
+ValueOwner::ValueOwner(Module& module)
+    : module_(module), load_number_(LoadNumber(module)), path_(PathOf(&module)) {}
 
 void ValueOwner::AddValue() {
   const Lock lock(mutex_);
@@ -89,8 +89,8 @@ void ValueOwner::RemoveValue(bool is_loaded) {
   if (unneeded != nullptr && is_loaded) dlclose(unneeded);
 }
 
-void ValueOwner::EndHolder() {
-  gate_.Close(name_, nullptr);
+void ValueOwner::EndHolder(const Record& holder) {
+  gate_.Close(holder, nullptr);
   {
     const Lock lock(mutex_);
     if (values_ == 0) return;

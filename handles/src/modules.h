@@ -30,7 +30,7 @@ void KeepLoadedIfQueuedByBridge(const Endpoint& endpoint);
 // destroyed.
 class ValueOwner {
  public:
-  ValueOwner(Module& module, const std::string& name);
+  explicit ValueOwner(Module& module);
   ValueOwner(const ValueOwner&) = delete;
   ValueOwner& operator=(const ValueOwner&) = delete;
 
@@ -38,7 +38,7 @@ class ValueOwner {
   // To be called with a value that nobody has any more.
   void DestroyValue(const void* value, void (*destroy)(const void*));
   // To be called once, when the holder is destroyed.
-  void EndHolder();
+  void EndHolder(const Record& holder);
 
  private:
   void RemoveValue(bool is_loaded);
@@ -47,7 +47,6 @@ class ValueOwner {
 
   Module& module_;
   const std::uint32_t load_number_;
-  const std::string name_;  // of the state
   const std::string path_;
   Gate gate_;  // closed when the holder is destroyed
   Mutex mutex_;

@@ -83,8 +83,8 @@ class RequestReply final : public CurrentReply {
 // thread only.
 class Offer : public CurrentReply {
  public:
-  Offer(const AnswerType& its_type, bool its_caller_waits)
-      : type(its_type), caller_waits(its_caller_waits) {}
+  Offer(const AnswerType& its_type, const char* its_client, bool its_caller_waits)
+      : type(its_type), client(its_client), caller_waits(its_caller_waits) {}
   Offer(const Offer&) = delete;
   Offer& operator=(const Offer&) = delete;
 
@@ -99,7 +99,8 @@ class Offer : public CurrentReply {
   std::shared_ptr<ReplyTarget> Keep() final { return std::make_shared<LaterReply>(Take()); }
 
   const AnswerType& type;
-  const bool caller_waits;  // on this thread
+  const char* const client;  // its module, or null if it has no handle
+  const bool caller_waits;   // on this thread
 
  protected:
   ~Offer() = default;

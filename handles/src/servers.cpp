@@ -57,10 +57,14 @@ void AnswerDirectly(Direct& direct, const std::type_info& answer_type, const std
     return;
   }
   try {
-    const void* const request = direct.Find(any, "request", "server");
+    const void* const request = direct.Find(any);
+    if (request == nullptr) {
+      direct.Reject("request", {"client", any.type(), offer.client},
+                    {"server", *direct.type.type, direct.module});
+    }
     if (*offer.type.type != answer_type) {
-      direct.rejected.Add();
-      throw TypeMismatch("answer", answer_type, "client", *offer.type.type);
+      direct.Reject("answer", {"server", answer_type, direct.module},
+                    {"client", *offer.type.type, offer.client});
     }
     direct.Invoke(request, &offer);
   } catch (const TypeMismatch&) {
@@ -78,7 +82,7 @@ void AnswerInStrand(MessageQueue& queue, const std::any& request, Offer& offer) 
     offer.Settle(NoAnswer(Why::WouldDeadlock));
     return;
   }
-  queue.PushRequest(request, offer.Take(), *offer.type.type);
+  queue.PushRequest(request, offer);
 }
 
 }  // namespace
@@ -98,7 +102,8 @@ Owned<ServerState> Serve(const Endpoint& endpoint, const MessageType& type,
         [queue, plain_answer, &module = endpoint.module](const std::any& request, auto& response) {
           Answer(response, plain_answer, queue->gate(), module, queue->name,
                  [&](Offer& offer) { AnswerInStrand(*queue, request, offer); });
-        }));
+        },
+        *queue));
   }
   const auto direct = std::make_shared<Direct>("Server", endpoint, type, std::move(callable));
   direct->response_type = &answer_type;
@@ -107,7 +112,8 @@ Owned<ServerState> Serve(const Endpoint& endpoint, const MessageType& type,
       [direct, plain_answer, &module = endpoint.module](const std::any& request, auto& response) {
         Answer(response, plain_answer, direct->gate(), module, direct->name,
                [&](Offer& offer) { AnswerDirectly(*direct, *plain_answer.type, request, offer); });
-      }));
+      },
+      *direct));
 }
 
 }  // namespace zorvix::detail

@@ -32,7 +32,7 @@ std::shared_ptr<const void> Share(const void* value, void (*destroy)(const void*
 // The latest version of a holder. Answers that are in progress share it with the holder.
 class HeldVersion {
  public:
-  explicit HeldVersion(const std::type_info& type) : type_(type) {}
+  HeldVersion(const std::type_info& type, const char* holder) : type_(type), holder_(holder) {}
   const std::type_info& type() const { return type_; }
 
   // Numbers the version and stores it. Returns the version before.
@@ -50,13 +50,13 @@ class HeldVersion {
     if (latest_.number == number) std::swap(latest_, previous);
   }
 
-  // The request is the type of the watcher's values. The response has the address of the watcher's
-  // version, so that an answer needs no allocation, which might fail.
+  // The request is the watcher, with the type of its values. The response has the address of the
+  // watcher's version, so that an answer needs no allocation, which might fail.
   void Answer(const std::any& request, const std::any& response) {
     const Gate::Pass pass(gate_);
     if (!pass.admitted()) return;
-    const auto* const wanted = std::any_cast<const std::type_info*>(request);
-    if (*wanted != type_) throw TypeMismatch("value", type_, "watcher", *wanted);
+    const auto& watcher = *std::any_cast<const TypeMismatch::Side*>(request);
+    if (watcher.type != type_) throw TypeMismatch("value", {"holder", type_, holder_}, watcher);
     Version latest;
     {
       const Lock lock(mutex_);
@@ -66,8 +66,8 @@ class HeldVersion {
   }
 
   // Afterwards nobody uses the type.
-  void Close(const std::string& name) {
-    gate_.Close(name, nullptr);
+  void Close(const Record& holder) {
+    gate_.Close(holder, nullptr);
     Version last;  // destroyed under no lock
     const Lock lock(mutex_);
     std::swap(latest_, last);
@@ -75,6 +75,7 @@ class HeldVersion {
 
  private:
   const std::type_info& type_;  // of the holder's module
+  const char* const holder_;    // its name
   Gate gate_;
   Mutex mutex_;
   Version latest_ ZORVIX_GUARDED_BY(mutex_);
@@ -87,23 +88,26 @@ std::string StateName(const std::string& name) { return name + "/zorvix.state"; 
 struct HolderState : Record {
   HolderState(const Endpoint& endpoint, const std::string& state_name, const std::type_info& type)
       : Record("Holder", endpoint.name, endpoint.module),
-        values{std::make_shared<ValueOwner>(endpoint.module, endpoint.name)},
-        held{name, std::make_shared<HeldVersion>(type)},
+        values{*this, std::make_shared<ValueOwner>(endpoint.module)},
+        held{*this, std::make_shared<HeldVersion>(type, module)},
         publisher(state_name, bridge::BridgeModule::Topic, bridge::BridgeType::Sync),
         optional_audience(state_name, bridge::BridgeType::Sync, [](const std::any&) {}),
-        server(state_name, bridge::BridgeType::Sync,
-               [version = held.version](const std::any& request, std::any& response) {
-                 version->Answer(request, response);
-               }),
+        server(
+            state_name, bridge::BridgeType::Sync,
+            [version = held.version](const std::any& request, std::any& response) {
+              version->Answer(request, response);
+            },
+            *this),
         listed(Describe(type)) {}
 
   struct Closer {
-    ~Closer() { version->Close(name); }
-    const std::string& name;
+    ~Closer() { version->Close(holder); }
+    const Record& holder;
     const std::shared_ptr<HeldVersion> version;
   };
   struct Values {
-    ~Values() { owner->EndHolder(); }
+    ~Values() { owner->EndHolder(holder); }
+    const Record& holder;
     const std::shared_ptr<ValueOwner> owner;
   };
   const Values values;  // destroyed last
@@ -132,10 +136,13 @@ struct WatcherState {
                  std::move(push)) {}
   WatchQueue& queue() const { return static_cast<WatchQueue&>(*receiver.closer.receiver); }
 
-  // Pushes the holder's version, if there is a holder.
+  // Pushes the holder's version, if there is a holder. One that is constructed later publishes what
+  // is set.
   void AskHolder(const std::type_info& type) const {
+    if (!HasServer(client)) return;
     Version latest;
-    const std::any request(&type);
+    const TypeMismatch::Side watcher = {"watcher", type, queue().module};
+    const std::any request(&watcher);
     Bridge().Call(client.control, [&](auto& serve) {
       std::any response(&latest);
       serve(request, response);
@@ -158,10 +165,11 @@ void Set(HolderState& holder, const void* value, void (*destroy)(const void*)) {
   const Section section("Set", holder.name);
   HeldVersion& held = *holder.held.version;
   holder.sent.Add();
-  Version version{0, Share(value, destroy, holder.values.owner), &held.type()};
+  Version version{0, Share(value, destroy, holder.values.owner), &held.type(), holder.module};
   // Stored before it is published, so that a watcher that asks later gets it.
   Version before = held.Store(version);
   try {
+    if (IsExiting(holder.name)) return;
     Bridge().Publish(holder.publisher.control, static_cast<const Version*>(&version));
   } catch (const std::bad_alloc&) {
     // Thrown by the bridge before it has invoked anybody: it contains what callables throw.
@@ -178,9 +186,10 @@ Owned<WatcherState> MakeWatcher(const Endpoint& endpoint, const std::type_info& 
   const auto push = [queue, &type](const std::any& message) {
     const auto* const version = std::any_cast<const Version*>(&message);
     if (version == nullptr) {
-      throw TypeMismatch("message", message.type(), "watcher", typeid(const Version*));
+      throw TypeMismatch("message", {"publisher", message.type(), nullptr},
+                         {"watcher", typeid(const Version*), queue->module});
     }
-    queue->CheckType(*(*version)->type, type);
+    queue->CheckType(**version, type);
     queue->Push(**version);
   };
   Owned<WatcherState> watcher(new WatcherState(endpoint, StateName(endpoint.name), queue, push));

@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "waits.h"
+
 namespace zorvix::detail {
 
 Strand::Strand(const std::string& its_place, const std::string& counter, Module& module)
@@ -35,6 +37,7 @@ std::size_t Strand::Drain(const std::function<bool()>& may_go_on) {
       agenda_.PopFront();
     }
     --pending_;
+    pushes_ = {};
     ++count;
     invoking_ = &queue;
     TracePending();
@@ -135,6 +138,48 @@ Strand::Drains Strand::LookAtDrains() const {
   return {pending_, drainer_, draining_, drained_at_, shut_};
 }
 
+std::optional<Running> Strand::FindRunning() const {
+  const Lock lock(mutex_);
+  if (invoking_ == nullptr) return std::nullopt;
+  return Running(*invoking_, drainer_);
+}
+
+void Strand::LookAtPending() {
+  const auto now = CoarseNow();
+  if (pushes_.looks++ == 0) {
+    pending_since_ = now;
+    is_late_logged_ = false;
+  }
+  pushes_.until_look = 1 << std::min(pushes_.looks, 4);
+  const std::chrono::seconds patience(IsDrainedByTasks() ? 1 : 10);
+  if (!is_late_logged_ && now - pending_since_ >= patience) is_late_ = true;
+}
+
+void Strand::LogLate(const Record& pushed) noexcept {
+  if (!is_late_.exchange(false)) return;
+  try {
+    Backlog backlog;
+    std::optional<Running> running;
+    {
+      const Lock lock(mutex_);
+      if (pushes_.looks == 0 || is_late_logged_) return;
+      is_late_logged_ = true;  // meanwhile
+      backlog = {pending_, drainer_, pending_since_, CoarseNow() - pending_since_};
+      if (invoking_ != nullptr) running.emplace(*invoking_, drainer_);
+    }
+    const bool is_logged = running ? LogRunning(*running, backlog) : LogUndrained(pushed, backlog);
+    if (is_logged) return;
+    const Lock lock(mutex_);
+    is_late_logged_ = false;
+  } catch (const std::bad_alloc&) {  // the next one tries again
+  }
+}
+
+bool Strand::LogUndrained(const Record& pushed, const Backlog& backlog) const {
+  LogUndrainedInbox(place, pushed, backlog);
+  return true;
+}
+
 bool Strand::IsDrainedByThisThread() {
   const Lock lock(mutex_);
   return draining_ && drainer_ == ThisThread();
@@ -178,6 +223,7 @@ void Queue::RemoveTurns(Turn first, std::size_t count) noexcept {
   strand_->mutex_.AssertHeld();
   strand_->agenda_.Remove(first);
   strand_->pending_ -= count;
+  if (strand_->pending_ == 0) strand_->pushes_ = {};
   strand_->UpdateReadiness();
   strand_->TracePending();
 }
@@ -214,18 +260,13 @@ void Queue::Close() {
   }
   Discard();
   strand_->AfterClose();
-  bool is_late = false;
-  {
-    Lock lock(mutex_);
-    is_late = !WaitWhileInUse(lock, Clock::now() + std::chrono::seconds(1));
-  }
-  if (is_late) {
-    BRIDGE_LOG(bridge::kLogWarn, "a destructor waits for its callable to return, name: %s",
-               name.c_str());
+  if (!WaitWhileInUse(Clock::time_point())) {
+    WaitAndLog(
+        kNever, [this](Clock::time_point until) { return WaitWhileInUse(until); },
+        [this](int seconds, auto) { LogWaitingDestructor(*this, ThreadInUse(), seconds); });
   }
   {
-    Lock lock(mutex_);
-    WaitWhileInUse(lock, kNever);
+    const Lock lock(mutex_);
     strand_->mutex_.AssertHeld();
     if (strand_->invoking_ == this) {  // by this thread
       strand_->closed_by_its_callable_ = shared_from_this();
@@ -241,7 +282,15 @@ bool Queue::IsInUse() const {
          (is_being_discarded_ && strand_->shutter_ != ThisThread()) || IsUsedByOthers();
 }
 
-bool Queue::WaitWhileInUse(Lock& lock, Clock::time_point end) {
+int Queue::ThreadInUse() const {
+  const Lock lock(mutex_);
+  strand_->mutex_.AssertHeld();
+  if (strand_->invoking_ == this) return strand_->drainer_;
+  return is_being_discarded_ ? strand_->shutter_ : 0;
+}
+
+bool Queue::WaitWhileInUse(Clock::time_point end) {
+  Lock lock(mutex_);
   strand_->mutex_.AssertHeld();
   ++strand_->closing_;
   bool is_late = false;

@@ -20,12 +20,14 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "agenda.h"
 #include "descriptor.h"
 #include "records.h"
 #include "sync.h"
+#include "waits.h"
 
 namespace zorvix::detail {
 
@@ -81,6 +83,8 @@ class Strand : public std::enable_shared_from_this<Strand> {
     bool is_shut = false;
   };
   Drains LookAtDrains() const;
+  // Returns the callable that a drain is inside, if there is one. Throws std::bad_alloc.
+  std::optional<Running> FindRunning() const;
   bool IsDrainedByThisThread();
 
   const std::string place;
@@ -91,6 +95,9 @@ class Strand : public std::enable_shared_from_this<Strand> {
   virtual void AfterPush() {}
   // Called while a queue is closed, under no lock.
   virtual void AfterClose() {}
+  // Called when nothing has been taken for long and no drain is in progress, under no lock. Returns
+  // whether it has logged that.
+  virtual bool LogUndrained(const Record& pushed, const Backlog& backlog) const;
 
  private:
   friend class Queue;
@@ -105,6 +112,12 @@ class Strand : public std::enable_shared_from_this<Strand> {
   void SetReady(bool ready) ZORVIX_REQUIRES(mutex_);
   void SetTimer() ZORVIX_REQUIRES(mutex_);
   void ExpireTimeouts() ZORVIX_REQUIRES(mutex_);
+  // At every so many pushes, looks how long something has been pending. No clock is read for most
+  // messages, and no thread or timer is needed.
+  void LookAtPending() ZORVIX_REQUIRES(mutex_);
+  // To be called under no lock when a look has set `is_late_`. `pushed`: a handle with something
+  // pending.
+  void LogLate(const Record& pushed) noexcept;
   // Called under the mutex, so that the counter never shows an older number after a later one.
   void TracePending() const ZORVIX_REQUIRES(mutex_) {
     if (trace.IsOn()) SetCounter();
@@ -128,6 +141,16 @@ class Strand : public std::enable_shared_from_this<Strand> {
   bool draining_ ZORVIX_GUARDED_BY(mutex_) = false;
   int drainer_ ZORVIX_GUARDED_BY(mutex_) = 0;  // still known after the drain
   Clock::time_point drained_at_ ZORVIX_GUARDED_BY(mutex_);
+  // The pushes since something was taken, or nothing was pending. Looks are at the second, fourth,
+  // eighth and sixteenth push, and then at every sixteenth.
+  struct Pushes {
+    int until_look = 2;
+    int looks = 0;
+  };
+  Pushes pushes_ ZORVIX_GUARDED_BY(mutex_);
+  Clock::time_point pending_since_ ZORVIX_GUARDED_BY(mutex_);  // at the first look
+  bool is_late_logged_ ZORVIX_GUARDED_BY(mutex_) = false;      // since then
+  std::atomic<bool> is_late_{false};
   Queue* invoking_ ZORVIX_GUARDED_BY(mutex_) = nullptr;
   std::shared_ptr<const void> kept_ ZORVIX_GUARDED_BY(mutex_);  // see Shut
   std::shared_ptr<Queue> closed_by_its_callable_;               // used by the drainer only
@@ -182,8 +205,16 @@ class Queue : public Receiver, public std::enable_shared_from_this<Queue> {
   void UpdateTimer() noexcept ZORVIX_REQUIRES(mutex_);
   // Lets a thread in Close look again whether others still use the queue.
   void NotifyClosing() ZORVIX_REQUIRES(mutex_);
-  // Called under no lock.
-  void AfterPush() const { strand_->AfterPush(); }
+  // Counts a push that gets no turn, since one is pending that it replaces.
+  void CountPush() noexcept ZORVIX_REQUIRES(mutex_);
+  // Called under no lock, after a push that has a turn, or that has none.
+  void AfterPush() const {
+    LogIfLate();
+    strand_->AfterPush();
+  }
+  void LogIfLate() const {
+    if (strand_->is_late_.load(std::memory_order_relaxed)) strand_->LogLate(*this);
+  }
   // Logs a WARN, unless `count` is 0.
   void LogDropped(std::size_t count) const;
 
@@ -205,7 +236,9 @@ class Queue : public Receiver, public std::enable_shared_from_this<Queue> {
   friend class Strand;
   bool IsInUse() const ZORVIX_REQUIRES(mutex_);
   // Returns false if it is still in use at `end`.
-  bool WaitWhileInUse(Lock& lock, Clock::time_point end) ZORVIX_REQUIRES(mutex_);
+  bool WaitWhileInUse(Clock::time_point end);
+  // Returns the thread for which Close waits, or 0 if it is not known.
+  int ThreadInUse() const;
   void LogFailure(const std::exception& error) const;
 
   const std::shared_ptr<Strand> strand_;
@@ -234,7 +267,13 @@ inline bool Queue::IsClosed() const {
   return closed_ || strand_->shut_;
 }
 
+inline void Queue::CountPush() noexcept {
+  strand_->mutex_.AssertHeld();
+  if (--strand_->pushes_.until_look == 0) strand_->LookAtPending();
+}
+
 inline Turn Queue::TakeTurn() noexcept {
+  CountPush();
   strand_->mutex_.AssertHeld();
   return ++strand_->last_turn_;
 }

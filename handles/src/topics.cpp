@@ -46,6 +46,7 @@ Owned<PublisherState> MakePublisher(const Endpoint& endpoint, const std::type_in
 bool Publish(PublisherState& publisher, std::any&& message) {
   const Section section("Publish", publisher.name);
   publisher.sent.Add();
+  if (IsExiting(publisher.name)) return false;
   return Bridge().Publish(publisher.participant.control, std::move(message));
 }
 
@@ -66,7 +67,13 @@ Owned<SubscriberState> Subscribe(const Endpoint& endpoint, const MessageType& ty
     if (!message.has_value()) return;
     const Gate::Pass pass(direct->gate());
     if (!pass.admitted()) return;
-    direct->Invoke(direct->Find(message, "message", "subscriber"), nullptr);
+    const void* const found = direct->Find(message);
+    if (found == nullptr) {
+      const char* const publisher = ModuleOfPublisher(direct->name, message.type());
+      direct->Reject("message", {"publisher", message.type(), publisher},
+                     {"subscriber", *direct->type.type, direct->module});
+    }
+    direct->Invoke(found, nullptr);
   };
   return Owned<SubscriberState>(new SubscriberState(direct, endpoint, deliver));
 }

@@ -11,6 +11,7 @@
 #include "reply.h"
 #include "sync.h"
 #include "threads.h"
+#include "waits.h"
 
 namespace zorvix::detail {
 
@@ -41,9 +42,10 @@ class WaitingReply final : public SharedReply {
   // When it has returned, nobody writes into the slot any more.
   void Wait(Clock::time_point end) {
     const Shown shown(*this);
+    WaitAndLog(
+        end, [this](Clock::time_point until) { return WaitUntil(until); },
+        [this](int seconds, auto start) { LogWaitingCall(*this, seconds, start); });
     Lock lock(mutex_);
-    bool is_over = false;
-    while (state_ == State::kWaiting && !is_over) is_over = !settled_.WaitUntil(lock, end);
     if (state_ == State::kWaiting) {
       state_ = State::kAbandoned;
       WriteOutcome(slot_, NoAnswer(Why::TimedOut));
@@ -57,6 +59,14 @@ class WaitingReply final : public SharedReply {
 
  private:
   enum class State { kWaiting, kSettling, kSettled, kAbandoned };
+
+  // Returns whether the call is settled, or is being settled.
+  bool WaitUntil(Clock::time_point end) {
+    Lock lock(mutex_);
+    bool is_over = false;
+    while (state_ == State::kWaiting && !is_over) is_over = !settled_.WaitUntil(lock, end);
+    return state_ != State::kWaiting;
+  }
 
   // Has the reply in the list of waits of the process.
   class Shown {
@@ -95,7 +105,7 @@ class WaitingOffer final : public Offer {
   // `module` is that of the client, or null if it has no handle.
   WaitingOffer(const AnswerType& its_type, const AnswerSlot& slot, const std::string& service,
                const char* module)
-      : Offer(its_type, true), slot_(slot), service_(service), module_(module) {}
+      : Offer(its_type, module, true), slot_(slot), service_(service) {}
   // After an exception, the server may still have the reply.
   ~WaitingOffer() { Wait(Clock::time_point()); }
   WaitingOffer(const WaitingOffer&) = delete;
@@ -108,13 +118,12 @@ class WaitingOffer final : public Offer {
  private:
   void Write(const Outcome& outcome) override { WriteOutcome(slot_, outcome); }
   ReplyOwner Share() override {
-    reply_ = std::make_shared<WaitingReply>(slot_, service_, module_);
+    reply_ = std::make_shared<WaitingReply>(slot_, service_, client);
     return ReplyOwner(reply_);
   }
 
   const AnswerSlot slot_;
   const std::string& service_;  // exists until Share
-  const char* const module_;
   std::shared_ptr<WaitingReply> reply_;
 };
 

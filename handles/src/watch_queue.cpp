@@ -10,11 +10,12 @@ WatchQueue::WatchQueue(const Endpoint& endpoint, std::shared_ptr<Strand> its_str
                        Callable callable)
     : LatestQueue("Watcher", endpoint, std::move(its_strand), std::move(callable)) {}
 
-void WatchQueue::CheckType(const std::type_info& given, const std::type_info& wanted) {
+void WatchQueue::CheckType(const Version& version, const std::type_info& wanted) {
   const Gate::Pass pass(gate_);
-  if (!pass.admitted() || given == wanted) return;
+  if (!pass.admitted() || *version.type == wanted) return;
   rejected.Add();
-  throw TypeMismatch("value", given, "watcher", wanted);
+  throw TypeMismatch("value", {"holder", *version.type, version.holder},
+                     {"watcher", wanted, module});
 }
 
 void WatchQueue::Push(Version version) {
@@ -36,7 +37,7 @@ std::shared_ptr<const void> WatchQueue::WaitForValue(Clock::time_point end) {
 }
 
 void WatchQueue::Close() {
-  gate_.Close(name, nullptr);
+  gate_.Close(*this, nullptr);
   LatestQueue::Close();
 }
 

@@ -16,6 +16,7 @@ struct Version {
   std::uint64_t number = 0;  // 0: no value
   std::shared_ptr<const void> value;
   const std::type_info* type = nullptr;  // of the holder's module
+  const char* holder = nullptr;          // its module
 };
 
 class WatchQueue final : public LatestQueue<std::shared_ptr<const void>> {
@@ -23,7 +24,7 @@ class WatchQueue final : public LatestQueue<std::shared_ptr<const void>> {
   WatchQueue(const Endpoint& endpoint, std::shared_ptr<Strand> its_strand, Callable callable);
 
   // `wanted` is of the watcher's module. Throws TypeMismatch.
-  void CheckType(const std::type_info& given, const std::type_info& wanted);
+  void CheckType(const Version& version, const std::type_info& wanted);
 
   // Ignores versions that are not later than the latest.
   void Push(Version version);

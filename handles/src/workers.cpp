@@ -5,16 +5,15 @@
 #include <cstddef>
 #include <exception>
 #include <new>
-#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "dispatcher.h"
 #include "endpoint.h"
-#include "records.h"
 #include "sync.h"
 #include "threads.h"
+#include "waits.h"
 
 namespace zorvix {
 namespace detail {
@@ -35,26 +34,17 @@ std::chrono::milliseconds StopSpin(std::chrono::milliseconds pause) {
 
 // Logs the callables that tasks are inside: those of SpinOnce are not told apart.
 void LogWaiting() {
-  struct Row {
-    std::string kind, name, module;
-  };
-  std::vector<Row> rows;
+  std::vector<Running> running;
   try {
-    Process& process = Process::Get();
-    const Lock lock(process.mutex);
-    for (const auto* record : process.records) {
-      const bool is_task = record->invoker == Record::Invoker::kTask;
-      if (is_task && record->inside.thread() != 0)
-        rows.push_back({record->kind, record->name, record->module});
-    }
+    running = RunningInTasks();
   } catch (const std::bad_alloc&) {  // the line below tells less
   }
-  for (const auto& row : rows) {
-    BRIDGE_LOG(bridge::kLogWarn,
-               "workers wait for a callable to return, kind: %s, name: %s, module: %s",
-               row.kind.c_str(), row.name.c_str(), row.module.c_str());
+  for (const auto& callable : running) {
+    BRIDGE_LOG(
+        bridge::kLogWarn, "workers wait for a callable to return, kind: %s, name: %s, module: %s%s",
+        callable.kind, callable.name.c_str(), callable.module, ThreadPart(callable.thread).c_str());
   }
-  if (rows.empty()) BRIDGE_LOG(bridge::kLogWarn, "workers wait for a task to return");
+  if (running.empty()) BRIDGE_LOG(bridge::kLogWarn, "workers wait for a task to return");
 }
 
 // The workers of all Workers objects. There is one in the process, which is never destroyed, since

@@ -8,9 +8,9 @@
 //
 // A watcher that is constructed after Set has returned has that value or a later one when its
 // constructor returns. A watcher that is constructed before there is a holder has the values that
-// are set later; the bridge logs the WARN "Call failed, no server". When the holder is destroyed,
-// watchers keep the latest value; watchers that are constructed afterwards have none until another
-// holder sets one. Setting an equal value again is a new value.
+// are set later. When the holder is destroyed, watchers keep the latest value; watchers that are
+// constructed afterwards have none until another holder sets one. Setting an equal value again is a
+// new value.
 //
 // Values are shared by all watchers, not copied. As long as others have values of a holder, and
 // these have a destructor, the holder's module stays loaded, even after dlclose. Names of states do
