@@ -27,7 +27,7 @@
 #define ZORVIX_ZORVIX_H_
 
 // Major * 10000 + minor * 100 + patch.
-#define ZORVIX_VERSION 40000
+#define ZORVIX_VERSION 50000
 
 #include <algorithm>
 #include <any>

@@ -96,6 +96,8 @@ void DescribeDrained(HandleInfo& info, const detail::Strand::Drains& drains,
                      detail::Clock::time_point now) {
   info.thread = drains.drainer;
   if (drains.drainer == 0) return;
+  info.drained_ago = std::chrono::nanoseconds::zero();
+  if (drains.is_in_progress) return;
   info.drained_ago = std::max<detail::Clock::duration>(now - drains.latest_at, {});
 }
 

@@ -6,7 +6,7 @@
 #include <utility>
 
 // What modules need to be loaded: see erasure.h.
-const int zorvix_handles_4_0 = 0;
+const int zorvix_handles_5_0 = 0;
 
 namespace zorvix::detail {
 

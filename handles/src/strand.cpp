@@ -22,7 +22,6 @@ std::size_t Strand::Drain(const std::function<bool()>& may_go_on) {
   if (draining_) return 0;
   draining_ = true;
   drainer_ = ThisThread();
-  drained_at_ = CoarseNow();
   ExpireTimeouts();
   UpdateReadiness();
   const Turn last = last_turn_;  // what arrives meanwhile is left to the next drain

@@ -79,7 +79,7 @@ class Strand : public std::enable_shared_from_this<Strand> {
     std::size_t pending = 0;  // of all queues
     int drainer = 0;          // the thread of the latest drain, or 0
     bool is_in_progress = false;
-    Clock::time_point latest_at;  // when it began or, if it is over, ended
+    Clock::time_point latest_at;  // when the latest one that is over ended
     bool is_shut = false;
   };
   Drains LookAtDrains() const;
