@@ -31,6 +31,13 @@ const zorvix::Topic<int> kThumbnails{"thumbnails"};
 const zorvix::State<int> kVolume{"volume"};
 const zorvix::State<int> kCapitalVolume{"Volume"};
 
+std::atomic<bool> is_over{false};
+
+std::string FindRoute(int) {
+  while (!is_over) std::this_thread::yield();
+  return "straight ahead";
+}
+
 int main() {
   const zorvix::SlowLog slow(milliseconds(16));  // a frame of a screen with 60 Hz
 
@@ -53,13 +60,8 @@ int main() {
   const zorvix::Subscriber speaker(kAlertTexts, ignore);
 
   // 5. A server does not return, until the example ends.
-  std::atomic<bool> is_over{false};
   zorvix::Inbox router("router");
-  const auto find_route = [&](int) {
-    while (!is_over) std::this_thread::yield();
-    return std::string("straight ahead");
-  };
-  const zorvix::Server routes(kRoutes, find_route, router);
+  const zorvix::Server routes(kRoutes, FindRoute, router);
   const zorvix::InboxThread router_thread(router);
 
   // 6. Nobody has started workers.

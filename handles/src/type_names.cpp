@@ -52,14 +52,12 @@ std::string NameOfType(const std::type_info& type) {
   const std::unique_ptr<char, decltype(&std::free)> demangled(
       abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), &std::free);
   std::string name = demangled == nullptr ? type.name() : demangled.get();
-  for (const std::string in : {"std::__cxx11::", "std::__1::", "std::__ndk1::"}) {
-    const std::string std_or_in = in == "std::__cxx11::" ? "std::" : in;
-    ReplaceAll(name,
-               in + "basic_string<char, " + std_or_in + "char_traits<char>, " + std_or_in +
-                   "allocator<char> >",
-               "std::string");
+  // The inline namespaces of the standard libraries.
+  for (const char* const in : {"std::__cxx11::", "std::__1::", "std::__ndk1::"}) {
     ReplaceAll(name, in, "std::");
   }
+  ReplaceAll(name, "std::basic_string<char, std::char_traits<char>, std::allocator<char> >",
+             "std::string");
   return name;
 }
 
