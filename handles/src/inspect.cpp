@@ -17,6 +17,7 @@ void UpdateSmallestSlowLimit(const std::multiset<std::int64_t>& limits) {
 
 HandleInfo Describe(const detail::Record& record) {
   const detail::Counts counts = record.Count();
+  const detail::Record& invoked = record.adopted == nullptr ? record : *record.adopted;
   HandleInfo handle;
   handle.kind = record.kind;
   handle.name = record.name;
@@ -24,8 +25,8 @@ HandleInfo Describe(const detail::Record& record) {
   handle.pending = counts.pending;
   handle.depth = counts.depth;
   handle.dropped = counts.dropped;
-  handle.invocations = record.invocations;
-  handle.longest = std::chrono::nanoseconds(record.longest);
+  handle.invocations = invoked.invocations;
+  handle.longest = std::chrono::nanoseconds(invoked.longest);
   return handle;
 }
 
@@ -51,7 +52,9 @@ std::vector<HandleInfo> Inspect() {
   {
     auto& process = detail::Process::Get();
     const detail::Lock lock(process.mutex);
-    for (const auto* record : process.records) handles.push_back(Describe(*record));
+    for (const auto* record : process.records) {
+      if (record->adopter == nullptr) handles.push_back(Describe(*record));
+    }
   }
   std::sort(handles.begin(), handles.end(), [](const HandleInfo& a, const HandleInfo& b) {
     return std::tie(a.name, a.kind, a.module) < std::tie(b.name, b.kind, b.module);

@@ -48,6 +48,9 @@ struct Record {
   // While a SlowLog exists:
   std::atomic<std::uint64_t> invocations{0};
   std::atomic<std::int64_t> longest{0};  // nanoseconds
+  // Guarded by the mutex of the process:
+  Record* adopter = nullptr;        // a Listing that shows this record in its row
+  const Record* adopted = nullptr;  // the record that this Listing shows
 };
 
 // What invokes a callable. Others may share it for longer than its handle exists.
