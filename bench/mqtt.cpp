@@ -30,7 +30,7 @@ double MeasureExport(const Broker& broker) {
   const zorvix::Topic<std::string> topic{"bench"};
   zorvix::mqtt::Options options;
   options.port = broker.port();
-  options.close_limit = std::chrono::minutes(1);
+  options.close_timeout = std::chrono::minutes(1);
   const auto start = Clock::now();
   {
     zorvix::mqtt::Connection connection(options);
