@@ -126,9 +126,9 @@ void Outbox::End() {
   const std::lock_guard lock(mutex_);
   has_ended_ = true;
   while (!ready_.empty()) {
-    auto& stream = *ready_.begin()->second;
-    stream.dropped += stream.queue.size();
-    Drop(stream);
+    const auto stream = ready_.begin()->second;  // shared, since the map may have the last one
+    stream->dropped += stream->queue.size();
+    Drop(*stream);
   }
   states_.clear();
 }
