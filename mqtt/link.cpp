@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
-#include <limits>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -235,7 +235,8 @@ Failure Link::Reached() {
 }
 
 Failure Link::Read() {
-  const NoBrokenPipe no_broken_pipe;
+  std::optional<NoBrokenPipe> no_broken_pipe;
+  if (tls_) no_broken_pipe.emplace();
   errno = 0;
   const int error = mosquitto_loop_read(client_.get(), 1);
   auto failure = Check(error);
@@ -251,7 +252,8 @@ Failure Link::Write() {
 }
 
 Failure Link::KeepAlive() {
-  const NoBrokenPipe no_broken_pipe;
+  std::optional<NoBrokenPipe> no_broken_pipe;
+  if (tls_) no_broken_pipe.emplace();
   errno = 0;
   return Check(mosquitto_loop_misc(client_.get()));
 }
