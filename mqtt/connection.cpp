@@ -43,6 +43,10 @@ int Port(const Options& options) {
   return options.ca_file.empty() ? 1883 : 8883;
 }
 
+std::size_t SizeOf(const Link::Received& message) {
+  return message.payload ? message.payload->size() : 0;
+}
+
 StreamPointer MakeStatusStream(const Options& options) {
   if (options.status_topic.empty()) return nullptr;
   auto stream = std::make_shared<detail::Stream>("zorvix/mqtt/status_topic",
@@ -80,7 +84,7 @@ void Worker::Run() {
   const std::size_t not_sent = core_->outbox.pending();
   link_.reset();
   core_->outbox.End();
-  while (!unfinished_.empty()) Finish(unfinished_.begin(), "it was not acknowledged");
+  while (!unfinished_.empty()) Finish(unfinished_.begin(), nullptr);
   SetStatus(false, kClosed);
   BRIDGE_LOG(not_sent == 0 ? bridge::kLogInfo : bridge::kLogWarn,
              "MQTT closed, broker: %s, messages not sent: %zu", broker_.c_str(), not_sent);
@@ -244,7 +248,7 @@ Failure Worker::Exchange() {
   if ((ready_ & ~POLLOUT) != 0) failure = link_->Read();
   for (auto& message : std::exchange(link_->received, {})) {
     ++core_->received;
-    core_->bytes_received += message.size;
+    core_->bytes_received += SizeOf(message);
     received_.push_back(std::move(message));
   }
   Deliver();  // before Write, which acknowledges it
@@ -271,7 +275,6 @@ bool Worker::Wait(short events, Clock::time_point until) {
   core_->tasks->Drain();
   Deliver();
   DropUnclaimed();
-  core_->rejections.Log();
   return !HasEnded();
 }
 
@@ -320,10 +323,10 @@ void Worker::Deliver() {
       continue;
     }
     for (const auto& inlet : found->second) {
-      if (message.size > options_.max_payload_size) {
-        core_->rejections.Add(inlet->rejected, "it is too long");
-      } else if (!inlet->Invoke(message.payload)) {
-        core_->rejections.Add(inlet->rejected, "it cannot be decoded");
+      if (!message.payload) {
+        inlet->rejected->Add("it is too long");
+      } else if (!inlet->Invoke(*message.payload)) {
+        inlet->rejected->Add("it cannot be decoded");
       }
     }
   }
@@ -333,11 +336,11 @@ void Worker::Deliver() {
 void Worker::Hold(Link::Received message) {
   if (!HasSession()) return;  // its import has been destroyed meanwhile
   unclaimed_.emplace(message.topic, Clock::now() + kMaxHoldTime);
-  if (held_bytes_ + message.payload.size() > kMaxHeldBytes) {
+  if (held_bytes_ + SizeOf(message) > kMaxHeldBytes) {
     RejectHeld(message.topic, "too much arrives before its import is constructed");
     return;
   }
-  held_bytes_ += message.payload.size();
+  held_bytes_ += SizeOf(message);
   held_.push_back(std::move(message));
 }
 
@@ -348,7 +351,7 @@ std::vector<Link::Received> Worker::TakeHeld(const std::string& topic) {
       held_.push_back(std::move(message));
       continue;
     }
-    held_bytes_ -= message.payload.size();
+    held_bytes_ -= SizeOf(message);
     taken.push_back(std::move(message));
   }
   return taken;
@@ -369,9 +372,7 @@ void Worker::DropUnclaimed() {
 }
 
 void Worker::RejectHeld(const std::string& topic, const char* reason) {
-  auto& rejected = rejected_held_[topic];
-  if (!rejected) rejected = std::make_shared<Rejected>("import", topic);
-  core_->rejections.Add(rejected, reason);
+  rejected_held_.try_emplace(topic, "import", topic).first->second.Add(reason);
 }
 
 void Worker::LogSubscriptions() {
@@ -449,7 +450,8 @@ void Worker::TakeOut(Outgoing& message) {
 
 void Worker::Finish(Message message, const char* rejection) {
   TakeOut(*message);
-  core_->outbox.Finish(*message, rejection);
+  if (rejection != nullptr) message->stream->rejected.Add(rejection);
+  core_->outbox.Finish(*message);
   unfinished_.erase(message);
 }
 

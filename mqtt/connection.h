@@ -24,7 +24,6 @@
 #include "export.h"
 #include "import.h"
 #include "link.h"
-#include "rejections.h"
 
 namespace zorvix::mqtt {
 
@@ -57,8 +56,7 @@ struct Core {
   std::atomic<std::uint64_t> received{0};
   std::atomic<std::uint64_t> bytes_sent{0};
   std::atomic<std::uint64_t> bytes_received{0};
-  Rejections rejections;
-  Outbox outbox{rejections, [this] { Post([](Worker&) {}); }};
+  Outbox outbox{[this] { Post([](Worker&) {}); }};
   Worker* worker = nullptr;
   std::unique_ptr<Inbox> tasks = std::make_unique<Inbox>();
   std::atomic<Clock::time_point> stop_time{Clock::time_point::max()};
@@ -147,7 +145,7 @@ class Worker {
   std::deque<Link::Received> held_;                                     // without an import
   std::size_t held_bytes_ = 0;
   std::map<std::string, Clock::time_point> unclaimed_;  // topics without an import, until then
-  std::map<std::string, std::shared_ptr<Rejected>> rejected_held_;  // by topic
+  std::map<std::string, Rejected> rejected_held_;       // by topic
 
   std::optional<Addresses> found_;  // by the look-up that is under way
   bool has_ended_ = false;

@@ -74,7 +74,7 @@ void Outbox::Forget(const StreamPointer& stream) {
 
 zorvix::detail::Counts Outbox::Count(const detail::Stream& stream) {
   const std::lock_guard lock(mutex_);
-  return {stream.pending, stream.depth, stream.dropped + stream.rejected->count};
+  return {stream.pending, stream.depth, stream.dropped + stream.rejected.count()};
 }
 
 std::optional<Outgoing> Outbox::Take() {
@@ -100,8 +100,7 @@ std::optional<Outgoing> Outbox::Take() {
   return std::nullopt;
 }
 
-void Outbox::Finish(const Outgoing& message, const char* rejection) {
-  if (rejection != nullptr) rejections_.Add(message.stream->rejected, rejection);
+void Outbox::Finish(const Outgoing& message) {
   const std::lock_guard lock(mutex_);
   --message.stream->unfinished;
   if (!message.is_pending) return;
@@ -155,7 +154,7 @@ bool Sender::IsImported(const void* message) const {
 
 void Sender::Push(std::string text) { core_->outbox.Push(stream_, std::move(text)); }
 
-void Sender::Reject() { core_->rejections.Add(stream_->rejected, "it cannot be encoded"); }
+void Sender::Reject() { stream_->rejected.Add("it cannot be encoded"); }
 
 zorvix::detail::Counts Sender::Count() const { return core_->outbox.Count(*stream_); }
 

@@ -17,7 +17,7 @@
 #include <unordered_set>
 #include <utility>
 
-#include "rejections.h"
+#include "rejected.h"
 
 namespace zorvix::mqtt {
 
@@ -37,13 +37,13 @@ struct Stream {
         topic(std::move(its_topic)),
         kind(its_kind),
         depth(its_depth),
-        rejected(std::make_shared<Rejected>("export", its_name)) {}
+        rejected("export", its_name) {}
 
   const std::string name;
   const std::string topic;
   const Kind kind;
   const std::size_t depth;
-  const std::shared_ptr<Rejected> rejected;
+  Rejected rejected;  // guards itself
   std::deque<Queued> queue;
   Text value;                  // the latest of a state, which is sent on each connect
   std::size_t pending = 0;     // in the queue, or sent and not acknowledged
@@ -70,8 +70,7 @@ struct Outgoing {
 class Outbox {
  public:
   // `wake` makes the connection's thread take messages.
-  Outbox(Rejections& rejections, std::function<void()> wake)
-      : rejections_(rejections), wake_(std::move(wake)) {}
+  explicit Outbox(std::function<void()> wake) : wake_(std::move(wake)) {}
 
   // For exports, on any thread:
   void Open(const StreamPointer& stream);
@@ -84,7 +83,7 @@ class Outbox {
   // For the connection's thread:
   // Returns nothing if all queues are empty. Then the next Push wakes the thread.
   std::optional<Outgoing> Take();
-  void Finish(const Outgoing& message, const char* rejection);  // or nullptr
+  void Finish(const Outgoing& message);
   // Queues the current value of each state that has nothing else to send.
   void RepeatStates();
   std::size_t pending();
@@ -95,7 +94,6 @@ class Outbox {
   void Enqueue(const StreamPointer& stream, Text text, bool is_pending) ZORVIX_REQUIRES(mutex_);
   void Drop(detail::Stream& stream) ZORVIX_REQUIRES(mutex_);
 
-  Rejections& rejections_;
   const std::function<void()> wake_;
   std::mutex mutex_;
   // By the turn of the oldest message.

@@ -123,7 +123,7 @@ void Receiver::Start(Handler handler) {
 }
 
 std::function<zorvix::detail::Counts()> Receiver::counts() const {
-  return [rejected = inlet_->rejected] { return zorvix::detail::Counts{0, 0, rejected->count}; };
+  return [rejected = inlet_->rejected] { return zorvix::detail::Counts{0, 0, rejected->count()}; };
 }
 
 }  // namespace detail

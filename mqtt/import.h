@@ -11,7 +11,7 @@
 #include <thread>
 #include <utility>
 
-#include "rejections.h"
+#include "rejected.h"
 
 namespace zorvix::mqtt {
 

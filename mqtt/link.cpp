@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -58,43 +59,29 @@ mosquitto* NewClient(const std::string& client_id, Link* link) {
   return client;
 }
 
-// What the broker says when it ends the connection.
 const char* CauseOfDisconnect(int reason) {
-  switch (reason) {
-    case MQTT_RC_SESSION_TAKEN_OVER:
-      return kTakenOver;
-    case MQTT_RC_SERVER_UNAVAILABLE:
-    case MQTT_RC_SERVER_BUSY:
-    case MQTT_RC_SERVER_SHUTTING_DOWN:
-    case MQTT_RC_KEEP_ALIVE_TIMEOUT:
-    case MQTT_RC_ADMINISTRATIVE_ACTION:
-    case MQTT_RC_USE_ANOTHER_SERVER:
-    case MQTT_RC_SERVER_MOVED:
-    case MQTT_RC_CONNECTION_RATE_EXCEEDED:
-    case MQTT_RC_MAXIMUM_CONNECT_TIME:
-      return kEnded;
-    default:
-      return kRefusesMessage;
-  }
+  // They say nothing about what the broker was sent.
+  constexpr int kOwnReasons[] = {MQTT_RC_SERVER_UNAVAILABLE,       MQTT_RC_SERVER_BUSY,
+                                 MQTT_RC_SERVER_SHUTTING_DOWN,     MQTT_RC_KEEP_ALIVE_TIMEOUT,
+                                 MQTT_RC_ADMINISTRATIVE_ACTION,    MQTT_RC_USE_ANOTHER_SERVER,
+                                 MQTT_RC_CONNECTION_RATE_EXCEEDED, MQTT_RC_SERVER_MOVED,
+                                 MQTT_RC_MAXIMUM_CONNECT_TIME};
+  if (reason == MQTT_RC_SESSION_TAKEN_OVER) return kTakenOver;
+  const bool is_own = std::count(std::begin(kOwnReasons), std::end(kOwnReasons), reason) != 0;
+  return is_own ? kEnded : kRefusesMessage;
 }
 
 Reason DescribeSystemError(int error) {
   switch (error) {
     case ECONNREFUSED:
       return {kRefused, ""};
+    case 0:
     case ECONNRESET:
     case EPIPE:
     case EPROTO:  // TLS without a text
-    case 0:
       return {kLost, ""};
-    case ENETUNREACH:
-    case EHOSTUNREACH:
-    case ENETDOWN:
-    case EHOSTDOWN:
-    case ETIMEDOUT:
-      return {kUnreachable, std::strerror(error)};
     default:
-      return {kSystem, std::strerror(error)};
+      return {kUnreachable, std::strerror(error)};
   }
 }
 
@@ -178,11 +165,12 @@ void Link::SetCallbacks() {
     if (Self(self).disconnected_ == 0) Self(self).disconnected_ = reason;
   });
   mosquitto_message_callback_set(client, [](auto*, void* self, auto* message) {
+    Received taken{message->topic, std::nullopt};
     const auto size = static_cast<std::size_t>(message->payloadlen);
-    const bool is_taken = size <= Self(self).options_.max_payload_size;
-    const auto* const payload = static_cast<const char*>(message->payload);
-    Self(self).received.push_back(
-        {message->topic, is_taken ? std::string(payload, size) : std::string(), size});
+    if (size <= Self(self).options_.max_payload_size) {
+      taken.payload.emplace(static_cast<const char*>(message->payload), size);
+    }
+    Self(self).received.push_back(std::move(taken));
   });
   mosquitto_publish_v5_callback_set(client, [](auto*, void* self, int number, int reason, auto*) {
     Self(self).acknowledged.push_back({number, Refusal(reason)});
@@ -296,7 +284,7 @@ Reason Link::Describe(int error) const {
     case MOSQ_ERR_MALFORMED_PACKET:
       return {kProtocol, ""};
     default:
-      return {kSystem, mosquitto_strerror(error)};
+      return {kOptions, mosquitto_strerror(error)};
   }
 }
 

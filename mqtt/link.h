@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -25,8 +26,7 @@ class Link {
  public:
   struct Received {
     std::string topic;
-    std::string payload;  // empty if it is longer than options.max_payload_size
-    std::size_t size;
+    std::optional<std::string> payload;  // none if it is longer than options.max_payload_size
   };
   struct Acknowledged {
     int number;

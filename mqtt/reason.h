@@ -35,8 +35,7 @@ inline constexpr char kLost[] = "the connection was closed by the other side";
 inline constexpr char kSilent[] = "the broker is silent for longer than keep_alive";
 inline constexpr char kProtocol[] = "the broker breaks the protocol";
 
-inline constexpr char kOptions[] = "the options cannot be used";
-inline constexpr char kSystem[] = "error of the system";
+inline constexpr char kOptions[] = "it cannot be tried with these options";
 inline constexpr char kClosed[] = "closed";
 
 }  // namespace zorvix::mqtt

@@ -187,7 +187,7 @@ TEST_F(Mqtt, WarnsOnceForEachCauseAndTriesAgain) {
            return zorvix::mqtt::Credentials{"user", "wrong secret"};
          };
        }},
-      {"options cannot be used: the username", with("good"),
+      {"with these options: the username", with("good"),
        [](Options& options, const Broker&) {
          options.credentials = [] {
            AddLine("attempt");

@@ -28,31 +28,22 @@ struct Core;
 struct Stream;
 class Inlet;
 
-// The functions that users give. They can be the name of a function that is overloaded or a
-// template.
-template <typename Message>
-class Encoder {
+// A function that users give. It can be the name of a function that is overloaded or a template.
+template <typename Result, typename Argument>
+class Converter {
  public:
   template <typename Function>
-  Encoder(Function function) : function_(std::move(function)) {}
-  Encoder(std::string (*function)(const Message&)) : function_(function) {}
-  std::string operator()(const Message& message) const { return function_(message); }
+  Converter(Function function) : function_(std::move(function)) {}
+  Converter(Result (*function)(const Argument&)) : function_(function) {}
+  Result operator()(const Argument& argument) const { return function_(argument); }
 
  private:
-  std::function<std::string(const Message&)> function_;
+  std::function<Result(const Argument&)> function_;
 };
-
 template <typename Message>
-class Decoder {
- public:
-  template <typename Function>
-  Decoder(Function function) : function_(std::move(function)) {}
-  Decoder(Message (*function)(const std::string&)) : function_(function) {}
-  Message operator()(const std::string& text) const { return function_(text); }
-
- private:
-  std::function<Message(const std::string&)> function_;
-};
+using Encoder = Converter<std::string, Message>;
+template <typename Message>
+using Decoder = Converter<Message, std::string>;
 
 // Keeps a function's parameter out of the deduction of the message's type.
 template <typename Type>
