@@ -2,11 +2,13 @@
 
 #include <netdb.h>
 #include <poll.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <array>
 #include <condition_variable>
 #include <cstdio>
+#include <ctime>
 #include <exception>
 #include <set>
 #include <stdexcept>
@@ -56,6 +58,25 @@ StreamPointer MakeStatusStream(const Options& options) {
   return stream;
 }
 
+// While code of users runs on the connection's thread. Otherwise SIGPIPE is blocked, since a broker
+// that goes away must not end the process.
+class UserSignals {
+ public:
+  explicit UserSignals(const sigset_t& mask_of_users) {
+    sigset_t broken_pipe;
+    sigemptyset(&broken_pipe);
+    sigaddset(&broken_pipe, SIGPIPE);
+    constexpr timespec kNoTime{0, 0};
+    sigtimedwait(&broken_pipe, nullptr, &kNoTime);  // the one of a broker, if there is one
+    pthread_sigmask(SIG_SETMASK, &mask_of_users, &mask_);
+  }
+  ~UserSignals() { pthread_sigmask(SIG_SETMASK, &mask_, nullptr); }
+  UserSignals(const UserSignals&) = delete;
+
+ private:
+  sigset_t mask_;
+};
+
 }  // namespace
 
 Worker::Worker(Options options, std::shared_ptr<detail::Core> core)
@@ -74,6 +95,10 @@ Worker::Worker(Options options, std::shared_ptr<detail::Core> core)
 }
 
 void Worker::Run() {
+  sigset_t broken_pipe;
+  sigemptyset(&broken_pipe);
+  sigaddset(&broken_pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &broken_pipe, &user_signals_);
   while (!HasEnded()) {
     const auto failure = Attempt();
     if (HasEnded()) break;
@@ -120,6 +145,7 @@ Failure Worker::Attempt() {
 Failure Worker::AskCredentials() try {
   credentials_ = {options_.username, options_.password};
   if (!options_.credentials) return std::nullopt;
+  const UserSignals user_signals(user_signals_);
   credentials_ = options_.credentials();
   const auto problem = CheckCredentials(credentials_);
   return problem ? Failure({kOptions, *problem}) : std::nullopt;
@@ -207,6 +233,7 @@ void Worker::SetStatus(bool connected, const std::string& reason) {
   status_.connected = connected;
   status_.reason = reason;
   status_.counters = core_->Count();
+  const UserSignals user_signals(user_signals_);
   status_holder_.Set(status_);
 }
 
@@ -314,6 +341,8 @@ void Worker::RemoveImport(const InletPointer& inlet) {
 
 // The subscribers of imports are invoked here, under no lock. They may destroy the connection.
 void Worker::Deliver() {
+  if (received_.empty()) return;
+  const UserSignals user_signals(user_signals_);
   while (!received_.empty() && core_->stop_time.load() > Clock::now()) {
     auto message = std::move(received_.front());
     received_.pop_front();

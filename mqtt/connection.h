@@ -2,6 +2,7 @@
 #ifndef ZORVIX_MQTT_CONNECTION_H_
 #define ZORVIX_MQTT_CONNECTION_H_
 
+#include <signal.h>
 #include <zorvix/inbox.h>
 #include <zorvix/mqtt.h>
 
@@ -124,6 +125,7 @@ class Worker {
   const std::string broker_;  // host:port
   const std::string client_id_;
   const std::shared_ptr<detail::Core> core_;
+  sigset_t user_signals_{};  // the mask of the thread while code of users runs
   Status status_;
   Holder<Status> status_holder_;
   Credentials credentials_;

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <iterator>
 #include <optional>
 #include <stdexcept>
@@ -29,28 +28,7 @@ const char* Refusal(int reason) {
 
 Link& Self(void* self) { return *static_cast<Link*>(self); }
 
-// A broker that goes away must not end the process. The client library would ignore the signal in
-// the whole process; instead it is blocked on this thread while the library may write.
-class NoBrokenPipe {
- public:
-  NoBrokenPipe() {
-    sigemptyset(&signal_);
-    sigaddset(&signal_, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &signal_, &mask_);
-  }
-  ~NoBrokenPipe() {
-    if (sigismember(&mask_, SIGPIPE) != 0) return;
-    constexpr timespec kNoTime{0, 0};
-    sigtimedwait(&signal_, nullptr, &kNoTime);
-    pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
-  }
-  NoBrokenPipe(const NoBrokenPipe&) = delete;
-
- private:
-  sigset_t signal_;
-  sigset_t mask_;
-};
-
+// Keeps the client library from ignoring SIGPIPE in the whole process.
 mosquitto* NewClient(const std::string& client_id, Link* link) {
   struct sigaction before {};
   sigaction(SIGPIPE, nullptr, &before);
@@ -89,11 +67,6 @@ Reason DescribeSystemError(int error) {
 
 Link::Link(const Options& options, const std::string& client_id)
     : options_(options), client_id_(client_id), client_(nullptr, mosquitto_destroy) {}
-
-Link::~Link() {
-  const NoBrokenPipe no_broken_pipe;
-  client_.reset();
-}
 
 Failure Link::Prepare(const Credentials& credentials) {
   auto* const client = NewClient(client_id_, this);
@@ -193,7 +166,6 @@ void Link::SetCallbacks() {
 }
 
 Failure Link::Open(const std::string& address, int port, const Credentials& credentials) {
-  const NoBrokenPipe no_broken_pipe;
   try {
     tls_ = MakeTlsContext(options_);
   } catch (const std::invalid_argument& error) {
@@ -223,8 +195,6 @@ Failure Link::Reached() {
 }
 
 Failure Link::Read() {
-  std::optional<NoBrokenPipe> no_broken_pipe;
-  if (tls_) no_broken_pipe.emplace();
   errno = 0;
   const int error = mosquitto_loop_read(client_.get(), 1);
   auto failure = Check(error);
@@ -234,14 +204,11 @@ Failure Link::Read() {
 }
 
 Failure Link::Write() {
-  const NoBrokenPipe no_broken_pipe;
   errno = 0;
   return Check(mosquitto_loop_write(client_.get(), 1));
 }
 
 Failure Link::KeepAlive() {
-  std::optional<NoBrokenPipe> no_broken_pipe;
-  if (tls_) no_broken_pipe.emplace();
   errno = 0;
   return Check(mosquitto_loop_misc(client_.get()));
 }

@@ -20,8 +20,8 @@ namespace zorvix::mqtt {
 // In place of a message's number: Link::Publish has failed, and so will the link.
 constexpr int kNoNumber = -1;
 
-// All functions must be called on one thread. Once one of them has returned a Failure, only the
-// destructor may be called.
+// All functions must be called on one thread, on which SIGPIPE is blocked. Once one of them has
+// returned a Failure, only the destructor may be called.
 class Link {
  public:
   struct Received {
@@ -44,7 +44,6 @@ class Link {
   // Continues the session of an earlier link of this client_id, if the broker still has it. The
   // options must outlive the link.
   Link(const Options& options, const std::string& client_id);
-  ~Link();
   Link(const Link&) = delete;
 
   // Begins to connect to a numeric address. It is reached when the socket is writable.
