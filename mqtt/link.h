@@ -49,7 +49,8 @@ class Link {
   // Begins to connect to a numeric address. It is reached when the socket is writable.
   Failure Open(const std::string& address, int port, const Credentials& credentials);
   Failure Reached();
-  // When the socket is readable. What has been received is acknowledged by the next Write.
+  // When the socket is readable. What has been received is acknowledged by the next function that
+  // sends anything.
   Failure Read();
   // When the socket is writable.
   Failure Write();
@@ -85,6 +86,7 @@ class Link {
   const std::string client_id_;
   std::unique_ptr<mosquitto, void (*)(mosquitto*)> client_;
   TlsContext tls_{nullptr, SSL_CTX_free};
+  bool may_receive_;      // has a session, or subscriptions
   bool has_tls_ = false;  // the handshake is complete
   bool connected_ = false;
   bool retains_ = true;
