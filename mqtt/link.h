@@ -3,71 +3,70 @@
 #define ZORVIX_MQTT_LINK_H_
 
 #include <mosquitto.h>
-#include <openssl/ssl.h>
 #include <zorvix/mqtt.h>
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
-namespace zorvix {
-namespace mqtt {
+#include "reason.h"
+#include "tls.h"
 
-using TlsContext = std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)>;
+namespace zorvix::mqtt {
 
-// Returns an empty one without ca_file. It trusts the authorities of that file only and checks that
-// the certificate names options.host, which must outlive it.
-// Throws std::invalid_argument for files that cannot be read.
-TlsContext MakeTlsContext(const Options& options);
+// In place of a message's number: Link::Publish has failed, and so will the link.
+constexpr int kNoNumber = -1;
 
-bool IsLocalHost(const std::string& host);
-
-// All functions must be called on one thread. Those that return a text return an empty one on
-// success and else why the link is down; it must not be used any further then.
+// All functions must be called on one thread, on which SIGPIPE is blocked. Once one of them has
+// returned a Failure, only the destructor may be called.
 class Link {
  public:
   struct Received {
     std::string topic;
-    std::string payload;  // empty if it is longer than options.payload_limit
-    std::size_t size;
+    std::optional<std::string> payload;  // none if it is longer than options.max_payload_size
   };
   struct Acknowledged {
     int number;
     const char* refusal;  // or nullptr
   };
-
   struct Subscribed {
     std::string topic;
     const char* refusal;  // or nullptr
   };
+  struct Published {
+    int number;           // of the message, for its acknowledgement
+    const char* refusal;  // why it can never be sent, or nullptr
+  };
 
-  // Continues the session of an earlier link of this client_id, if the broker still has it.
+  // Continues the session of an earlier link of this client_id, if the broker still has it. The
+  // options must outlive the link.
   Link(const Options& options, const std::string& client_id);
   Link(const Link&) = delete;
 
   // Begins to connect to a numeric address. It is reached when the socket is writable.
-  std::string Open(const std::string& address, int port);
-  std::string Reached();
-  // When the socket is readable.
-  std::string Read();
-  // When the socket is writable, and wants_write().
-  std::string Write();
+  Failure Open(const std::string& address, int port, const Credentials& credentials);
+  Failure Reached();
+  // When the socket is readable. What has been received is acknowledged by the next function that
+  // sends anything.
+  Failure Read();
+  // When the socket is writable.
+  Failure Write();
   // At least once a second.
-  std::string KeepAlive();
+  Failure KeepAlive();
+  // When there is nothing to read any more.
+  Reason Lost() { return *Check(MOSQ_ERR_CONN_LOST); }
 
   int socket() const { return mosquitto_socket(client_.get()); }
   bool wants_write() const { return mosquitto_want_write(client_.get()); }
   bool connected() const { return connected_; }
 
-  // Returns nullptr, or why the message can never be sent. Sets the number of the message for
-  // which there is an acknowledgement later, 0 where there will be none.
-  const char* Publish(const std::string& topic, const std::string& text, bool retained,
-                      int& number);
+  Published Publish(const std::string& topic, const std::string& text, bool retained);
   void Subscribe(const std::string& topic, bool retained);
   void Unsubscribe(const std::string& topic);
-  // Says goodbye and ends the session.
+  // An orderly end, which Write sends. With a status_topic the broker publishes the last will.
   void Disconnect();
 
   // What Read has found, to be taken by the owner.
@@ -76,21 +75,28 @@ class Link {
   std::vector<Subscribed> subscribed;
 
  private:
-  std::string Why(int error) const;
+  Failure Prepare(const Credentials& credentials);
+  Failure SetConnectProperties();
   void SetCallbacks();
-  void OnTlsError(const char* text);
+  Failure Check(int error);
+  Reason Describe(int error) const;
+  Reason Guess(Reason reason) const;
 
   const Options& options_;
+  const std::string client_id_;
   std::unique_ptr<mosquitto, void (*)(mosquitto*)> client_;
+  TlsContext tls_{nullptr, SSL_CTX_free};
+  bool may_receive_;      // has a session, or subscriptions
+  bool has_tls_ = false;  // the handshake is complete
   bool connected_ = false;
   bool retains_ = true;
   int refusal_ = 0;       // reason code of a CONNACK
   int disconnected_ = 0;  // reason code of a DISCONNECT
-  std::string tls_error_;
+  int failed_ = 0;        // error of Publish
+  Failure tls_error_;
   std::unordered_map<int, std::string> subscribing_;  // topics by the number of the request
 };
 
-}  // namespace mqtt
-}  // namespace zorvix
+}  // namespace zorvix::mqtt
 
 #endif  // ZORVIX_MQTT_LINK_H_

@@ -1,17 +1,22 @@
 #include "broker.h"
 
 #include <arpa/inet.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <string_view>
+#include <vector>
 
 namespace {
 
@@ -19,17 +24,42 @@ void Expect(bool success, const std::string& what) {
   if (!success) throw std::runtime_error(what);
 }
 
-int FreePort() {
+// Returns a socket on a free port of this machine.
+int BindSocket() {
   const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  Expect(bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0,
+         "no free port");
+  return descriptor;
+}
+
+int PortOf(int descriptor) {
+  sockaddr_in address{};
   socklen_t size = sizeof address;
-  auto* const any = reinterpret_cast<sockaddr*>(&address);
-  const bool found = bind(descriptor, any, size) == 0 && getsockname(descriptor, any, &size) == 0;
-  close(descriptor);
-  Expect(found, "no free port");
+  getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size);
   return ntohs(address.sin_port);
+}
+
+int FreePort() {
+  const int descriptor = BindSocket();
+  const int port = PortOf(descriptor);
+  close(descriptor);
+  return port;
+}
+
+int ConnectTo(int port) {
+  const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  if (connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+    return descriptor;
+  }
+  close(descriptor);
+  return -1;
 }
 
 }  // namespace
@@ -71,7 +101,11 @@ void Broker::Start() {
   output_.reset(lines);
 }
 
+void Broker::Freeze() { kill(process_, SIGSTOP); }
+void Broker::Thaw() { kill(process_, SIGCONT); }
+
 void Broker::Stop() {
+  Thaw();
   kill(process_, SIGTERM);
   waitpid(process_, nullptr, 0);
   process_ = 0;
@@ -88,7 +122,86 @@ void MakeCredentials(const std::string& folder) {
     authority ca; authority other-ca
     certificate good localhost 2; certificate expired localhost -1
     certificate other-host elsewhere.example 2; certificate client client 2
+    openssl req $key -subj /CN=localhost -keyout common-name.key -out common-name.csr
+    openssl x509 -req -in common-name.csr -CA ca.pem -CAkey ca.key -days 2 -out common-name.pem
     mosquitto_passwd -b -c passwords user secret)";
   Expect(std::system(("(" + script + ") >/dev/null 2>&1").c_str()) == 0,
          "openssl or mosquitto_passwd fails");
+}
+
+Proxy::Proxy(int broker_port) : broker_port_(broker_port), listener_(BindSocket()) {
+  listen(listener_, 10);
+  port_ = PortOf(listener_);
+  thread_ = std::thread([this] { Run(); });
+}
+
+Proxy::~Proxy() {
+  stops_ = true;
+  thread_.join();
+  for (const auto& [descriptor, peer] : peers_) close(descriptor);
+  close(listener_);
+}
+
+void Proxy::CutAt(const std::string& text) {
+  const std::lock_guard lock(mutex_);
+  cut_at_ = text;
+}
+
+void Proxy::Run() {
+  int cuts = 0;
+  while (!stops_) {
+    std::vector<pollfd> wanted{{listener_, POLLIN, 0}};
+    for (const auto& [descriptor, peer] : peers_) wanted.push_back({descriptor, POLLIN, 0});
+    poll(wanted.data(), wanted.size(), /*milliseconds=*/10);
+    const bool is_cut = cuts != cuts_;
+    cuts = cuts_;
+    for (std::size_t i = 1; i < wanted.size(); ++i) {
+      const int descriptor = wanted[i].fd;
+      const auto found = peers_.find(descriptor);
+      if (found == peers_.end()) continue;  // its peer has ended
+      const int peer = found->second;
+      const bool is_ready = wanted[i].revents != 0;
+      if (!is_cut && (!is_ready || Pass(descriptor, peer, is_client_[descriptor]))) continue;
+      --connections_;
+      for (const int end : {descriptor, peer}) {
+        peers_.erase(end);
+        close(end);
+      }
+    }
+    if (wanted[0].revents != 0) Accept();
+  }
+}
+
+void Proxy::Accept() {
+  const int client = accept(listener_, nullptr, nullptr);
+  const int broker = broker_port_ == 0 ? socket(AF_INET, SOCK_STREAM, 0) : ConnectTo(broker_port_);
+  if (broker < 0) {
+    close(client);
+    return;
+  }
+  ++connections_;
+  peers_[client] = broker;
+  is_client_[client] = true;
+  if (broker_port_ == 0) return;
+  peers_[broker] = client;
+  is_client_[broker] = false;
+}
+
+bool Proxy::Pass(int from, int to, bool is_client) {
+  std::array<char, 65'536> buffer;
+  const auto size = read(from, buffer.data(), buffer.size());
+  if (size <= 0) return false;
+  if (is_client) {
+    const std::lock_guard lock(mutex_);
+    const std::string_view text(buffer.data(), static_cast<std::size_t>(size));
+    if (!cut_at_.empty() && text.find(cut_at_) != text.npos) return false;
+  }
+  if (broker_port_ == 0) return true;
+  for (ssize_t sent = 0; sent < size;) {
+    const auto count =
+        send(to, buffer.data() + sent, static_cast<std::size_t>(size - sent), MSG_NOSIGNAL);
+    if (count <= 0) return false;
+    sent += count;
+  }
+  return true;
 }

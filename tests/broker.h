@@ -1,10 +1,14 @@
-// A Mosquitto broker on a free loopback port, with a folder for its files.
+// A Mosquitto broker on a free loopback port, with a folder for its files, and a proxy before it.
 #ifndef ZORVIX_TESTS_BROKER_H_
 #define ZORVIX_TESTS_BROKER_H_
 
+#include <atomic>
 #include <cstdio>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 
 class Broker {
  public:
@@ -17,6 +21,9 @@ class Broker {
   void Start();
   // Returns when it has ended and has written what it keeps.
   void Stop();
+  // Lets it answer nothing, or go on.
+  void Freeze();
+  void Thaw();
 
   int port() const { return port_; }
   const std::string& folder() const { return folder_; }
@@ -28,9 +35,45 @@ class Broker {
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> output_{nullptr, std::fclose};  // it ends without
 };
 
-// Makes in a folder: ca.pem, an authority; other-ca.pem, another; good, expired and other-host
-// (.pem and .key), certificates for localhost, for localhost but too old, and for another host;
-// client; and passwords, where that of "user" is "secret".
+// Makes in a folder: ca.pem, an authority; other-ca.pem, another; good, expired, other-host and
+// common-name (.pem and .key), certificates for localhost, for localhost but too old, for another
+// host, and for localhost but without alternative names; client; and passwords, where that of
+// "user" is "secret".
 void MakeCredentials(const std::string& folder);
+
+// Passes what clients and a broker send to each other.
+class Proxy {
+ public:
+  // Without a broker, nobody answers.
+  explicit Proxy(int broker_port = 0);
+  ~Proxy();
+  Proxy(const Proxy&) = delete;
+
+  int port() const { return port_; }
+  // Ends all connections.
+  void Cut() { ++cuts_; }
+  // Of clients.
+  int connections() const { return connections_; }
+  // Ends each connection on which a client sends this text. An empty text: none.
+  void CutAt(const std::string& text);
+
+ private:
+  void Run();
+  void Accept();
+  // Returns false if the connection has ended.
+  bool Pass(int from, int to, bool is_client);
+
+  const int broker_port_;
+  int listener_ = 0;
+  int port_ = 0;
+  std::map<int, int> peers_;  // both ways
+  std::map<int, bool> is_client_;
+  std::atomic<int> cuts_{0};
+  std::atomic<int> connections_{0};
+  std::atomic<bool> stops_{false};
+  std::mutex mutex_;
+  std::string cut_at_;
+  std::thread thread_;
+};
 
 #endif  // ZORVIX_TESTS_BROKER_H_

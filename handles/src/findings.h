@@ -17,7 +17,9 @@ namespace zorvix::detail {
 // what they point to may not exist any more.
 struct Row {
   HandleInfo info;
-  Name name = nullptr;  // its address is the same for all handles that can match
+  const Record* record = nullptr;
+  const Record* adopter = nullptr;  // the record of the row that shows this one
+  Name name = nullptr;              // its address is the same for all handles that can match
   bridge::BridgeType bridge_type = bridge::BridgeType::Sync;
   const Strand* strand = nullptr;
   bool is_queued = false;  // drained by the bridge's queue, or that queue itself

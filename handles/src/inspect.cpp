@@ -63,6 +63,8 @@ void DescribePlace(detail::Row& row, const detail::Record& record) {
 
 detail::Row Describe(detail::Record& record, detail::Clock::time_point now) {
   detail::Row row;
+  row.record = &record;
+  row.adopter = record.adopter;
   row.info.kind = record.kind;
   row.info.name = record.name;
   row.info.module = record.module;
@@ -139,6 +141,28 @@ void DescribeDrains(std::vector<detail::Row>& rows, detail::Clock::time_point no
   if (is_used) rows.push_back(std::move(queue));
 }
 
+// Lets rows of other libraries show the handles that they have adopted.
+void MergeAdopted(std::vector<detail::Row>& rows) {
+  for (const detail::Row& adopted : rows) {
+    if (adopted.adopter == nullptr) continue;
+    const auto is_adopter = [&](const detail::Row& row) { return row.record == adopted.adopter; };
+    const auto adopter = std::find_if(rows.begin(), rows.end(), is_adopter);
+    if (adopter == rows.end()) continue;
+    const HandleInfo own = std::exchange(adopter->info, adopted.info);
+    HandleInfo& shown = adopter->info;
+    shown.kind = own.kind;
+    shown.name = own.name;
+    shown.module = own.module;
+    shown.pending = own.pending;
+    shown.depth = own.depth;
+    shown.dropped = own.dropped;
+    shown.rejected += own.rejected;
+    shown.findings.insert(shown.findings.end(), own.findings.begin(), own.findings.end());
+  }
+  const auto is_adopted = [](const detail::Row& row) { return row.adopter != nullptr; };
+  rows.erase(std::remove_if(rows.begin(), rows.end(), is_adopted), rows.end());
+}
+
 std::string DepthText(std::size_t depth) {
   return depth == std::numeric_limits<std::size_t>::max() ? "all" : std::to_string(depth);
 }
@@ -182,6 +206,7 @@ std::vector<HandleInfo> Inspect() {
     if (row.info.thread != 0) row.info.thread_name = detail::NameOfThread(row.info.thread);
   }
   detail::FindProblems(rows, now, detail::smallest_slow_limit);
+  MergeAdopted(rows);
   std::stable_sort(rows.begin(), rows.end(), [](const detail::Row& a, const detail::Row& b) {
     return std::tie(a.info.name, a.info.kind, a.info.module) <
            std::tie(b.info.name, b.info.kind, b.info.module);

@@ -23,10 +23,18 @@ Process& Process::Get() {
   return process;
 }
 
+namespace {
+
+// The row of a Listing for the next handle of this thread.
+thread_local const Record* next_adopter = nullptr;
+
+}  // namespace
+
 Listed::Listed(Record& record) {
   Process& process = Process::Get();
   const Lock lock(process.mutex);
   position_ = process.records.insert(process.records.end(), &record);
+  record.adopter = std::exchange(next_adopter, nullptr);
 }
 
 Listed::~Listed() {
@@ -49,7 +57,11 @@ Listing::Listing(const char* kind, const std::string& name, Module& module,
                  std::function<Counts()> count)
     : row_(std::make_unique<Row>(kind, name, module, std::move(count))) {}
 
-Listing::~Listing() = default;
+Listing::~Listing() {
+  if (next_adopter == row_.get()) next_adopter = nullptr;  // the handle could not be constructed
+}
+
+void Listing::AdoptNextHandle() { next_adopter = row_.get(); }
 
 Trace Trace::LookUp() {
   void* library = RTLD_DEFAULT;

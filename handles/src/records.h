@@ -101,6 +101,9 @@ struct Record {
   // What Inspect saw last. Guarded by the mutex of the list.
   std::uint64_t seen_inside = 0;
   Clock::time_point seen_at;
+
+  // The row of another library that shows this record, if any. Guarded by the mutex of the list.
+  const Record* adopter = nullptr;
 };
 
 // What invokes a callable. Others may share it for longer than its handle exists.

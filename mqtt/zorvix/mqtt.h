@@ -9,14 +9,23 @@
 //   zorvix::mqtt::Import commands(connection, kCommands, FromJson);
 //   zorvix::Watcher status(zorvix::mqtt::kStatus, [](const zorvix::mqtt::Status& now) { ... });
 //
+//   Status, Counters, kStatus   whether there is a connection, why not, and how much was carried
+//   Credentials, Will, Options  what a Connection needs to know
+//   Connection                  connects to a broker, for as long as it exists
+//   Export                      sends a topic or state
+//   Import                      receives a topic or state
+//
 // Delivery: at least once (QoS 1), in the order in which a publisher published, apart from
 // repetitions. Publishing never waits for the network: an export keeps the last n messages that the
-// broker has not been given yet, and drops its oldest beyond that, which is counted and logged as
-// for any subscriber with an inbox (under the name zorvix/mqtt/NUMBER/NAME). Nothing else is lost
-// while the process lives and the broker keeps what it has acknowledged. What others publish while
-// a connection is interrupted arrives when it is back, within Options::session_expiry and what the
-// broker is willing to keep. A process that starts again with the same client_id also gets what the
-// broker has kept since; messages that arrive before their Import is constructed are dropped.
+// broker has not been given yet, and drops its oldest beyond that. What has been given to the
+// broker but not acknowledged, 100 messages or 1 MiB at most, is sent again. Nothing else is lost
+// while the process lives and the broker keeps what it has acknowledged.
+//
+// Sessions: with Options::client_id the broker keeps messages for imports, for
+// Options::session_expiry, while the connection is interrupted or the process restarts. A message
+// is acknowledged when its Import has published it. What arrives before its Import is constructed
+// is held for 10 s, 4 MiB at most; it is lost if the process ends meanwhile. Without a client_id
+// the broker keeps nothing for imports, and nothing is left behind.
 //
 // States are retained messages, so a process that connects later has the latest value. On each
 // connect an export sends its state's current value again.
@@ -25,8 +34,9 @@
 // even that of another connection. While a state is imported, exports of it in this process send
 // nothing.
 //
-// Names: the MQTT topic is Options::prefix followed by the name of the topic or state. A name with
-// a wildcard (+ or #), beginning with $, empty, too long or not UTF-8 throws std::invalid_argument.
+// Names: the MQTT topic is Options::topic_prefix followed by the name of the topic or state, or by
+// the mqtt_topic that is passed in place of it. A topic with a wildcard (+ or #), beginning with $,
+// empty, too long or not UTF-8 throws std::invalid_argument.
 //
 // Threads: a connection has one thread of its own. Imports publish on it, so give slow subscribers
 // an inbox. Handles may be constructed and destroyed on any thread, also in a callable. An
@@ -40,11 +50,14 @@
 #ifndef ZORVIX_MQTT_H_
 #define ZORVIX_MQTT_H_
 
-#include <zorvix/mqtt_detail.h>
+#include <zorvix/detail/mqtt.h>
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -52,84 +65,125 @@
 namespace zorvix {
 namespace mqtt {
 
+// Since the connection was constructed. Bytes are those of payloads.
+struct Counters {
+  std::uint64_t connections = 0;   // that the broker has accepted
+  std::uint64_t sent = 0;          // messages, also those that were sent again
+  std::uint64_t sent_again = 0;    // unacknowledged messages and values of states, on a new connect
+  std::uint64_t acknowledged = 0;  // by the broker
+  std::uint64_t received = 0;
+  std::uint64_t bytes_sent = 0;
+  std::uint64_t bytes_received = 0;
+};
+
 struct Status {
   bool connected = false;
-  std::string broker;   // host:port
-  std::string why_not;  // the reason while it is not connected, or empty
+  std::string broker;  // host:port
+  std::string reason;  // why it is not connected, or empty
+  Counters counters;   // when `connected` or `reason` changed; Connection::counters has later ones
 };
 const State<Status> kStatus{"zorvix/mqtt/status"};
 
+struct Credentials {
+  std::string username;
+  std::string password;
+};
+
+// A message that the broker publishes when it loses the connection.
+struct Will {
+  std::string topic;  // after Options::topic_prefix
+  std::string text;
+  bool retained = false;
+};
+
+// Texts must be UTF-8 without control characters, those that are sent at most 65,535 bytes long.
 struct Options {
   std::string host = "localhost";
   int port = 0;           // 0: 8883 with ca_file, 1883 without
-  std::string client_id;  // empty: a random one
+  std::string client_id;  // empty: a random one, without a session
   std::string username;
-  std::string password;
+  std::string password;  // any bytes but zero
+  // Called for each attempt to connect, on the connection's thread, for tokens that expire. In
+  // place of username and password.
+  std::function<Credentials()> credentials;
   // The authorities that are trusted. With this file only TLS 1.2 or later is spoken; the broker's
-  // certificate must come from one of them and name `host`. Without it nothing is encrypted.
+  // certificate must come from one of them and name `host` in its alternative names. Without it
+  // nothing is encrypted. With libmosquitto before 2.0.16, which a hostile packet can crash, it is
+  // required, unless the host is this machine.
   std::string ca_file;
   std::string certificate_file;  // of this client, where the broker asks for one; needs ca_file
   std::string key_file;          // not encrypted
   // User name and password are refused without ca_file, unless the host is this machine or this is
   // true: then everybody between here and the broker can read them.
-  bool send_password_unencrypted = false;
-  std::string prefix;  // of all MQTT topics, such as "factory/"
-  std::size_t payload_limit =
-      std::size_t{256} * 1024;  // longer payloads are rejected before they are read
-  // How long the destructor may take to send what is pending; negative: without limit.
-  std::chrono::milliseconds close_limit{1'000};
-  // Between attempts to connect. Pauses begin with 100 ms and double up to it.
-  std::chrono::milliseconds longest_pause{30'000};
-  std::chrono::seconds keep_alive{30};  // a broker that is silent for longer is away; 5 or more
-  // How long the broker keeps messages for imports while the connection is interrupted.
+  bool allow_plaintext_password = false;
+  std::string topic_prefix;  // of all MQTT topics, such as "factory/"
+  // The broker is told not to send packets longer than this and 65 KiB; longer payloads than this
+  // are rejected.
+  std::size_t max_payload_size = std::size_t{256} * 1024;
+  std::optional<Will> last_will;  // an orderly end does not publish it
+  // A retained message, after topic_prefix, which is "online" while there is a connection and
+  // becomes "offline" however it ends. In place of last_will.
+  std::string status_topic;
+  // How long the destructor may take to send what is pending.
+  std::chrono::milliseconds close_timeout{1'000};
+  // Between attempts to connect. Delays begin with 100 ms and double up to this one, until the
+  // reason changes or a connection has lasted a minute.
+  std::chrono::milliseconds max_reconnect_delay{30'000};
+  std::chrono::seconds keep_alive{30};  // a broker that is silent for longer is away; 10 or more
+  // How long the broker keeps messages for the imports of client_id.
   std::chrono::seconds session_expiry{3'600};
   // Where the status is. A second connection of a process needs a state of its own.
   State<Status> status = kStatus;
 };
 
 // Keeps up a connection to a broker on a thread of its own. While the broker is away it tries
-// again, with growing pauses; each new reason is logged with one WARN and set in Options::status.
+// again, with growing delays. A new reason is logged with one WARN and set in Options::status.
 class ZORVIX_EXPORT Connection {
  public:
-  // Does not wait for the broker. Throws std::invalid_argument for options that contradict each
-  // other, and for certificates and keys that cannot be read.
+  // Does not wait for the broker. Throws std::invalid_argument for options that are out of range or
+  // contradict each other, and for certificates and keys that cannot be read.
   explicit Connection(const Options& options);
-  // Sends what is pending, for Options::close_limit at most, and logs how many messages were not
+  // Sends what is pending, for Options::close_timeout at most, and logs how many messages were not
   // sent. In a callable that runs on the connection's own thread it sends nothing more, and the
   // process exits only when that callable has returned.
   ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
+  // Any thread may call it.
+  Counters counters() const;
+
  private:
   friend class detail::Sender;
   friend class detail::Receiver;
   const std::shared_ptr<detail::Core> core_;
-  std::chrono::milliseconds close_limit_;
+  std::chrono::milliseconds close_timeout_;
   std::thread thread_;
 };
 
 // Sends the messages of a topic, or the values of a state, to the broker.
 class Export {
  public:
-  // Sends write(const Message&), a std::string, for each message that is published. It is called on
-  // the publisher's thread, so several threads may call it at the same time. A message for which it
-  // throws a std::exception is not sent; that is counted and logged without its text.
+  // Sends encode(const Message&), a std::string, for each message that is published. It is called
+  // on the publisher's thread, so several threads may call it at the same time. A message for which
+  // it throws a std::exception is not sent; that is counted and logged without its text. A message
+  // at which the broker has ended three connections is not sent again.
   template <typename Message>
   [[nodiscard]] Export(Connection& connection, const Topic<Message>& topic,
-                       typename detail::Given<detail::Writer<Message>>::Function write,
-                       KeepLast keep = {})
+                       typename detail::Given<detail::Encoder<Message>>::Function encode,
+                       KeepLast keep = {}, const std::string& mqtt_topic = {})
       : exporting_(std::make_shared<detail::Exporting<Subscriber<Message>>>(
-            connection, topic, detail::Kind::kTopic, std::move(write), keep)) {}
+            connection, topic, mqtt_topic, detail::Kind::kTopic, std::move(encode), keep)) {}
 
-  // Sends the current value, if there is one, and each later one, as a retained message. While the
-  // broker is away only the latest is kept. An empty text clears the retained message. The broker
-  // keeps the value when the export is destroyed.
+  // Sends the current value, if there is one, and each later one, as a retained message. Values in
+  // between may be skipped, the last one never. An empty text clears the retained message. The
+  // broker keeps the value when the export is destroyed.
   template <typename Value>
   [[nodiscard]] Export(Connection& connection, const State<Value>& state,
-                       typename detail::Given<detail::Writer<Value>>::Function write)
+                       typename detail::Given<detail::Encoder<Value>>::Function encode,
+                       const std::string& mqtt_topic = {})
       : exporting_(std::make_shared<detail::Exporting<Watcher<Value>>>(
-            connection, state, detail::Kind::kState, std::move(write), KeepLast{1})) {}
+            connection, state, mqtt_topic, detail::Kind::kState, std::move(encode), KeepLast{1})) {}
   Export(Export&&) noexcept = default;
   Export& operator=(Export&&) noexcept = default;
 
@@ -137,25 +191,27 @@ class Export {
   std::shared_ptr<void> exporting_;
 };
 
-// Receives a topic, or a state, from the broker. A payload for which `read` throws a
-// std::exception, or that is longer than Options::payload_limit, reaches nobody. It is counted, and
-// logged with the topic but without its text, at most once a second for each import.
+// Receives a topic, or a state, from the broker. A payload for which `decode` throws a
+// std::exception, or that is longer than Options::max_payload_size, reaches nobody. It is counted,
+// and logged with the name but without its text, at most once a second for each import.
 class Import {
  public:
-  // Publishes read(const std::string&), a Message, for each message. Retained ones are not events:
-  // what the broker retains from before is not received.
+  // Publishes decode(const std::string&), a Message, for each message. Retained ones are not
+  // events: what the broker retains from before is not received.
   template <typename Message>
   [[nodiscard]] Import(Connection& connection, const Topic<Message>& topic,
-                       typename detail::Given<detail::Reader<Message>>::Function read)
-      : importing_(detail::ImportTopic(connection, topic, std::move(read))) {}
+                       typename detail::Given<detail::Decoder<Message>>::Function decode,
+                       const std::string& mqtt_topic = {})
+      : importing_(detail::ImportTopic(connection, topic, mqtt_topic, std::move(decode))) {}
 
   // Holds the state, so this process must have no other holder of it. Keeps the last value while
   // the broker is away. Where the retained message is cleared (an empty payload), the state has no
   // value until another arrives: later watchers get none, earlier ones keep what they have.
   template <typename Value>
   [[nodiscard]] Import(Connection& connection, const State<Value>& state,
-                       typename detail::Given<detail::Reader<Value>>::Function read)
-      : importing_(detail::ImportState(connection, state, std::move(read))) {}
+                       typename detail::Given<detail::Decoder<Value>>::Function decode,
+                       const std::string& mqtt_topic = {})
+      : importing_(detail::ImportState(connection, state, mqtt_topic, std::move(decode))) {}
   Import(Import&&) noexcept = default;
   Import& operator=(Import&&) noexcept = default;
 

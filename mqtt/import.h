@@ -1,0 +1,60 @@
+// The imports of a connection.
+#ifndef ZORVIX_MQTT_IMPORT_H_
+#define ZORVIX_MQTT_IMPORT_H_
+
+#include <zorvix/mqtt.h>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "rejected.h"
+
+namespace zorvix::mqtt {
+
+// Whether an import is publishing the message at this address on this thread.
+bool IsImportedMessage(const void* message);
+// Whether an import of this process holds the state.
+bool IsImportedState(const std::string& name);
+
+namespace detail {
+
+// An import. Its handler is invoked by the connection's thread until the import closes it.
+class Inlet {
+ public:
+  Inlet(const std::string& its_name, std::string its_topic, Kind its_kind)
+      : name(its_name),
+        topic(std::move(its_topic)),
+        kind(its_kind),
+        rejected(std::make_shared<Rejected>("import", its_name)) {}
+
+  // Before the connection knows the import.
+  void SetHandler(Receiver::Handler handler) { handler_ = std::move(handler); }
+  // Returns false if the handler throws a std::exception.
+  bool Invoke(const std::string& text);
+  // Afterwards the handler is not invoked. Blocks until another thread has left it.
+  void Close();
+
+  const std::string name;
+  const std::string topic;
+  const Kind kind;
+  const std::shared_ptr<Rejected> rejected;
+
+ private:
+  Receiver::Handler handler_;  // used by the thread that is inside, else destroyed by Close
+  std::mutex mutex_;
+  std::condition_variable left_;
+  std::thread::id inside_ ZORVIX_GUARDED_BY(mutex_);  // the thread that is invoking the handler
+  bool is_closed_ ZORVIX_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace detail
+
+using InletPointer = std::shared_ptr<detail::Inlet>;
+
+}  // namespace zorvix::mqtt
+
+#endif  // ZORVIX_MQTT_IMPORT_H_
