@@ -522,6 +522,8 @@ Counters Core::Count() const {
 
 }  // namespace detail
 
+namespace {
+
 // The threads that nobody joins, since their connections were destroyed on them. At exit, the
 // destructor waits until they have ended: they use the bridge, which is destroyed next.
 class DetachedThreads {
@@ -553,6 +555,8 @@ class DetachedThreads {
   std::condition_variable removed_;
   std::set<std::thread::id> threads_;
 };
+
+}  // namespace
 
 Connection::Connection(const Options& options)
     : core_(std::make_shared<detail::Core>()), close_timeout_(options.close_timeout) {

@@ -10,7 +10,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -158,59 +160,68 @@ TEST_F(Mqtt, CarriesMessagesOverEachTransport) {
   }
 }
 
+namespace {
+
+// A broker with TLS, and the certificate of this name.
+std::string WithTls(const std::string& name) {
+  return "password_file passwords\ncafile ca.pem\ncertfile " + name + ".pem\nkeyfile " + name +
+         ".key\n";
+}
+
+void KeepOptions(Options&, const Broker&) {}
+void WithoutTls(Options& options, const Broker&) { options.ca_file.clear(); }
+
+std::function<zorvix::mqtt::Credentials()> At(const std::string& username,
+                                              const std::string& password) {
+  return [=] {
+    AddLine("attempt");
+    return zorvix::mqtt::Credentials{username, password};
+  };
+}
+
+struct Unconnectable {
+  const char* reason;
+  std::string broker;
+  void (*change)(Options& options, const Broker& broker);
+  int connections = 1;
+};
+const Unconnectable kUnconnectable[] = {
+    {"unknown authority", WithTls("good"),
+     [](Options& options, const Broker& broker) {
+       options.ca_file = broker.folder() + "/other-ca.pem";
+     }},
+    {"has expired", WithTls("expired"), KeepOptions},
+    {"another host name", WithTls("other-host"), KeepOptions},
+    {"another host name", WithTls("common-name"), KeepOptions},
+    {"ends the TLS handshake: it may", WithTls("good") + "require_certificate true\n", KeepOptions},
+    {"ends the TLS handshake: it may not speak TLS", "allow_anonymous true\n", KeepOptions},
+    {"refuses the user name or password", WithTls("good"),
+     [](Options& options, const Broker&) { options.credentials = At("user", "wrong secret"); }},
+    {"with these options: the username", WithTls("good"),
+     [](Options& options, const Broker&) { options.credentials = At("\xff", "secret"); }},
+    {"the host is unknown", WithTls("good"),
+     [](Options& options, const Broker&) { options.host = "no such host"; }},
+    {"the host refuses the connection", WithTls("good"),
+     [](Options& options, const Broker&) { options.port = 1; }},
+    {"closed by the other side", WithTls("good"), WithoutTls},
+    {"another client may have this client_id", "allow_anonymous true\n", WithoutTls, 2},
+};
+
+}  // namespace
+
 TEST_F(Mqtt, WarnsOnceForEachCauseAndTriesAgain) {
-  const std::string tls = "password_file passwords\ncafile ca.pem\n";
-  const auto with = [&](const std::string& name) {
-    return tls + "certfile " + name + ".pem\nkeyfile " + name + ".key\n";
-  };
-  struct Row {
-    const char* reason;
-    std::string broker;
-    void (*change)(Options& options, const Broker& broker);
-    int connections = 1;
-  };
-  const auto none = [](Options&, const Broker&) {};
-  const auto no_tls = [](Options& options, const Broker&) { options.ca_file.clear(); };
-  const Row rows[] = {
-      {"unknown authority", with("good"),
-       [](Options& options, const Broker& broker) {
-         options.ca_file = broker.folder() + "/other-ca.pem";
-       }},
-      {"has expired", with("expired"), none},
-      {"another host name", with("other-host"), none},
-      {"another host name", with("common-name"), none},
-      {"ends the TLS handshake: it may", with("good") + "require_certificate true\n", none},
-      {"ends the TLS handshake: it may not speak TLS", "allow_anonymous true\n", none},
-      {"refuses the user name or password", with("good"),
-       [](Options& options, const Broker&) {
-         options.credentials = [] {
-           AddLine("attempt");
-           return zorvix::mqtt::Credentials{"user", "wrong secret"};
-         };
-       }},
-      {"with these options: the username", with("good"),
-       [](Options& options, const Broker&) {
-         options.credentials = [] {
-           AddLine("attempt");
-           return zorvix::mqtt::Credentials{"\xff", "secret"};
-         };
-       }},
-      {"the host is unknown", with("good"),
-       [](Options& options, const Broker&) { options.host = "no such host"; }},
-      {"closed by the other side", with("good"), no_tls},
-      {"another client may have this client_id", "allow_anonymous true\n", no_tls, 2},
-  };
-  for (const auto& row : rows) {
+  const Broker credentials;
+  MakeCredentials(credentials.folder());
+  for (const auto& row : kUnconnectable) {
     SCOPED_TRACE(row.reason);
     Broker broker(row.broker);
-    MakeCredentials(broker.folder());
+    using std::filesystem::copy_options;
+    std::filesystem::copy(credentials.folder(), broker.folder(),
+                          copy_options::recursive | copy_options::skip_existing);
     broker.Start();
     auto options = For(broker, "", "twin");
     options.ca_file = broker.folder() + "/ca.pem";
-    options.credentials = [] {
-      AddLine("attempt");
-      return zorvix::mqtt::Credentials{"user", "secret"};
-    };
+    options.credentials = At("user", "secret");
     row.change(options, broker);
     TakeLog();
     const Watcher status(options.status, [](const Status&) { AddLine("new status"); });
@@ -370,59 +381,64 @@ TEST_F(Mqtt, BadPayloadsReachNobodyAndAreLoggedWithoutTheirText) {
   EXPECT_LT(Count(log, "MQTT import rejects messages, name: x/in"), 5u);
 }
 
+namespace {
+
+struct BadOptions {
+  const char* name;
+  void (*spoil)(Options& options);
+};
+const BadOptions kBadOptions[] = {
+    {"password to another machine",
+     [](Options& options) {
+       options.host = "broker.example";
+       options.username = "user";
+       options.password = "secret";
+     }},
+    {"credentials to another machine",
+     [](Options& options) {
+       options.host = "broker.example";
+       options.credentials = [] { return zorvix::mqtt::Credentials{}; };
+     }},
+    {"no such ca_file", [](Options& options) { options.ca_file = "/nowhere"; }},
+    {"certificate without TLS",
+     [](Options& options) { options.certificate_file = options.key_file = "/nowhere"; }},
+    {"key without certificate", [](Options& options) { options.key_file = "/nowhere"; }},
+    {"password without a name", [](Options& options) { options.password = "secret"; }},
+    {"password with a zero",
+     [](Options& options) {
+       options.username = "user";
+       options.password = std::string("a\0b", 3);
+     }},
+    {"long password",
+     [](Options& options) {
+       options.username = "user";
+       options.password = std::string(70'000, 'x');
+     }},
+    {"username", [](Options& options) { options.username = "\xff"; }},
+    {"no UTF-8 in the client_id", [](Options& options) { options.client_id = "\xff"; }},
+    {"zero in the client_id", [](Options& options) { options.client_id = std::string(1, '\0'); }},
+    {"control character", [](Options& options) { options.client_id = "a\nb"; }},
+    {"long client_id", [](Options& options) { options.client_id = std::string(70'000, 'x'); }},
+    {"port", [](Options& options) { options.port = 65'536; }},
+    {"pause", [](Options& options) { options.max_reconnect_delay = -1ms; }},
+    {"close_timeout", [](Options& options) { options.close_timeout = -1ms; }},
+    {"keep_alive", [](Options& options) { options.keep_alive = 9s; }},
+    {"topic of the last will",
+     [](Options& options) {
+       options.last_will = Will{"a/#", "", true};
+     }},
+    {"two last wills",
+     [](Options& options) {
+       options.last_will = Will{"a", "", true};
+       options.status_topic = "b";
+     }},
+};
+
+}  // namespace
+
 TEST_F(Mqtt, RefusesWhatCannotWork) {
   Broker broker;
-  struct Row {
-    const char* name;
-    void (*spoil)(Options& options);
-  };
-  const Row rows[] = {
-      {"password to another machine",
-       [](Options& options) {
-         options.host = "broker.example";
-         options.username = "user";
-         options.password = "secret";
-       }},
-      {"credentials to another machine",
-       [](Options& options) {
-         options.host = "broker.example";
-         options.credentials = [] { return zorvix::mqtt::Credentials{}; };
-       }},
-      {"no such ca_file", [](Options& options) { options.ca_file = "/nowhere"; }},
-      {"certificate without TLS",
-       [](Options& options) { options.certificate_file = options.key_file = "/nowhere"; }},
-      {"key without certificate", [](Options& options) { options.key_file = "/nowhere"; }},
-      {"password without a name", [](Options& options) { options.password = "secret"; }},
-      {"password with a zero",
-       [](Options& options) {
-         options.username = "user";
-         options.password = std::string("a\0b", 3);
-       }},
-      {"long password",
-       [](Options& options) {
-         options.username = "user";
-         options.password = std::string(70'000, 'x');
-       }},
-      {"username", [](Options& options) { options.username = "\xff"; }},
-      {"no UTF-8 in the client_id", [](Options& options) { options.client_id = "\xff"; }},
-      {"zero in the client_id", [](Options& options) { options.client_id = std::string(1, '\0'); }},
-      {"control character", [](Options& options) { options.client_id = "a\nb"; }},
-      {"long client_id", [](Options& options) { options.client_id = std::string(70'000, 'x'); }},
-      {"port", [](Options& options) { options.port = 65'536; }},
-      {"pause", [](Options& options) { options.max_reconnect_delay = -1ms; }},
-      {"close_timeout", [](Options& options) { options.close_timeout = -1ms; }},
-      {"keep_alive", [](Options& options) { options.keep_alive = 9s; }},
-      {"topic of the last will",
-       [](Options& options) {
-         options.last_will = Will{"a/#", "", true};
-       }},
-      {"two last wills",
-       [](Options& options) {
-         options.last_will = Will{"a", "", true};
-         options.status_topic = "b";
-       }},
-  };
-  for (const auto& row : rows) {
+  for (const auto& row : kBadOptions) {
     SCOPED_TRACE(row.name);
     auto options = For(broker, "");
     row.spoil(options);
