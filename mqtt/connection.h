@@ -59,7 +59,7 @@ struct Core {
   std::atomic<std::uint64_t> bytes_received{0};
   Outbox outbox{[this] { Post([](Worker&) {}); }};
   Worker* worker = nullptr;
-  std::unique_ptr<Inbox> tasks = std::make_unique<Inbox>();
+  std::unique_ptr<Inbox> tasks = std::make_unique<Inbox>("mqtt");
   std::atomic<Clock::time_point> stop_time{Clock::time_point::max()};
 
  private:

@@ -538,7 +538,7 @@ TEST_F(Mqtt, HandlesMayBeDestroyedAtAnyMoment) {
       EXPECT_TRUE(alive);
       return text;
     });
-    std::optional<Import> in(std::in_place, *far, kFar, [&](const std::string& text) {
+    auto in = std::make_unique<Import>(*far, kFar, [&](const std::string& text) {
       EXPECT_TRUE(alive);
       return text;
     });
@@ -560,7 +560,7 @@ TEST_F(Mqtt, ASubscriberMayDestroyTheConnectionItIsServedBy) {
   Connection near(For(broker, "x/"));
   const Export out(near, kNear, Text);
   std::optional<Connection> far(For(broker, ""));
-  std::optional<Import> in(std::in_place, *far, kFar, Text);
+  auto in = std::make_unique<Import>(*far, kFar, Text);
   const Subscriber see(kFar, [&](auto&) {
     in.reset();
     far.reset();
@@ -585,9 +585,9 @@ TEST_F(Mqtt, InspectHasARowForAnExportAndOneForAnImport) {
   Lines rows;
   for (const auto& handle : zorvix::Inspect()) rows.push_back(handle.kind + " " + handle.name);
 
-  // The status of the connection is a state.
-  EXPECT_EQ(rows, (Lines{"Export in", "Export state", "Holder status of ", "Import x/in",
-                         "Import x/state"}));
+  // The connection has an inbox, and its status is a state.
+  EXPECT_EQ(rows, (Lines{"Export in", "Inbox mqtt", "Export state", "Holder status of ",
+                         "Import x/in", "Import x/state"}));
   EXPECT_EQ(Find("Export", "in").depth, 7u);
 }
 
