@@ -102,7 +102,7 @@ namespace detail {
 
 std::string Core::CheckedTopic(const std::string& name, const std::string& mqtt_topic) const {
   const auto& own_part = mqtt_topic.empty() ? name : mqtt_topic;
-  const auto topic = topic_prefix + own_part;
+  auto topic = topic_prefix + own_part;
   Require(!own_part.empty() && IsTopic(topic), "the topic \"" + topic + "\" is not allowed");
   return topic;
 }
