@@ -75,7 +75,7 @@ void Inlet::Close() {
     std::unique_lock lock(mutex_);
     is_closed_ = true;
     if (inside_ == std::this_thread::get_id()) return;  // Invoke destroys the handler
-    const auto has_left = [this]() ZORVIX_REQUIRES(mutex_) { return inside_ == std::thread::id(); };
+    const auto has_left = [this] { return inside_ == std::thread::id(); };
     if (!left_.wait_for(lock, std::chrono::seconds(1), has_left)) {
       BRIDGE_LOG(bridge::kLogWarn, "a destructor waits for its callable to return, name: %s",
                  name.c_str());

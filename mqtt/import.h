@@ -47,8 +47,9 @@ class Inlet {
   Receiver::Handler handler_;  // used by the thread that is inside, else destroyed by Close
   std::mutex mutex_;
   std::condition_variable left_;
-  std::thread::id inside_ ZORVIX_GUARDED_BY(mutex_);  // the thread that is invoking the handler
-  bool is_closed_ ZORVIX_GUARDED_BY(mutex_) = false;
+  // Guarded by the mutex. The analysis of the compiler cannot follow a wait.
+  std::thread::id inside_;  // the thread that is invoking the handler
+  bool is_closed_ = false;
 };
 
 }  // namespace detail
