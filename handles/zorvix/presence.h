@@ -70,11 +70,10 @@ class Presence {
   //
   // With Delivery::Direct, on the thread that constructs or destroys a counterpart, or on a thread
   // that is still inside the callable: it stays there while other threads construct and destroy
-  // counterparts. When that constructor or destructor has returned, outside the
-  // callable, the callable has been invoked with the change, or is being invoked on another thread.
-  // An exception that is no std::exception ends the process, but for the first invocation, on the
-  // thread that constructs the presence. With Delivery::Queued, where the bridge's queue is
-  // drained.
+  // counterparts. When that constructor or destructor has returned, outside the callable, the
+  // callable has been invoked with the change, or is being invoked on another thread. An exception
+  // that is no std::exception ends the process, but for the first invocation, on the thread that
+  // constructs the presence. With Delivery::Queued, where the bridge's queue is drained.
   template <typename Of, typename Callable,
             bridge::BridgeType kType = detail::Counted<Of>::kBridgeType>
   [[nodiscard]] Presence(const Of& of, Callable callable, Delivery delivery = Delivery::Direct)

@@ -1,9 +1,8 @@
 // The subscriber to a topic.
 //
 //   const zorvix::Subscriber print(kSamples, [](const Sample& sample) { ... });
-//   const zorvix::Subscriber store(kSamples, Store, zorvix::Delivery::Queued,
-//   zorvix::KeepLast{10}); const zorvix::Subscriber show(kSamples, Show, inbox,
-//   zorvix::KeepLast{1});
+//   const zorvix::Subscriber store(kSamples, Store, zorvix::Delivery::Queued);
+//   const zorvix::Subscriber show(kSamples, Show, inbox, zorvix::KeepLast{1});
 #ifndef ZORVIX_SUBSCRIBER_H_
 #define ZORVIX_SUBSCRIBER_H_
 

@@ -32,6 +32,10 @@
 // Unloading: once all handles and inboxes of a module have been destroyed, dlclose may unload it.
 // Where others still need code of the module, the library keeps it loaded, and logs why.
 //
+// Memory: what a thread did before it published, set, called or posted happens before the callable
+// that is invoked with it. What a callable did happens before the drain returns that has invoked it,
+// and before its handle's destructor returns on another thread.
+//
 // Callables: a callable with direct delivery may be entered by several threads at the same time,
 // and before the constructor of its handle has returned. It must return on the thread that invoked
 // it, which matters to fibers. A std::exception that it throws is caught and logged. Any other
