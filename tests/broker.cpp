@@ -106,8 +106,11 @@ void Broker::Thaw() { kill(process_, SIGCONT); }
 
 void Broker::Stop() {
   Thaw();
-  kill(process_, SIGTERM);
-  waitpid(process_, nullptr, 0);
+  // More than once, since a broker that has just started forgets it.
+  do {
+    kill(process_, SIGTERM);
+    poll(nullptr, 0, /*milliseconds=*/5);
+  } while (waitpid(process_, nullptr, WNOHANG) == 0);
   process_ = 0;
 }
 

@@ -575,8 +575,8 @@ TEST_F(Mqtt, ASubscriberMayDestroyTheConnectionItIsServedBy) {
 }
 
 TEST_F(Mqtt, InspectHasARowForAnExportAndOneForAnImport) {
-  Running broker;
-  Connection connection(For(broker, ""));
+  const Broker absent;
+  Connection connection(For(absent, ""));
   const Export out(connection, kNear, Text, KeepLast{7});
   const Export state_out(connection, kNearState, Text);
   const Import in(connection, kFar, Text);
