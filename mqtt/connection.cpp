@@ -279,6 +279,8 @@ Failure Worker::Exchange() {
     received_.push_back(std::move(message));
   }
   Deliver();  // before Write, which acknowledges it
+  // Destroyed by a callable. The broker keeps what has not been acknowledged.
+  if (!received_.empty()) return std::nullopt;
   if (!failure && link_->wants_write()) failure = link_->Write();
   if (!failure) failure = link_->KeepAlive();
   if (!failure && (ready_ & (POLLERR | POLLHUP)) != 0) failure = link_->Lost();
@@ -288,7 +290,7 @@ Failure Worker::Exchange() {
 }
 
 void Worker::Farewell() {
-  if (!received_.empty()) return;  // the broker keeps what has not been acknowledged
+  if (!received_.empty()) return;
   link_->Disconnect();
   for (int tries = 10; link_->wants_write() && tries > 0; --tries) {
     if (link_->Write()) break;
