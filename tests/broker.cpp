@@ -164,14 +164,19 @@ void Proxy::Run() {
       if (found == peers_.end()) continue;  // its peer has ended
       const int peer = found->second;
       const bool is_ready = wanted[i].revents != 0;
-      if (!is_cut && (!is_ready || Pass(descriptor, peer, is_client_[descriptor]))) continue;
-      --connections_;
-      for (const int end : {descriptor, peer}) {
-        peers_.erase(end);
-        close(end);
+      if (is_cut || (is_ready && !Pass(descriptor, peer, is_client_[descriptor]))) {
+        Close(descriptor, peer);
       }
     }
     if (wanted[0].revents != 0) Accept();
+  }
+}
+
+void Proxy::Close(int one, int other) {
+  --connections_;
+  for (const int end : {one, other}) {
+    peers_.erase(end);
+    close(end);
   }
 }
 
@@ -197,7 +202,7 @@ bool Proxy::Pass(int from, int to, bool is_client) {
   if (is_client) {
     const std::lock_guard lock(mutex_);
     const std::string_view text(buffer.data(), static_cast<std::size_t>(size));
-    if (!cut_at_.empty() && text.find(cut_at_) != text.npos) return false;
+    if (!cut_at_.empty() && text.find(cut_at_) != std::string_view::npos) return false;
   }
   if (broker_port_ == 0) return true;
   for (ssize_t sent = 0; sent < size;) {

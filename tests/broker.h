@@ -59,6 +59,7 @@ class Proxy {
 
  private:
   void Run();
+  void Close(int one, int other);
   void Accept();
   // Returns false if the connection has ended.
   bool Pass(int from, int to, bool is_client);

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <functional>
 #include <future>
+#include <list>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -225,9 +226,9 @@ TEST_F(Mqtt, WarnsOnceForEachCauseAndTriesAgain) {
     row.change(options, broker);
     TakeLog();
     const Watcher status(options.status, [](const Status&) { AddLine("new status"); });
-    std::vector<std::unique_ptr<Connection>> connections;
-    for (int count = 0; count < row.connections; ++count) {
-      connections.push_back(std::make_unique<Connection>(options));
+    std::list<Connection> connections;
+    while (connections.size() < static_cast<std::size_t>(row.connections)) {
+      connections.emplace_back(options);
     }
     WaitForLog("attempt", 5);
 

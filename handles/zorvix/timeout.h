@@ -3,32 +3,38 @@
 #define ZORVIX_TIMEOUT_H_
 
 #include <chrono>
+#include <ratio>
 
 namespace zorvix {
+
+namespace detail {
+
+constexpr std::chrono::nanoseconds kForever = std::chrono::nanoseconds::max();
+
+template <typename Duration>
+constexpr std::chrono::nanoseconds ClampTimeout(const Duration& time) {
+  // Compared as numbers that no duration overflows.
+  using Hours = std::chrono::duration<double, std::ratio<3600>>;
+  constexpr Hours kTenYears(87'600);
+  if (Hours(time) >= kTenYears) return kForever;
+  if (!(time > Duration::zero())) return std::chrono::nanoseconds::zero();
+  return std::chrono::ceil<std::chrono::nanoseconds>(time);
+}
+
+}  // namespace detail
 
 // Any std::chrono::duration. A negative one is zero, and one of ten years or more is forever.
 class Timeout {
  public:
   template <typename Number, typename Period>
-  constexpr Timeout(const std::chrono::duration<Number, Period>& time) : time_(Clamp(time)) {}
+  constexpr Timeout(const std::chrono::duration<Number, Period>& time)
+      : time_(detail::ClampTimeout(time)) {}
 
-  static constexpr Timeout Forever() { return kForever; }
-  constexpr bool IsForever() const { return time_ == kForever; }
+  static constexpr Timeout Forever() { return detail::kForever; }
+  constexpr bool IsForever() const { return time_ == detail::kForever; }
   constexpr std::chrono::nanoseconds time() const { return time_; }
 
  private:
-  static constexpr std::chrono::nanoseconds kForever = std::chrono::nanoseconds::max();
-
-  template <typename Duration>
-  static constexpr std::chrono::nanoseconds Clamp(const Duration& time) {
-    // Compared as numbers that no duration overflows.
-    using Hours = std::chrono::duration<double, std::ratio<3600>>;
-    constexpr Hours kTenYears(87'600);
-    if (Hours(time) >= kTenYears) return kForever;
-    if (!(time > Duration::zero())) return std::chrono::nanoseconds::zero();
-    return std::chrono::ceil<std::chrono::nanoseconds>(time);
-  }
-
   std::chrono::nanoseconds time_;
 };
 
