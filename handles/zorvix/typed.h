@@ -33,8 +33,8 @@
 // Where others still need code of the module, the library keeps it loaded, and logs why.
 //
 // Memory: what a thread did before it published, set, called or posted happens before the callable
-// that is invoked with it. What a callable did happens before the drain returns that has invoked it,
-// and before its handle's destructor returns on another thread.
+// that is invoked with it. What a callable did happens before the drain that has invoked it
+// returns, and before its handle's destructor returns on another thread.
 //
 // Callables: a callable with direct delivery may be entered by several threads at the same time,
 // and before the constructor of its handle has returned. It must return on the thread that invoked
