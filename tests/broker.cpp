@@ -153,28 +153,28 @@ void Proxy::CutAt(const std::string& text) {
 void Proxy::Run() {
   int cuts = 0;
   while (!stops_) {
-    std::vector<pollfd> wanted{{listener_, POLLIN, 0}};
-    for (const auto& [descriptor, peer] : peers_) wanted.push_back({descriptor, POLLIN, 0});
+    auto wanted = Wanted();
     poll(wanted.data(), wanted.size(), /*milliseconds=*/10);
     const bool is_cut = cuts != cuts_;
-    cuts = cuts_;
+    if (is_cut) ++cuts;
     for (std::size_t i = 1; i < wanted.size(); ++i) {
-      const int descriptor = wanted[i].fd;
-      const auto found = peers_.find(descriptor);
-      if (found == peers_.end()) continue;  // its peer has ended
-      const int peer = found->second;
-      const bool is_ready = wanted[i].revents != 0;
-      if (is_cut || (is_ready && !Pass(descriptor, peer, is_client_[descriptor]))) {
-        Close(descriptor, peer);
-      }
+      const auto& [descriptor, events, ready] = wanted[i];
+      const bool has_ended = peers_.count(descriptor) == 0;  // with its peer
+      if (!has_ended && (is_cut || (ready != 0 && !Pass(descriptor)))) End(descriptor);
     }
     if (wanted[0].revents != 0) Accept();
   }
 }
 
-void Proxy::Close(int one, int other) {
+std::vector<pollfd> Proxy::Wanted() const {
+  std::vector<pollfd> wanted{{listener_, POLLIN, 0}};
+  for (const auto& [descriptor, peer] : peers_) wanted.push_back({descriptor, POLLIN, 0});
+  return wanted;
+}
+
+void Proxy::End(int descriptor) {
   --connections_;
-  for (const int end : {one, other}) {
+  for (const int end : {peers_[descriptor], descriptor}) {
     peers_.erase(end);
     close(end);
   }
@@ -195,11 +195,12 @@ void Proxy::Accept() {
   is_client_[broker] = false;
 }
 
-bool Proxy::Pass(int from, int to, bool is_client) {
+bool Proxy::Pass(int from) {
+  const int to = peers_[from];
   std::array<char, 65'536> buffer;
   const auto size = read(from, buffer.data(), buffer.size());
   if (size <= 0) return false;
-  if (is_client) {
+  if (is_client_[from]) {
     const std::lock_guard lock(mutex_);
     const std::string_view text(buffer.data(), static_cast<std::size_t>(size));
     if (!cut_at_.empty() && text.find(cut_at_) != std::string_view::npos) return false;

@@ -2,6 +2,8 @@
 #ifndef ZORVIX_TESTS_BROKER_H_
 #define ZORVIX_TESTS_BROKER_H_
 
+#include <poll.h>
+
 #include <atomic>
 #include <cstdio>
 #include <map>
@@ -9,6 +11,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 class Broker {
  public:
@@ -59,10 +62,11 @@ class Proxy {
 
  private:
   void Run();
-  void Close(int one, int other);
+  std::vector<pollfd> Wanted() const;
   void Accept();
   // Returns false if the connection has ended.
-  bool Pass(int from, int to, bool is_client);
+  bool Pass(int from);
+  void End(int descriptor);
 
   const int broker_port_;
   int listener_ = 0;

@@ -227,9 +227,7 @@ TEST_F(Mqtt, WarnsOnceForEachCauseAndTriesAgain) {
     TakeLog();
     const Watcher status(options.status, [](const Status&) { AddLine("new status"); });
     std::list<Connection> connections;
-    while (connections.size() < static_cast<std::size_t>(row.connections)) {
-      connections.emplace_back(options);
-    }
+    for (int count = 0; count < row.connections; ++count) connections.emplace_back(options);
     WaitForLog("attempt", 5);
 
     const auto log = TakeLog();
@@ -497,7 +495,9 @@ TEST_F(Mqtt, TheDestructorSendsWhatIsPending) {
   });
   WaitForLog("MQTT subscribed");
   {
-    Connection near(For(broker, "x/"));
+    auto options = For(broker, "x/");
+    options.close_timeout = 30s;
+    Connection near(options);
     const Export out(near, kNear, Text, KeepLast{kMany});
     for (int number = 1; number <= kMany; ++number) {
       Publisher(kNear).Publish(std::to_string(number));
@@ -896,6 +896,7 @@ TEST_F(Mqtt, AnMqttTopicMayDifferFromTheName) {
   Publisher(kNear).Publish("text");
   WaitForLog("got text");
 
+  EXPECT_TRUE(ComesTrue([&] { return connection.counters().acknowledged == 1; }));
   const auto sent = connection.counters();
   const auto received = far.counters();
   EXPECT_EQ(sent.sent, 1u);
