@@ -4,6 +4,7 @@
 
 #include <zorvix/inspect.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -17,6 +18,7 @@ namespace zorvix::detail {
 // what they point to may not exist any more.
 struct Row {
   HandleInfo info;
+  std::size_t position = 0;  // in the order of construction
   const Record* record = nullptr;
   const Record* adopter = nullptr;  // the record of the row that shows this one
   Name name = nullptr;              // its address is the same for all handles that can match

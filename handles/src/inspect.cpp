@@ -198,7 +198,10 @@ std::vector<HandleInfo> Inspect() {
   {
     auto& process = detail::Process::Get();
     const detail::Lock lock(process.mutex);
-    for (auto* record : process.records) rows.push_back(Describe(*record, now));
+    for (auto* record : process.records) {
+      rows.push_back(Describe(*record, now));
+      rows.back().position = rows.size();
+    }
     for (const auto* wait : process.waits) CountWait(*wait, rows);
   }
   DescribeDrains(rows, now);
@@ -207,9 +210,9 @@ std::vector<HandleInfo> Inspect() {
   }
   detail::FindProblems(rows, now, detail::smallest_slow_limit);
   MergeAdopted(rows);
-  std::stable_sort(rows.begin(), rows.end(), [](const detail::Row& a, const detail::Row& b) {
-    return std::tie(a.info.name, a.info.kind, a.info.module) <
-           std::tie(b.info.name, b.info.kind, b.info.module);
+  std::sort(rows.begin(), rows.end(), [](const detail::Row& a, const detail::Row& b) {
+    return std::tie(a.info.name, a.info.kind, a.info.module, a.position) <
+           std::tie(b.info.name, b.info.kind, b.info.module, b.position);
   });
   std::vector<HandleInfo> handles;
   handles.reserve(rows.size());
