@@ -307,7 +307,7 @@ TEST_F(Answers, OfCallsWithTimeoutsWakeWhoWaitsInTime) {
   client.Call(0, hours(1), Ignore);
   for (const auto& wait : waits) {
     const auto begin = std::chrono::steady_clock::now();
-    client.Call(1, milliseconds(40), Append());
+    client.Call(1, milliseconds(500), Append());
     client.Call(2, milliseconds(20), Append());
     EXPECT_FALSE(client_inbox_->Wait(milliseconds(0)));
     EXPECT_FALSE(IsReadable(*client_inbox_));
