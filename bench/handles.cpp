@@ -136,7 +136,7 @@ void ReadState(benchmark::State& state) {
   holder.Set(Value{});
   Latest latest;
   latest.Set();
-  Compare(state, "a mutex and a shared pointer", OneThread([&] { Receive(*watcher.Newest()); }),
+  Compare(state, "a mutex and a shared pointer", OneThread([&] { Receive(*watcher.Latest()); }),
           OneThread([&] { Receive(*latest.Get()); }));
 }
 
@@ -168,6 +168,6 @@ void AddHandleCases() {
   }
   Add("Set a state with 1 watcher", SetState);
   Add("Set a state with 1 watcher with an inbox, and drain", SetStateForInbox);
-  Add("Newest value of a state", ReadState);
+  Add("Latest value of a state", ReadState);
   Add("Build and destroy a publisher", BuildPublisher);
 }

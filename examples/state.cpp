@@ -50,6 +50,6 @@ int main() {
 
   // Without a callable: asks for the latest value when it needs it.
   const zorvix::Watcher asking(kSettings);
-  std::printf("asking: volume %d\n", asking.Newest()->volume);
-  return log == "late2 late3 late4 drawn4 " && asking.Newest()->volume == 4 ? 0 : 1;
+  std::printf("asking: volume %d\n", asking.Latest()->volume);
+  return log == "late2 late3 late4 drawn4 " && asking.Latest()->volume == 4 ? 0 : 1;
 }

@@ -160,7 +160,7 @@ class Handles : public Bridge, public testing::WithParamInterface<bool> {
     EXPECT_EQ(Count(TakeLog(), "E: Unregister"), 4u) << "no such names";
   }
   void ExpectNoReceivers() {
-    EXPECT_EQ(zorvix::Watcher(state_).Newest(), nullptr);
+    EXPECT_EQ(zorvix::Watcher(state_).Latest(), nullptr);
     zorvix::Publisher(topic_).Publish(1);
     zorvix::Publisher(async_topic_).Publish(1);
     EXPECT_EQ((zorvix::Client(service_).Call(1)), std::nullopt);
@@ -272,7 +272,7 @@ TEST_F(Bridge, SetThatThrowsSetsNothingAndAnyOtherReachesAllWatchers) {
         inbox.Drain();
         EXPECT_EQ(shown, set);
         EXPECT_EQ(drained, set);
-        EXPECT_EQ(*zorvix::Watcher(state).Newest(), set);
+        EXPECT_EQ(*zorvix::Watcher(state).Latest(), set);
       });
 }
 

@@ -347,8 +347,8 @@ TEST_F(Mqtt, AClearedStateHasNoValueForLaterWatchers) {
   line.publisher.Publish("behind it");
   WaitForLog("got behind it");
 
-  EXPECT_EQ(*early.Newest(), "value");
-  EXPECT_EQ(Watcher(kFarState).Newest(), nullptr);
+  EXPECT_EQ(*early.Latest(), "value");
+  EXPECT_EQ(Watcher(kFarState).Latest(), nullptr);
 }
 
 TEST_F(Mqtt, BadPayloadsReachNobodyAndAreLoggedWithoutTheirText) {
@@ -652,7 +652,7 @@ TEST_F(Mqtt, AStateThatOthersHoldNowIsNotSentAgain) {
   WaitForLog("got new", 2);  // the retained message, after whatever the export has sent
 
   EXPECT_EQ(near.counters().sent, 1u);
-  EXPECT_EQ(*near_watcher.Newest(), "new");
+  EXPECT_EQ(*near_watcher.Latest(), "new");
 }
 
 TEST_F(Mqtt, ASessionKeepsMessagesUntilTheirImportIsConstructed) {

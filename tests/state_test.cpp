@@ -30,7 +30,7 @@ TEST_F(Bridge, LateWatcherHasTheLatestValueWhenItsConstructorReturns) {
   const Watcher without_callable(kState);
 
   EXPECT_EQ(seen, Numbers{2});
-  EXPECT_EQ(without_callable.Newest(), watcher.Newest());
+  EXPECT_EQ(without_callable.Latest(), watcher.Latest());
 }
 
 TEST_F(Bridge, WatchersAreInvokedInDrainsWithTheLatestValueOnly) {
@@ -60,19 +60,19 @@ TEST_F(Bridge, WatchersKeepTheValueOfAHolderUntilAnotherOneSetsALater) {
   for (const int number : {1, 1, 2}) holder->Set({number});
 
   holder.reset();
-  EXPECT_EQ(watcher.Newest()->number, 2);
+  EXPECT_EQ(watcher.Latest()->number, 2);
   TakeLog();
-  EXPECT_EQ(Watcher(kState).Newest(), nullptr);
+  EXPECT_EQ(Watcher(kState).Latest(), nullptr);
   EXPECT_EQ(Count(TakeLog(), "W: "), 0u);
   holder.emplace(kState);
-  EXPECT_EQ(watcher.Newest()->number, 2);
+  EXPECT_EQ(watcher.Latest()->number, 2);
   holder->Set({3});
 
   EXPECT_EQ(seen, (Numbers{1, 1, 2, 3}));
 }
 
 TEST_F(Bridge, LateWatcherHasTheValueOfTheLatestHolderThatStillExists) {
-  const auto number = [] { return Watcher(kState).Newest()->number; };
+  const auto number = [] { return Watcher(kState).Latest()->number; };
   zorvix::Holder first(kState);
   first.Set({1});
   {
@@ -104,7 +104,7 @@ TEST_F(Bridge, ValueOfAnotherTypeIsLoggedForEarlyAndLateWatchers) {
 
   EXPECT_EQ(Count(TakeLog(), "the value is an int, the watcher takes a (anonymous namespace)::"),
             2u);
-  EXPECT_FALSE(early.Newest() || late.Newest());
+  EXPECT_FALSE(early.Latest() || late.Latest());
 }
 
 TEST_F(Bridge, ValueIsSetAndShownThoughAWatcherThrowsAndDestroysItself) {
@@ -122,7 +122,7 @@ TEST_F(Bridge, ValueIsSetAndShownThoughAWatcherThrowsAndDestroysItself) {
   EXPECT_THROW(holder.Set({3}), int);
 
   EXPECT_EQ(seen, (Numbers{1, 2, 3}));
-  EXPECT_EQ(Watcher(kState).Newest()->number, 3);
+  EXPECT_EQ(Watcher(kState).Latest()->number, 3);
 }
 
 TEST_F(Bridge, WatcherWhoseCallableThrowsInItsConstructorDoesNotBlock) {
@@ -150,8 +150,8 @@ TEST_F(Bridge, MovedFromHolderAndWatcherDoNothing) {
   holder.Set({1});
   new_holder.Set({2});
 
-  EXPECT_FALSE(watcher.Newest() || watcher.WaitForValue());
-  EXPECT_EQ(new_watcher.WaitForValue(milliseconds(0)), new_watcher.Newest());
+  EXPECT_FALSE(watcher.Latest() || watcher.WaitForValue());
+  EXPECT_EQ(new_watcher.WaitForValue(milliseconds(0)), new_watcher.Latest());
   EXPECT_EQ(seen, Numbers{2});
 }
 
@@ -193,7 +193,7 @@ TEST_F(Bridge, WatchersSeeTheValuesOfEachThreadInOrderAndTheLastInTheEnd) {
     if (thread == kSetters) {
       while (setting > 0) {
         inbox.Drain();
-        static_cast<void>(direct.Newest());  // while it changes
+        static_cast<void>(direct.Latest());  // while it changes
       }
     } else {
       for (int i = 1; i <= kCount; ++i) holder.Set({i * kSetters + thread});
@@ -204,8 +204,8 @@ TEST_F(Bridge, WatchersSeeTheValuesOfEachThreadInOrderAndTheLastInTheEnd) {
   workers.reset();
   ZorvixSpinOnce();
 
-  EXPECT_EQ(direct.Newest(), with_inbox.Newest());
-  for (const auto* value : last) EXPECT_EQ(value, direct.Newest().get());
+  EXPECT_EQ(direct.Latest(), with_inbox.Latest());
+  for (const auto* value : last) EXPECT_EQ(value, direct.Latest().get());
 }
 
 TEST_F(Bridge, EarlyAndLateWatcherAgreeWhenTwoThreadsSet) {
@@ -225,8 +225,8 @@ TEST_F(Bridge, EarlyAndLateWatcherAgreeWhenTwoThreadsSet) {
       }
     });
 
-    EXPECT_EQ(early.Newest(), late->Newest());
-    EXPECT_EQ(early.Newest()->number, shown);
+    EXPECT_EQ(early.Latest(), late->Latest());
+    EXPECT_EQ(early.Latest()->number, shown);
   }
 }
 

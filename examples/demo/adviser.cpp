@@ -15,7 +15,7 @@ class Adviser {
  private:
   // Runs on the client's thread.
   demo::Advice Advise() const {
-    const auto latest = summary_.Newest();
+    const auto latest = summary_.Latest();
     if (!latest) return {0, "there is no summary yet"};
     const std::string advice = latest->mean_busy < 50 ? "build now" : "build later";
     const auto busy = std::to_string(std::lround(latest->mean_busy));

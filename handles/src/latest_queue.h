@@ -35,7 +35,7 @@ class LatestQueue : public Queue {
     has_callable = static_cast<bool>(callable_);
   }
 
-  Value Newest() const {
+  Value Latest() const {
     const Lock lock(mutex_);
     return value_;
   }

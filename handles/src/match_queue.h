@@ -45,7 +45,7 @@ class MatchQueue final : public LatestQueue<Matched> {
   }
   Counts Count() const override {
     Counts counts = LatestQueue::Count();
-    counts.counterparts = Newest().count;
+    counts.counterparts = Latest().count;
     return counts;
   }
 

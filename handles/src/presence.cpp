@@ -50,6 +50,6 @@ Owned<PresenceState> MakePresence(const Endpoint& endpoint, Counterparts counter
   return presence;
 }
 
-Matched Now(const PresenceState& presence) { return presence.closer.queue->Newest(); }
+Matched Now(const PresenceState& presence) { return presence.closer.queue->Latest(); }
 
 }  // namespace zorvix::detail

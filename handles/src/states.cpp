@@ -197,7 +197,7 @@ Owned<WatcherState> MakeWatcher(const Endpoint& endpoint, const std::type_info& 
   return watcher;
 }
 
-std::shared_ptr<const void> Newest(const WatcherState& watcher) { return watcher.queue().Newest(); }
+std::shared_ptr<const void> Latest(const WatcherState& watcher) { return watcher.queue().Latest(); }
 
 std::shared_ptr<const void> WaitForValue(const WatcherState& watcher, Timeout timeout) {
   return watcher.queue().WaitForValue(Deadline(timeout));

@@ -83,9 +83,9 @@ class Watcher {
       : Watcher(state, std::move(callable), detail::Place{Delivery::Queued, &inbox}) {}
 
   // Returns the latest value, or null if there is none yet.
-  std::shared_ptr<const Value> Newest() const {
+  std::shared_ptr<const Value> Latest() const {
     if (state_ == nullptr) return nullptr;
-    return std::static_pointer_cast<const Value>(detail::Newest(*state_));
+    return std::static_pointer_cast<const Value>(detail::Latest(*state_));
   }
 
   // Blocks until there is a value, and returns the latest one. Another thread must set the value.

@@ -74,7 +74,7 @@ Owned<HolderState> MakeHolder(const Endpoint&, const std::type_info&);
 void Set(HolderState&, const void* value, void (*destroy)(const void*));
 
 Owned<WatcherState> MakeWatcher(const Endpoint&, const std::type_info&, Callable, const Place&);
-std::shared_ptr<const void> Newest(const WatcherState&);
+std::shared_ptr<const void> Latest(const WatcherState&);
 std::shared_ptr<const void> WaitForValue(const WatcherState&, Timeout);
 
 Owned<PresenceState> MakePresence(const Endpoint&, Counterparts, Callable, const Place&);
