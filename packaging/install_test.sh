@@ -61,7 +61,7 @@ ls FetchContent/installed/lib*/cmake/zorvix/zorvixConfig.cmake
 
 # The guide's line, evaluated twice because of the space in what pkg-config prints.
 cp "$source"/packaging/consumer/*.cpp .
-line=$(eval "echo \"$(grep '^c++ .*pkg-config' "$source/docs/guide.md")\"")
+line=$(eval "echo \"$(grep '^c++ .*pkg-config' "$source/docs/guide/adopt.md")\"")
 eval "$line"
 ./main | grep -x message
 eval "$line -shared -fPIC -o module.so"
