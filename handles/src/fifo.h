@@ -12,6 +12,8 @@ namespace zorvix::detail {
 // Raw elements of one size, first in first out, in blocks of memory. It grows without moving
 // elements and frees blocks that are used up, but for one. Whoever pops an element must first take
 // what is in it.
+//
+// Invariant: the elements lie one after the other from `first_` on, block by block, up to `next_`.
 class Fifo {
  public:
   // Elements are aligned for their size if this is a power of two, or a multiple of 16.

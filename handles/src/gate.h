@@ -16,6 +16,9 @@ struct Record;
 
 // Counts who is inside, which any number of threads may be at the same time. To enter and to leave
 // costs two atomic operations and no lock.
+//
+// Invariant: the count is the number of passes that exist, also of those that were not admitted and
+// are about to end.
 class Gate {
  public:
   class Pass;

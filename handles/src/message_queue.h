@@ -20,6 +20,8 @@
 
 namespace zorvix::detail {
 
+// Invariants, under the mutex: at most `depth_` messages are pending, oldest first, with rising
+// turns; `first_turn_` is the turn of the oldest one, or a lower one of a message that was dropped.
 class MessageQueue final : public Queue {
  public:
   // `answer_type` is that of a server, whose messages are requests, or null.
