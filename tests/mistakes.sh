@@ -2,9 +2,8 @@
 # mistakes.sh FOLDER COMPILER FLAG...: checks that the first error for a mistake with a handle says
 # what is wrong, and that correct uses compile without a warning. Compiles in FOLDER.
 #
-# Not here, since only the compiler's own words tell them: a copy of a handle; a Service or State of
-# another type than its handle's; an overloaded function as a callable; the inbox before the
-# callable, or a temporary one; a generic callable that changes its message.
+# Not here, since only the compiler's own words tell them: a copy of a handle; an overloaded function
+# as a callable; a generic callable that changes its message.
 set -euo pipefail
 folder=$1
 compile=("${@:2}" -std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
@@ -41,15 +40,24 @@ compile_code() { # CODE
     "${compile[@]}" -fsyntax-only -include uses.h -x c++ - >output 2>&1
 }
 
-mistake() { # WORDS CODE
+expect() { # WORDS WHAT: in the first error
   local line
-  compile_code "$2" || true
   line=$(grep -m 1 'error:' output) || line="no error"
   if [[ $line != *"$1"* ]]; then
     printf '%s\n  %s\n  expected: %s\n' "$2" "$line" "$1"
     failures=$((failures + 1))
   fi
 }
+
+mistake() { # WORDS CODE
+  compile_code "$2" || true
+  expect "$1" "$2"
+}
+
+for flag in -fno-rtti -fno-exceptions -std=c++14; do
+  "${compile[@]}" "$flag" -fsyntax-only -x c++ - <<<'#include <zorvix/typed.h>' 2>output || true
+  expect 'zorvix: compile every file ' "$flag"
+done
 
 passed="the callable cannot be invoked with what the handle passes to it"
 mutable="the callable takes a non-const reference: let it take a const reference"
@@ -67,12 +75,34 @@ mistake "$mutable" 'Server s(kSum, [](Reading&) { return 1; });'
 mistake "a member function needs an object: pass a lambda that calls it" \
   'Subscriber s(kReadings, &Screen::Show);'
 
-mistake "a subscriber needs a Topic of its own type" 'Subscriber<int> s(kReadings, [](int) {});'
+type="the Topic, Service or State is of another type than the handle"
+name="pass a Topic, a Service or a State, not its name"
+callable="a callable is missing: it is the second argument"
+address="pass the inbox itself, not its address"
+temporary="the inbox must be neither const nor a temporary"
+latest="a watcher or presence takes no depth: it has the latest value only"
+mistake "$type" 'Subscriber<int> s(kReadings, [](int) {});'
+mistake "$type" 'struct Member { Holder<int> h{kLatest}; } m;'
+mistake "$type" 'struct Member { Server<int, int> s{kSum, [](int) { return 1; }}; } m;'
+mistake "$type" 'struct Member { Client<int, int> c; Member(Inbox& i) : c(kSum, i) {} } m(inbox);'
 mistake "a response must be a value, to be copied and moved" 'Service<int, int&> s{"s"};'
-mistake "a publisher needs a Topic of its own type" 'Publisher<int> p(kReadings);'
-mistake "a watcher needs a State of its own type" 'Watcher<int> w(kLatest, [](int) {}, inbox);'
-mistake "a presence needs a Topic, a Service or a State, not its name" \
-  'Presence p("readings", [](const Matched&) {}, inbox);'
+mistake "$type" 'Publisher<int> p(kReadings);'
+mistake "$type" 'Watcher<int> w(kLatest, [](int) {}, inbox);'
+mistake "$name" 'Presence p("readings", [](const Matched&) {}, inbox);'
+mistake "$name" 'Subscriber s("readings", [](const Reading&) {}, inbox);'
+mistake "$name" 'Client<Reading, int> c(std::string("sum"));'
+mistake "a publisher or subscriber needs a Topic" 'Subscriber s(kLatest, [](const Reading&) {});'
+mistake "a client or server needs a Service" 'Client c(kReadings);'
+mistake "a holder or watcher needs a State" 'Holder h(kReadings);'
+
+mistake "$callable" 'Watcher w(kLatest, inbox);'
+mistake "$callable" 'Subscriber s(kReadings, inbox, [](const Reading&) {});'
+mistake "$callable" 'Server s(kSum);'
+mistake "$address" 'Subscriber s(kReadings, [](const Reading&) {}, &inbox, KeepLast{1});'
+mistake "$temporary" 'Subscriber s(kReadings, [](const Reading&) {}, Inbox());'
+mistake "$temporary" 'Client c(kSum, std::as_const(inbox));'
+mistake "$latest" 'Watcher w(kLatest, [](const Reading&) {}, inbox, KeepLast{1});'
+mistake "no constructor takes these arguments" 'Publisher p(kReadings, inbox);'
 
 mistake "$order" 'Subscriber s(kReadings, [](const Reading&) {}, KeepLast{1}, inbox);'
 mistake "$order" 'Subscriber s(kReadings, [](const Reading&) {}, KeepLast{3});'
@@ -100,6 +130,7 @@ mistake "$answer" 'Server s(kSum, [](const Reading&) {}, inbox);'
 mistake "$passed" 'Server s(kSum, [](const Reading&, Reply<char>) {}, inbox);'
 mistake "deleted" 'const Publisher p(kReadings); const auto copy = p;'
 mistake "nodiscard" 'Subscriber(kReadings, [](const Reading&) {});'
+mistake "nodiscard" '[] { return Publisher(kReadings); }();'
 
 if ! compile_code '
   const auto take = [](const Reading&) {};

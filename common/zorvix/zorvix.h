@@ -29,6 +29,14 @@
 // Major * 10000 + minor * 100 + patch.
 #define ZORVIX_VERSION 50000
 
+#if __cplusplus < 201703L
+#error "zorvix: compile every file as C++17 or later (-std=c++17)"
+#endif
+// Without RTTI, std::any_cast fails between modules.
+#ifndef __cpp_rtti
+#error "zorvix: compile every file with RTTI (without -fno-rtti)"
+#endif
+
 #include <algorithm>
 #include <any>
 #include <atomic>

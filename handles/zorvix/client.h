@@ -12,6 +12,7 @@
 #include <zorvix/delivery.h>
 #include <zorvix/detail/awaiting.h>
 #include <zorvix/detail/library.h>
+#include <zorvix/detail/mistakes.h>
 #include <zorvix/timeout.h>
 #include <zorvix/topic.h>
 
@@ -26,11 +27,11 @@ namespace zorvix {
 // An answer is a std::optional<Response> that knows why it is empty. A moved-from client makes no
 // calls.
 template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
-class Client {
+class [[nodiscard]] Client {
  public:
   // For calls that block or return a std::future.
   [[nodiscard]] explicit Client(const Service<Request, Response, kType>& service)
-      : Client(service, detail::Place{}, {}) {}
+      : state_(Make(service, detail::Place{}, {})) {}
 
   // With Delivery::Direct, for blocking calls only. With Delivery::Queued, the callables of its
   // calls are invoked one at a time where the bridge's queue is drained. When the client is
@@ -43,7 +44,7 @@ class Client {
   // depth of 0 throws std::invalid_argument.
   [[nodiscard]] Client(const Service<Request, Response, kType>& service, Delivery delivery,
                        KeepLast keep = {1000})
-      : Client(service, detail::Place{delivery}, keep) {
+      : state_(Make(service, detail::Place{delivery}, keep)) {
     static_assert(kType == bridge::BridgeType::Sync,
                   "only a Sync service has a choice of delivery");
   }
@@ -52,14 +53,17 @@ class Client {
   // callables that have not been invoked are destroyed with it or with the client.
   [[nodiscard]] Client(const Service<Request, Response, kType>& service, Inbox& inbox,
                        KeepLast keep = {1000})
-      : Client(service, detail::Place{Delivery::Queued, &inbox}, keep) {
+      : state_(Make(service, detail::Place{Delivery::Queued, &inbox}, keep)) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
   }
 
-  // A mistake.
-  template <typename Where, typename Depth = KeepLast, detail::IfMistaken<Where, Depth> = 0>
-  [[nodiscard]] Client(const Service<Request, Response, kType>&, const Where&, const Depth& = {}) {
-    detail::CheckOptions<Where, Depth>();
+  // Any other arguments: says what is wrong.
+  template <typename Given, typename... More,
+            detail::IfMistaken<detail::Takes::kPlace, Service<Request, Response, kType>, Given,
+                               More...> = 0>
+  explicit Client(Given&&, More&&...) {
+    static_cast<void>(detail::Mistake<detail::Takes::kPlace, Service<Request, Response, kType>,
+                                      Given, More...>());
   }
 
   // Blocks until the server has answered: on this thread, where the bridge's queue is drained, in a
@@ -128,10 +132,11 @@ class Client {
   }
 
  private:
-  Client(const Service<Request, Response, kType>& service, const detail::Place& place,
-         KeepLast keep)
-      : state_(detail::MakeClient({service.name, kType}, typeid(Request), typeid(Response), place,
-                                  keep)) {}
+  static detail::Owned<detail::ClientState> Make(const Service<Request, Response, kType>& service,
+                                                 const detail::Place& place, KeepLast keep) {
+    return detail::MakeClient({service.name, kType}, typeid(Request), typeid(Response), place,
+                              keep);
+  }
 
   std::future<Answer<Response>> CallQueued(Request request) const {
     std::promise<Answer<Response>> promise;
@@ -148,6 +153,9 @@ class Client {
 
   detail::Owned<detail::ClientState> state_;
 };
+
+// Leads to the constructor that says what is wrong.
+Client(...)->Client<detail::Unknown, detail::Unknown>;
 
 }  // namespace zorvix
 

@@ -2,6 +2,8 @@
 #ifndef ZORVIX_DELIVERY_H_
 #define ZORVIX_DELIVERY_H_
 
+#include <zorvix/zorvix.h>
+
 #include <cstddef>
 #include <limits>
 

@@ -13,6 +13,7 @@
 #include <zorvix/delivery.h>
 #include <zorvix/detail/checks.h>
 #include <zorvix/detail/library.h>
+#include <zorvix/detail/mistakes.h>
 #include <zorvix/state.h>
 #include <zorvix/topic.h>
 
@@ -57,7 +58,7 @@ struct Counted<State<Value>> {
 }  // namespace detail
 
 // `of` is a Topic, a Service or a State.
-class Presence {
+class [[nodiscard]] Presence {
  public:
   template <typename Of, bridge::BridgeType kType = detail::Counted<Of>::kBridgeType>
   [[nodiscard]] explicit Presence(const Of& of)
@@ -75,14 +76,16 @@ class Presence {
   // that is no std::exception ends the process, but for the first invocation, on the thread that
   // constructs the presence. With Delivery::Queued, where the bridge's queue is drained.
   template <typename Of, typename Callable,
-            bridge::BridgeType kType = detail::Counted<Of>::kBridgeType>
+            bridge::BridgeType kType = detail::Counted<Of>::kBridgeType,
+            detail::IfCallable<Callable> = 0>
   [[nodiscard]] Presence(const Of& of, Callable callable, Delivery delivery = Delivery::Direct)
       : state_(detail::MakePresence({of.name, kType}, detail::Counted<Of>::kCounterparts,
                                     detail::Receive<Matched>(std::move(callable)), {delivery})) {}
 
   // Invokes the callable in drains of the inbox.
   template <typename Of, typename Callable,
-            bridge::BridgeType kType = detail::Counted<Of>::kBridgeType>
+            bridge::BridgeType kType = detail::Counted<Of>::kBridgeType,
+            detail::IfCallable<Callable> = 0>
   [[nodiscard]] Presence(const Of& of, Callable callable, Inbox& inbox)
       : state_(detail::MakePresence({of.name, kType}, detail::Counted<Of>::kCounterparts,
                                     detail::Receive<Matched>(std::move(callable)),
@@ -92,12 +95,13 @@ class Presence {
   // A moved-from presence knows nothing.
   Matched Now() const { return state_ == nullptr ? Matched() : detail::Now(*state_); }
 
-  // A name only.
-  template <typename Name, typename... More,
-            std::enable_if_t<std::is_convertible_v<const Name&, std::string>, int> = 0>
-  [[nodiscard]] explicit Presence(const Name&, const More&...) {
-    static_assert(!std::is_convertible_v<const Name&, std::string>,
-                  "a presence needs a Topic, a Service or a State, not its name");
+  // Any other arguments: says what is wrong.
+  template <
+      typename Given, typename... More,
+      detail::IfMistaken<detail::Takes::kCallableOrNothing, detail::Unknown, Given, More...> = 0>
+  explicit Presence(Given&&, More&&...) {
+    static_cast<void>(
+        detail::Mistake<detail::Takes::kCallableOrNothing, detail::Unknown, Given, More...>());
   }
 
  private:

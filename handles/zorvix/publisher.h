@@ -7,6 +7,7 @@
 
 #include <zorvix/delivery.h>
 #include <zorvix/detail/library.h>
+#include <zorvix/detail/mistakes.h>
 #include <zorvix/topic.h>
 
 #include <any>
@@ -17,7 +18,7 @@
 namespace zorvix {
 
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
-class Publisher {
+class [[nodiscard]] Publisher {
  public:
   [[nodiscard]] explicit Publisher(const Topic<Message, kType>& topic)
       : state_(detail::MakePublisher({topic.name, kType}, typeid(Message), Audience::Expected)) {}
@@ -36,16 +37,20 @@ class Publisher {
            detail::Publish(*state_, std::any(std::in_place_type<Message>, std::move(message)));
   }
 
-  // A Topic of another type.
-  template <typename Other, typename... More, detail::IfOther<Other, Topic<Message, kType>> = 0>
-  [[nodiscard]] explicit Publisher(const Other&, const More&...) {
-    static_assert(std::is_same_v<Other, Topic<Message, kType>>,
-                  "a publisher needs a Topic of its own type");
+  // Any other arguments: says what is wrong.
+  template <typename Given, typename... More,
+            detail::IfMistaken<detail::Takes::kAudience, Topic<Message, kType>, Given, More...> = 0>
+  explicit Publisher(Given&&, More&&...) {
+    static_cast<void>(
+        detail::Mistake<detail::Takes::kAudience, Topic<Message, kType>, Given, More...>());
   }
 
  private:
   detail::Owned<detail::PublisherState> state_;
 };
+
+// Leads to the constructor that says what is wrong.
+Publisher(...)->Publisher<detail::Unknown>;
 
 }  // namespace zorvix
 

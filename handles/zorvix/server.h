@@ -20,6 +20,7 @@
 #include <zorvix/answer.h>
 #include <zorvix/delivery.h>
 #include <zorvix/detail/library.h>
+#include <zorvix/detail/mistakes.h>
 #include <zorvix/topic.h>
 
 #include <type_traits>
@@ -29,7 +30,7 @@
 namespace zorvix {
 
 template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
-class Server {
+class [[nodiscard]] Server {
  public:
   // Answers each call with callable(const Request&), which returns a Response, on the caller's
   // thread.
@@ -37,48 +38,53 @@ class Server {
   // Or invokes callable(const Request&, Reply<Response>), which may keep the reply to answer later.
   // A caller without a handle waits for the answer on the thread that invokes the server, so do not
   // answer in a later task of that thread.
-  template <typename Callable>
+  template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable)
-      : Server(service, std::move(callable), detail::Place{}, {}) {}
+      : state_(Make(service, callable, detail::Place{}, {})) {}
 
   // With Delivery::Queued, one request at a time where the bridge's queue is drained. At most
   // `keep` requests are pending then: the oldest is dropped, and its caller gets Why::Dropped.
   // Requests that are pending when the server is destroyed get Why::Destroyed.
-  template <typename Callable>
+  template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable,
                        Delivery delivery, KeepLast keep = {})
-      : Server(service, std::move(callable), detail::Place{delivery}, keep) {
+      : state_(Make(service, callable, detail::Place{delivery}, keep)) {
     static_assert(kType == bridge::BridgeType::Sync,
                   "only a Sync service has a choice of delivery");
   }
 
   // Answers in drains of the inbox. Requests that are pending when the inbox is destroyed get
   // Why::Destroyed, too.
-  template <typename Callable>
+  template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable,
                        Inbox& inbox, KeepLast keep = {})
-      : Server(service, std::move(callable), detail::Place{Delivery::Queued, &inbox}, keep) {
+      : state_(Make(service, callable, detail::Place{Delivery::Queued, &inbox}, keep)) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync service can have an inbox");
   }
 
-  // A mistake.
-  template <typename Callable, typename Where, typename Depth = KeepLast,
-            detail::IfMistaken<Where, Depth> = 0>
-  [[nodiscard]] Server(const Service<Request, Response, kType>&, const Callable&, const Where&,
-                       const Depth& = {}) {
-    detail::CheckOptions<Where, Depth>();
+  // Any other arguments: says what is wrong.
+  template <typename Given, typename... More,
+            detail::IfMistaken<detail::Takes::kCallable, Service<Request, Response, kType>, Given,
+                               More...> = 0>
+  explicit Server(Given&&, More&&...) {
+    static_cast<void>(detail::Mistake<detail::Takes::kCallable, Service<Request, Response, kType>,
+                                      Given, More...>());
   }
 
  private:
   template <typename Callable>
-  Server(const Service<Request, Response, kType>& service, Callable callable,
-         const detail::Place& place, KeepLast keep)
-      : state_(detail::Serve({service.name, kType}, detail::kMessageType<Request>, typeid(Response),
-                             detail::AnswerWith<Request, Response>(std::move(callable)), place,
-                             keep)) {}
+  static detail::Owned<detail::ServerState> Make(const Service<Request, Response, kType>& service,
+                                                 Callable& callable, const detail::Place& place,
+                                                 KeepLast keep) {
+    return detail::Serve({service.name, kType}, detail::kMessageType<Request>, typeid(Response),
+                         detail::AnswerWith<Request, Response>(std::move(callable)), place, keep);
+  }
 
   detail::Owned<detail::ServerState> state_;
 };
+
+// Leads to the constructor that says what is wrong.
+Server(...)->Server<detail::Unknown, detail::Unknown>;
 
 }  // namespace zorvix
 

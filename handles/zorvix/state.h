@@ -21,6 +21,7 @@
 #include <zorvix/delivery.h>
 #include <zorvix/detail/checks.h>
 #include <zorvix/detail/library.h>
+#include <zorvix/detail/mistakes.h>
 #include <zorvix/name.h>
 #include <zorvix/timeout.h>
 
@@ -39,10 +40,17 @@ struct State {
 // Sets the value of a state. If there are several holders, watchers that are constructed later get
 // the value of the latest holder that still exists; the bridge logs a WARN when it is constructed.
 template <typename Value>
-class Holder {
+class [[nodiscard]] Holder {
  public:
   [[nodiscard]] explicit Holder(const State<Value>& state)
       : state_(detail::MakeHolder({state.name}, typeid(Value))) {}
+
+  // Any other arguments: says what is wrong.
+  template <typename Given, typename... More,
+            detail::IfMistaken<detail::Takes::kNothing, State<Value>, Given, More...> = 0>
+  explicit Holder(Given&&, More&&...) {
+    static_cast<void>(detail::Mistake<detail::Takes::kNothing, State<Value>, Given, More...>());
+  }
 
   // Blocks while direct watchers are invoked. Any thread may call it. If it throws std::bad_alloc,
   // the value is not set. If a direct watcher throws an exception that is no std::exception, it
@@ -56,9 +64,12 @@ class Holder {
   detail::Owned<detail::HolderState> state_;
 };
 
+// Leads to the constructor that says what is wrong.
+Holder(...)->Holder<detail::Unknown>;
+
 // Gives access to the latest value of a state.
 template <typename Value>
-class Watcher {
+class [[nodiscard]] Watcher {
  public:
   [[nodiscard]] explicit Watcher(const State<Value>& state)
       : state_(detail::MakeWatcher({state.name}, typeid(Value), {}, {})) {}
@@ -72,15 +83,15 @@ class Watcher {
   // When the constructor has returned, the callable has been invoked, or is being invoked on
   // another thread, for the value that was set by then. With Delivery::Queued, where the bridge's
   // queue is drained.
-  template <typename Callable>
+  template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Watcher(const State<Value>& state, Callable callable,
                         Delivery delivery = Delivery::Direct)
-      : Watcher(state, std::move(callable), detail::Place{delivery}) {}
+      : state_(Make(state, callable, detail::Place{delivery})) {}
 
   // Invokes the callable in drains of the inbox.
-  template <typename Callable>
+  template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Watcher(const State<Value>& state, Callable callable, Inbox& inbox)
-      : Watcher(state, std::move(callable), detail::Place{Delivery::Queued, &inbox}) {}
+      : state_(Make(state, callable, detail::Place{Delivery::Queued, &inbox})) {}
 
   // Returns the latest value, or null if there is none yet.
   std::shared_ptr<const Value> Latest() const {
@@ -95,20 +106,27 @@ class Watcher {
     return std::static_pointer_cast<const Value>(detail::WaitForValue(*state_, timeout));
   }
 
-  // A State of another type.
-  template <typename Other, typename... More, detail::IfOther<Other, State<Value>> = 0>
-  [[nodiscard]] explicit Watcher(const Other&, const More&...) {
-    static_assert(std::is_same_v<Other, State<Value>>, "a watcher needs a State of its own type");
+  // Any other arguments: says what is wrong.
+  template <typename Given, typename... More,
+            detail::IfMistaken<detail::Takes::kCallableOrNothing, State<Value>, Given, More...> = 0>
+  explicit Watcher(Given&&, More&&...) {
+    static_cast<void>(
+        detail::Mistake<detail::Takes::kCallableOrNothing, State<Value>, Given, More...>());
   }
 
  private:
   template <typename Callable>
-  Watcher(const State<Value>& state, Callable callable, const detail::Place& place)
-      : state_(detail::MakeWatcher({state.name}, typeid(Value),
-                                   detail::Receive<Value>(std::move(callable)), place)) {}
+  static detail::Owned<detail::WatcherState> Make(const State<Value>& state, Callable& callable,
+                                                  const detail::Place& place) {
+    return detail::MakeWatcher({state.name}, typeid(Value),
+                               detail::Receive<Value>(std::move(callable)), place);
+  }
 
   detail::Owned<detail::WatcherState> state_;
 };
+
+// Leads to the constructor that says what is wrong.
+Watcher(...)->Watcher<detail::Unknown>;
 
 }  // namespace zorvix
 

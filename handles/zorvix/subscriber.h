@@ -8,6 +8,7 @@
 
 #include <zorvix/delivery.h>
 #include <zorvix/detail/library.h>
+#include <zorvix/detail/mistakes.h>
 #include <zorvix/topic.h>
 
 #include <type_traits>
@@ -16,57 +17,53 @@
 namespace zorvix {
 
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
-class Subscriber {
+class [[nodiscard]] Subscriber {
  public:
   // Invokes callable(const Message&) for each message, on the publisher's thread. A message of
   // another type is logged instead.
-  template <typename Callable>
+  template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable)
-      : Subscriber(topic, std::move(callable), detail::Place{}, {}) {}
+      : state_(Make(topic, callable, detail::Place{}, {})) {}
 
   // With Delivery::Queued, in order and one at a time, with any number of workers; `keep` limits
   // how many messages are pending then.
-  template <typename Callable>
+  template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable, Delivery delivery,
                            KeepLast keep = {})
-      : Subscriber(topic, std::move(callable), detail::Place{delivery}, keep) {
+      : state_(Make(topic, callable, detail::Place{delivery}, keep)) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync topic has a choice of delivery");
   }
 
   // Invokes the callable in drains of the inbox.
-  template <typename Callable>
+  template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable, Inbox& inbox,
                            KeepLast keep = {})
-      : Subscriber(topic, std::move(callable), detail::Place{Delivery::Queued, &inbox}, keep) {
+      : state_(Make(topic, callable, detail::Place{Delivery::Queued, &inbox}, keep)) {
     static_assert(kType == bridge::BridgeType::Sync, "only a Sync topic can have an inbox");
   }
 
-  // Mistakes.
-  template <typename Other, typename... More, detail::IfOther<Other, Topic<Message, kType>> = 0>
-  [[nodiscard]] explicit Subscriber(const Other&, const More&...) {
-    static_assert(std::is_same_v<Other, Topic<Message, kType>>,
-                  "a subscriber needs a Topic of its own type");
-  }
-  template <typename Callable, typename Where, typename Depth = KeepLast,
-            detail::IfMistaken<Where, Depth> = 0>
-  [[nodiscard]] Subscriber(const Topic<Message, kType>&, const Callable&, const Where&,
-                           const Depth& = {}) {
-    detail::CheckOptions<Where, Depth>();
+  // Any other arguments: says what is wrong.
+  template <typename Given, typename... More,
+            detail::IfMistaken<detail::Takes::kCallable, Topic<Message, kType>, Given, More...> = 0>
+  explicit Subscriber(Given&&, More&&...) {
+    static_cast<void>(
+        detail::Mistake<detail::Takes::kCallable, Topic<Message, kType>, Given, More...>());
   }
 
  private:
   template <typename Callable>
-  Subscriber(const Topic<Message, kType>& topic, Callable callable, const detail::Place& place,
-             KeepLast keep)
-      : state_(detail::Subscribe({topic.name, kType}, detail::kMessageType<Message>,
-                                 detail::Receive<Message>(std::move(callable)), place, keep)) {}
+  static detail::Owned<detail::SubscriberState> Make(const Topic<Message, kType>& topic,
+                                                     Callable& callable, const detail::Place& place,
+                                                     KeepLast keep) {
+    return detail::Subscribe({topic.name, kType}, detail::kMessageType<Message>,
+                             detail::Receive<Message>(std::move(callable)), place, keep);
+  }
 
   detail::Owned<detail::SubscriberState> state_;
 };
 
-// Selects the constructor that says what is wrong.
-template <typename Request, typename Response, bridge::BridgeType kType, typename... More>
-Subscriber(const Service<Request, Response, kType>&, const More&...) -> Subscriber<Request, kType>;
+// Leads to the constructor that says what is wrong.
+Subscriber(...)->Subscriber<detail::Unknown>;
 
 }  // namespace zorvix
 

@@ -2,6 +2,8 @@
 #ifndef ZORVIX_TIMEOUT_H_
 #define ZORVIX_TIMEOUT_H_
 
+#include <zorvix/zorvix.h>
+
 #include <chrono>
 #include <ratio>
 

@@ -1,15 +1,15 @@
 // Checks of what users pass to handles, so that the first error of the compiler says what is wrong.
 // Not for users.
-//
-// A handle has a constructor for each mistake that would otherwise match none. It takes what users
-// pass by mistake, and nothing else, so it never competes with the correct constructors.
 #ifndef ZORVIX_DETAIL_CHECKS_H_
 #define ZORVIX_DETAIL_CHECKS_H_
 
-#include <zorvix/delivery.h>
-#include <zorvix/name.h>
+#include <zorvix/zorvix.h>
 
 #include <type_traits>
+
+#ifndef __cpp_exceptions
+#error "zorvix: compile every file with exceptions (without -fno-exceptions)"
+#endif
 
 // For what is compiled into each module: no module may bind to another one's copy, which could be
 // unloaded.
@@ -46,25 +46,6 @@ struct CheckServer : CheckCallable<Callable, const Request&> {
   static_assert(std::is_invocable_r_v<Response, Callable&, const Request&>,
                 "the callable of a server must return a Response");
 };
-
-template <typename Option>
-constexpr bool kIsDepth = std::is_integral_v<Option> || std::is_convertible_v<Option, KeepLast>;
-
-// The options after a callable: in the wrong order, or with a number as the depth.
-template <typename Where, typename Depth>
-using IfMistaken = std::enable_if_t<kIsDepth<Where> || std::is_integral_v<Depth>, int>;
-
-template <typename Where, typename Depth>
-struct CheckOptions {
-  static_assert(!kIsDepth<Where>, "a depth needs an inbox or Delivery::Queued before it");
-  static_assert(!std::is_integral_v<Depth>, "write the depth as KeepLast{n}, not as a number");
-};
-
-// Given has a name, as a Topic, Service or State has, but is not what the handle wants.
-template <typename Given, typename Wanted>
-using IfOther = std::enable_if_t<std::is_same_v<decltype(Given::name), EndpointName> &&
-                                     !std::is_convertible_v<const Given&, const Wanted&>,
-                                 int>;
 
 }  // namespace detail
 }  // namespace zorvix
