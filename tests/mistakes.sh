@@ -117,9 +117,9 @@ mistake "$delivery" 'Subscriber s(kQueued, [](const Reading&) {}, Delivery::Queu
 mistake "$delivery" 'Server s(kQueuedSum, [](const Reading&) { return 1; }, Delivery::Direct);'
 mistake "$delivery" 'Client c(kQueuedSum, Delivery::Queued, KeepAll());'
 mistake "a task must be a callable without arguments" 'inbox.Post([](int) {});'
-mistake "only a Sync topic can have an inbox" \
+mistake "can have an inbox" \
   'Subscriber s(kQueued, [](const Reading&) {}, inbox);'
-mistake "only a Sync service can have an inbox" 'Client c(kQueuedSum, inbox);'
+mistake "can have an inbox" 'Client c(kQueuedSum, inbox);'
 mistake "only a call of a Sync service has a timeout" \
   'Client(kQueuedSum).Call(Reading{}, std::chrono::seconds(1));'
 mistake "for a Sync topic only" 'Publisher p(kQueued, Audience::Optional);'

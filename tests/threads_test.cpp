@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 
 #include "bridge_test.h"
 
@@ -84,8 +85,8 @@ TEST_F(Bridge, QueueHolds100TasksForEachWorker) {
   auto& topic = Subscribed("t", BridgeType::Async, {log_running});
   for (const std::size_t count : {0u, 3u, 1u}) {
     TakeLog();
-    const zorvix::Workers workers(count);
-    if (count == 0) WaitForLog("Spin exit.");  // or it would be logged meanwhile
+    std::optional<zorvix::Workers> workers;
+    if (count != 0) workers.emplace(count);
     HoldLog("running");
     for (std::size_t i = 0; i < count; ++i) ZorvixPublish(topic, 1);
     WaitForLog("running", count);
@@ -98,6 +99,12 @@ TEST_F(Bridge, QueueHolds100TasksForEachWorker) {
     HoldLog("");
     ZorvixSpinOnce();
   }
+}
+
+TEST_F(Bridge, ThereMustBeAWorker) {
+  EXPECT_THROW(zorvix::Workers(0).Stop(), std::invalid_argument);
+
+  EXPECT_EQ(TakeLog(), Lines());
 }
 
 TEST_F(Bridge, EmptyQueueIsPolledWithoutItsLock) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <exception>
 #include <new>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -59,8 +60,9 @@ class Pool {
     return pool;
   }
 
-  // Adds an owner with its workers. Throws std::system_error.
+  // Adds an owner with its workers. Throws std::invalid_argument and std::system_error.
   void Add(unsigned long workers) {
+    if (workers == 0) throw std::invalid_argument("there must be at least 1 worker");
     const Lock lock(mutex_);
     threads_.emplace_back(&Pool::Spin, this, workers);
     ++spinning_;

@@ -1,4 +1,21 @@
 // The answer of a call, and the reply with which a server answers later.
+//
+//   #include <zorvix/client.h>
+//   #include <zorvix/server.h>
+//
+//   inline constexpr zorvix::Service<int, int> kHalf{"half"};
+//
+//   int main() {
+//     const zorvix::Server half(kHalf, [](int number, zorvix::Reply<int> reply) {
+//       if (number % 2 != 0) return reply.Refuse();
+//       reply(number / 2);
+//     });
+//     const zorvix::Client client(kHalf);
+//     const zorvix::Answer<int> answer = client.Call(7);
+//     return !answer && answer.why() == zorvix::Why::Refused ? 0 : 1;
+//   }
+//
+// Answer: why, and the members of std::optional. NameOf. Reply: operator(), Refuse.
 #ifndef ZORVIX_ANSWER_H_
 #define ZORVIX_ANSWER_H_
 
@@ -44,6 +61,7 @@ class Answer : public std::optional<Response> {
   Answer() = default;
   Answer(std::nullopt_t, Why why) : why_(why) {}
 
+  // Returns Why::Answered if there is an answer.
   Why why() const { return this->has_value() ? Why::Answered : why_; }
 
  private:
@@ -78,27 +96,29 @@ bool operator!=(const std::optional<A>& a, const Answer<B>& b) {
   return !(b == a);
 }
 
-// Answers one call, now or later, from any thread. Copies answer the same call. The first that is
-// used answers it: later uses do nothing. If the last copy is destroyed and none has been used, the
-// caller gets Why::Destroyed. It may be used after the server and the client have been destroyed.
-// Any thread may use copies at the same time. A moved-from Reply does nothing.
+// Answers one call, now or later, from any thread (similar to a std::promise). A server's callable
+// gets it. Copies answer the same call. The first that is used answers it: later uses do nothing.
+// If the last copy is destroyed and none has been used, the caller gets Why::Destroyed. It may be
+// used after the server and the client have been destroyed. Any thread may use copies at the same
+// time. A moved-from Reply does nothing.
 template <typename Response>
 class Reply {
  public:
-  // A server gets it; there is no need to construct one.
-  explicit Reply(std::shared_ptr<detail::ReplyTarget> target) : target_(std::move(target)) {}
-
-  // Does not block. Throws what the move constructor of the response throws; the caller gets
-  // Why::Threw then.
+  // Answers the call. Does not block. Throws what the move constructor of the response throws; the
+  // caller gets Why::Threw then.
   void operator()(Response response) const {
     if (target_ != nullptr) target_->Settle(detail::AnsweredWith(response));
   }
-  // The caller gets Why::Refused.
+
+  // Answers the call with Why::Refused. Does not block.
   void Refuse() const {
     if (target_ != nullptr) target_->Settle(detail::NoAnswer(Why::Refused));
   }
 
  private:
+  friend Reply detail::MakeReply<Response>(std::shared_ptr<detail::ReplyTarget> target);
+  explicit Reply(std::shared_ptr<detail::ReplyTarget> target) : target_(std::move(target)) {}
+
   std::shared_ptr<detail::ReplyTarget> target_;
 };
 

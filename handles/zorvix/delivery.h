@@ -1,4 +1,12 @@
 // Where the callable of a handle is invoked, and how much is kept for it until then.
+//
+//   #include <zorvix/subscriber.h>
+//
+//   inline constexpr zorvix::Topic<float> kLevels{"levels"};
+//
+//   zorvix::Subscriber<float> ShowLevels() {
+//     return {kLevels, [](float) {}, zorvix::Delivery::Queued, zorvix::KeepLast{10}};
+//   }
 #ifndef ZORVIX_DELIVERY_H_
 #define ZORVIX_DELIVERY_H_
 
@@ -15,11 +23,12 @@ enum class Delivery {
   Queued,  // where the bridge's queue is drained: on a worker, or in SpinOnce
 };
 
-// How many messages, or requests, of one handle may be pending. When one more arrives, the handle's
-// oldest one is dropped; of a client, the new call is (see client.h). Logs a WARN with the first
-// drop, and one with the number of drops when the handle has caught up or is destroyed. With a
-// depth of 1, only the latest one is kept, and drops are not logged. A depth of 0 throws
-// std::invalid_argument.
+// How many messages, or requests, of one handle may be pending (ROS 2's history and depth). When
+// one more arrives, the handle's oldest one is dropped; a client drops the new call (see client.h).
+//
+// Logs a WARN with the first drop, and one with the number of drops when the handle has caught up
+// or is destroyed. With a depth of 1, only the latest one is kept, and drops are not logged. A
+// handle with a depth of 0 throws std::invalid_argument.
 struct KeepLast {
   std::size_t depth = 100;
 };

@@ -1,8 +1,19 @@
-// Reports what the handles of the process do, and what is wrong with them. Covers all modules, also
+// Reports what the handles of the process do, and what is wrong with them. Covers all modules, even
 // those loaded with RTLD_LOCAL.
 //
-//   std::cerr << zorvix::Inspect();  // a table: read its last column
-//   const zorvix::SlowLog slow(std::chrono::milliseconds(16));
+//   #include <zorvix/inspect.h>
+//
+//   #include <chrono>
+//   #include <iostream>
+//
+//   int main() {
+//     const zorvix::SlowLog slow(std::chrono::milliseconds(16));
+//     // ... run the app ...
+//     std::cerr << zorvix::Inspect();  // a table: read its last column
+//   }
+//
+// Inspect, which returns a HandleInfo for each handle, with its Findings; operator<< for those;
+// SlowLog.
 #ifndef ZORVIX_INSPECT_H_
 #define ZORVIX_INSPECT_H_
 
@@ -78,17 +89,18 @@ struct HandleInfo {
   std::size_t dropped = 0;
 
   // The thread that is inside the callable, or that drains the inbox or queue, or was the last to
-  // do so. 0: none.
+  // do so. 0: there was no such thread.
   int thread = 0;
   std::string thread_name;
   // How long it has been inside the callable at least: that is exact if a SlowLog lived when it
-  // entered; otherwise, it is the time since Inspect first saw it there. Empty: it is not inside.
+  // entered; otherwise, it is the time since Inspect first saw it there. std::nullopt: it is not
+  // inside.
   std::optional<std::chrono::nanoseconds> running_for;
   std::chrono::nanoseconds longest{0};  // invocation while a SlowLog lived
 
   std::size_t waiting = 0;  // threads in blocking calls, which wait for the server's answer
   // Of an inbox and of the queue, whose drains are seen if they run tasks of handles: how long ago
-  // the last one was. Empty: never.
+  // the last one was. std::nullopt: there was no drain.
   std::optional<std::chrono::nanoseconds> drained_ago;
 
   std::vector<Finding> findings;
@@ -96,20 +108,21 @@ struct HandleInfo {
 
 // Returns the handles and inboxes of the process, and the bridge's queue if there are queued
 // handles or workers, sorted by name, kind and module, and then in the order of construction. Any
-// thread may call it at any time, also inside a callable. Handles that are constructed or destroyed
-// meanwhile may be missing.
+// thread may call it at any time, also in a callable. Does not wait for callables. Handles that are
+// constructed or destroyed meanwhile may be missing.
 ZORVIX_EXPORT std::vector<HandleInfo> Inspect();
 
-// Prints a table with a line for each, whose last column says what is wrong.
+// Prints a table with a line for each of them, whose last column says what is wrong.
 ZORVIX_EXPORT std::ostream& operator<<(std::ostream& out, const std::vector<HandleInfo>& handles);
 
 // While an object exists, each invocation of a handle's callable or of a posted task that takes
-// longer than `limit` is logged as a WARN, with kind, name, module and milliseconds, and
-// HandleInfo::longest is kept: with a limit of zero, each one; with Timeout::Forever(), none. If
-// there are several objects, the smallest limit applies. Without one, no clock is read. Any thread
-// may construct it.
+// longer than the limit is logged as a WARN, with kind, name, module and milliseconds, and
+// HandleInfo::longest is kept. If there are several objects, the smallest limit applies. Without
+// an object, no clock is read.
 class ZORVIX_EXPORT SlowLog {
  public:
+  // With a `limit` of zero, or a negative one, each invocation is logged; with Timeout::Forever(),
+  // no invocation is logged, but HandleInfo::longest is kept. Any thread may construct it.
   [[nodiscard]] explicit SlowLog(Timeout limit);
   ~SlowLog();
   SlowLog(const SlowLog&) = delete;

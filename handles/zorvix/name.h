@@ -1,8 +1,16 @@
 // The name of a topic, service or state.
+//
+//   #include <zorvix/topic.h>
+//
+//   #include <string>
+//
+//   inline constexpr zorvix::Topic<int> kVolume{"volume"};
+//
+//   zorvix::Topic<int> VolumeOf(const std::string& zone) { return {"volume/" + zone}; }
 #ifndef ZORVIX_NAME_H_
 #define ZORVIX_NAME_H_
 
-#include <zorvix/zorvix.h>
+#include <zorvix/detail/name.h>
 
 #include <cstddef>
 #include <string>
@@ -11,18 +19,16 @@
 
 namespace zorvix {
 
-namespace detail {
-// Returns the text of an equal name that exists until the process ends.
-ZORVIX_EXPORT std::string_view KeepName(std::string_view name);
-}  // namespace detail
-
-// Made of a literal, it is a constant: a header with topics needs no code that runs when a module
-// is loaded. Made of any other text, such as a std::string, it keeps a copy until the process ends,
-// one for each distinct name; so do not compose names without end. Throws std::bad_alloc then.
+// Any bytes. Made of a literal, it is a constant: a header with topics needs no code that runs when
+// a module is loaded. Made of any other text, it keeps a copy until the process ends, one for each
+// distinct name; so do not compose names without end. Any thread may use it.
 class EndpointName {
  public:
+  // REQUIRES: `literal` exists as long as the name is used.
   template <std::size_t kSize>
   constexpr EndpointName(const char (&literal)[kSize]) : text_(literal) {}
+
+  // `text` is a std::string, std::string_view or const char*. Throws std::bad_alloc.
   template <typename Text,
             std::enable_if_t<std::is_convertible_v<const Text&, std::string_view> &&
                                  !std::is_array_v<Text> && !std::is_same_v<Text, EndpointName>,

@@ -1,9 +1,23 @@
-// Tells who is there: how many subscribers a topic has, how many servers a service, how many
-// holders a state.
+// Tells how many subscribers a topic has, how many servers a service, how many holders a state
+// (similar to the matched events of DDS).
 //
-//   const zorvix::Presence viewers(kImages, [this](const zorvix::Matched& now) {
-//     camera_.SetOn(now.count != 0);  // invoked now, and with each change
-//   }, inbox);
+//   #include <zorvix/inbox.h>
+//   #include <zorvix/presence.h>
+//
+//   inline constexpr zorvix::Topic<float> kLevels{"levels"};
+//
+//   class Meter {
+//    public:
+//     explicit Meter(zorvix::Inbox& inbox)
+//         : viewers_(kLevels, [this](const zorvix::Matched& now) { is_on_ = now.count != 0; },
+//                    inbox) {}
+//
+//    private:
+//     bool is_on_ = false;
+//     const zorvix::Presence viewers_;  // the last member, so destroyed first
+//   };
+//
+// Matched. Presence: Now.
 //
 // Counts handles of all modules. Subscribers and servers that are registered through zorvix.h are
 // not seen. A handle counts from when its registration is complete until it has unregistered.
@@ -11,16 +25,12 @@
 #define ZORVIX_PRESENCE_H_
 
 #include <zorvix/delivery.h>
-#include <zorvix/detail/checks.h>
+#include <zorvix/detail/counted.h>
 #include <zorvix/detail/library.h>
 #include <zorvix/detail/mistakes.h>
-#include <zorvix/state.h>
-#include <zorvix/topic.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
-#include <type_traits>
 #include <utility>
 
 namespace zorvix {
@@ -34,32 +44,10 @@ struct Matched {
   std::uint64_t departed = 0;
 };
 
-namespace detail ZORVIX_HIDDEN {
-
-// What a presence of a Topic, Service or State counts. Has no members for other types.
-template <typename Of>
-struct Counted {};
-template <typename Message, bridge::BridgeType kType>
-struct Counted<Topic<Message, kType>> {
-  static constexpr Counterparts kCounterparts = Counterparts::kSubscribers;
-  static constexpr bridge::BridgeType kBridgeType = kType;
-};
-template <typename Request, typename Response, bridge::BridgeType kType>
-struct Counted<Service<Request, Response, kType>> {
-  static constexpr Counterparts kCounterparts = Counterparts::kServers;
-  static constexpr bridge::BridgeType kBridgeType = kType;
-};
-template <typename Value>
-struct Counted<State<Value>> {
-  static constexpr Counterparts kCounterparts = Counterparts::kHolders;
-  static constexpr bridge::BridgeType kBridgeType = bridge::BridgeType::Sync;
-};
-
-}  // namespace detail
-
-// `of` is a Topic, a Service or a State.
+// Any thread may use it. In its constructors, `of` is a Topic, a Service or a State.
 class [[nodiscard]] Presence {
  public:
+  // Without a callable.
   template <typename Of, bridge::BridgeType kType = detail::Counted<Of>::kBridgeType>
   [[nodiscard]] explicit Presence(const Of& of)
       : state_(detail::MakePresence({of.name, kType}, detail::Counted<Of>::kCounterparts, {}, {})) {
@@ -69,12 +57,13 @@ class [[nodiscard]] Presence {
   // one, one at a time. Changes in between may be skipped, the last one never. The callable may
   // construct and destroy handles of the same name.
   //
-  // With Delivery::Direct, on the thread that constructs or destroys a counterpart, or on a thread
-  // that is still inside the callable: it stays there while other threads construct and destroy
-  // counterparts. When that constructor or destructor has returned, outside the callable, the
-  // callable has been invoked with the change, or is being invoked on another thread. An exception
-  // that is no std::exception ends the process, but for the first invocation, on the thread that
-  // constructs the presence. With Delivery::Queued, where the bridge's queue is drained.
+  // With Delivery::Direct, the default, on the thread that constructs or destroys a counterpart, or
+  // on a thread that is still inside the callable: that one stays there while other threads
+  // construct and destroy counterparts. When that constructor or destructor has returned, outside
+  // the callable, the callable has been invoked with the change, or is being invoked on another
+  // thread. An exception that is no std::exception ends the process, but for the first invocation,
+  // on the thread that constructs the presence. With Delivery::Queued, where the bridge's queue is
+  // drained.
   template <typename Of, typename Callable,
             bridge::BridgeType kType = detail::Counted<Of>::kBridgeType,
             detail::IfCallable<Callable> = 0>
@@ -82,7 +71,7 @@ class [[nodiscard]] Presence {
       : state_(detail::MakePresence({of.name, kType}, detail::Counted<Of>::kCounterparts,
                                     detail::Receive<Matched>(std::move(callable)), {delivery})) {}
 
-  // Invokes the callable in drains of the inbox.
+  // Does the same in drains of `inbox`.
   template <typename Of, typename Callable,
             bridge::BridgeType kType = detail::Counted<Of>::kBridgeType,
             detail::IfCallable<Callable> = 0>
@@ -92,16 +81,15 @@ class [[nodiscard]] Presence {
                                     {Delivery::Queued, &inbox})) {}
 
   // Returns what is known now, even if the callable has not been invoked with it yet; it will be.
-  // A moved-from presence knows nothing.
+  // Does not block. A moved-from presence returns zeros.
   Matched Now() const { return state_ == nullptr ? Matched() : detail::Now(*state_); }
 
-  // Any other arguments: says what is wrong.
+  // Other arguments: a compile error that says what is wrong.
   template <
       typename Given, typename... More,
       detail::IfMistaken<detail::Takes::kCallableOrNothing, detail::Unknown, Given, More...> = 0>
   explicit Presence(Given&&, More&&...) {
-    static_cast<void>(
-        detail::Mistake<detail::Takes::kCallableOrNothing, detail::Unknown, Given, More...>());
+    detail::Explain<detail::Takes::kCallableOrNothing, detail::Unknown, Given, More...>();
   }
 
  private:

@@ -1,16 +1,26 @@
 // States: named values of which every watcher has the latest, even a watcher that is constructed
-// late.
+// late (a retained topic with conflation).
 //
-//   inline constexpr zorvix::State<Summary> kSummary{"summary"};  // in a header they share
-//   zorvix::Holder summary(kSummary);
-//   summary.Set({20, 0.5});
-//   const zorvix::Watcher show(kSummary, [](const Summary& latest) { ... });  // invoked now
+//   #include <zorvix/state.h>
+//
+//   inline constexpr zorvix::State<float> kVolume{"volume"};
+//
+//   int main() {
+//     zorvix::Holder volume(kVolume);
+//     volume.Set(0.5f);
+//     float shown = 0;
+//     const zorvix::Watcher show(kVolume, [&](float latest) { shown = latest; });  // invoked now
+//     const auto latest = zorvix::Watcher(kVolume).Latest();
+//     return latest != nullptr && *latest == shown ? 0 : 1;
+//   }
+//
+// Holder: Set. Watcher: Latest, WaitForValue.
 //
 // A watcher that is constructed after Set has returned has that value or a later one when its
 // constructor returns. A watcher that is constructed before there is a holder has the values that
 // are set later. When the holder is destroyed, watchers keep the latest value; watchers that are
-// constructed afterwards have none until another holder sets one. Setting an equal value again is a
-// new value.
+// constructed afterwards have no value until another holder sets one. Setting an equal value again
+// is a new value.
 //
 // Values are shared by all watchers, not copied. As long as others have values of a holder, and
 // these have a destructor, the holder's module stays loaded, even after dlclose. Names of states do
@@ -19,114 +29,111 @@
 #define ZORVIX_STATE_H_
 
 #include <zorvix/delivery.h>
-#include <zorvix/detail/checks.h>
 #include <zorvix/detail/library.h>
 #include <zorvix/detail/mistakes.h>
 #include <zorvix/name.h>
 #include <zorvix/timeout.h>
 
 #include <memory>
-#include <type_traits>
 #include <typeinfo>
 #include <utility>
 
 namespace zorvix {
 
+// A name and a type of values, in a header that modules share.
 template <typename Value>
 struct State {
   EndpointName name;
 };
 
 // Sets the value of a state. If there are several holders, watchers that are constructed later get
-// the value of the latest holder that still exists; the bridge logs a WARN when it is constructed.
+// the value of the latest holder that still exists; a WARN is logged when it is constructed.
 template <typename Value>
 class [[nodiscard]] Holder {
  public:
   [[nodiscard]] explicit Holder(const State<Value>& state)
       : state_(detail::MakeHolder({state.name}, typeid(Value))) {}
 
-  // Any other arguments: says what is wrong.
-  template <typename Given, typename... More,
-            detail::IfMistaken<detail::Takes::kNothing, State<Value>, Given, More...> = 0>
-  explicit Holder(Given&&, More&&...) {
-    static_cast<void>(detail::Mistake<detail::Takes::kNothing, State<Value>, Given, More...>());
-  }
-
-  // Blocks while direct watchers are invoked. Any thread may call it. If it throws std::bad_alloc,
-  // the value is not set. If a direct watcher throws an exception that is no std::exception, it
-  // leaves Set: the value is set, but other watchers may not have it.
+  // Sets the value, and blocks while direct watchers are invoked. Any thread may call it, also in a
+  // callable, and even in that of a watcher of this state, which is then invoked again when it has
+  // returned. If several threads set values at the same time, all watchers end with the same one.
+  //
+  // If it throws std::bad_alloc, the value is not set. If a direct watcher throws an exception that
+  // is no std::exception, it leaves Set: the value is set, but other watchers may not have it.
   void Set(Value value) {
     if (state_ == nullptr) return;
     detail::Set(*state_, ::new Value(std::move(value)), detail::kDestroyValue<Value>);
   }
 
+  // Other arguments: a compile error that says what is wrong.
+  template <typename Given, typename... More,
+            detail::IfMistaken<detail::Takes::kNothing, State<Value>, Given, More...> = 0>
+  explicit Holder(Given&&, More&&...) {
+    detail::Explain<detail::Takes::kNothing, State<Value>, Given, More...>();
+  }
+
  private:
   detail::Owned<detail::HolderState> state_;
 };
+Holder(...)->Holder<detail::Unknown>;  // for that constructor
 
-// Leads to the constructor that says what is wrong.
-Holder(...)->Holder<detail::Unknown>;
-
-// Gives access to the latest value of a state.
+// Gives access to the latest value of a state. Any thread may use it.
 template <typename Value>
 class [[nodiscard]] Watcher {
  public:
+  // Without a callable.
   [[nodiscard]] explicit Watcher(const State<Value>& state)
       : state_(detail::MakeWatcher({state.name}, typeid(Value), {}, {})) {}
 
   // Invokes callable(const Value&) for the latest value and for each later one, one at a time.
-  // Values in between may be skipped, the last one never; none is passed twice, or after a later
-  // one.
+  // Values in between may be skipped, the last one never. No value is passed twice, or after a
+  // later one.
   //
-  // With Delivery::Direct, on the thread that sets the value, or on a thread that is still inside
-  // the callable: a thread that is inside the callable stays there while other threads set values.
-  // When the constructor has returned, the callable has been invoked, or is being invoked on
-  // another thread, for the value that was set by then. With Delivery::Queued, where the bridge's
-  // queue is drained.
+  // With Delivery::Direct, the default, on the thread that sets the value, or on a thread that is
+  // still inside the callable: that one stays there while other threads set values. When the
+  // constructor has returned, the callable has been invoked, or is being invoked on another thread,
+  // for the value that was set by then. With Delivery::Queued, where the bridge's queue is drained.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Watcher(const State<Value>& state, Callable callable,
                         Delivery delivery = Delivery::Direct)
-      : state_(Make(state, callable, detail::Place{delivery})) {}
+      : state_(Make(state, callable, {delivery})) {}
 
-  // Invokes the callable in drains of the inbox.
+  // Does the same in drains of `inbox`.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Watcher(const State<Value>& state, Callable callable, Inbox& inbox)
-      : state_(Make(state, callable, detail::Place{Delivery::Queued, &inbox})) {}
+      : state_(Make(state, callable, {Delivery::Queued, &inbox})) {}
 
-  // Returns the latest value, or null if there is none yet.
+  // Returns the latest value, or null if there is no value yet. Does not block.
   std::shared_ptr<const Value> Latest() const {
     if (state_ == nullptr) return nullptr;
     return std::static_pointer_cast<const Value>(detail::Latest(*state_));
   }
 
-  // Blocks until there is a value, and returns the latest one. Another thread must set the value.
-  // Returns null after `timeout`, if there is none yet.
+  // Blocks until there is a value, and returns the latest one. Returns null after `timeout`, which
+  // is forever by default, if there is no value yet.
+  // REQUIRES: another thread sets the value.
   std::shared_ptr<const Value> WaitForValue(Timeout timeout = Timeout::Forever()) const {
     if (state_ == nullptr) return nullptr;
     return std::static_pointer_cast<const Value>(detail::WaitForValue(*state_, timeout));
   }
 
-  // Any other arguments: says what is wrong.
+  // Other arguments: a compile error that says what is wrong.
   template <typename Given, typename... More,
             detail::IfMistaken<detail::Takes::kCallableOrNothing, State<Value>, Given, More...> = 0>
   explicit Watcher(Given&&, More&&...) {
-    static_cast<void>(
-        detail::Mistake<detail::Takes::kCallableOrNothing, State<Value>, Given, More...>());
+    detail::Explain<detail::Takes::kCallableOrNothing, State<Value>, Given, More...>();
   }
 
  private:
   template <typename Callable>
-  static detail::Owned<detail::WatcherState> Make(const State<Value>& state, Callable& callable,
-                                                  const detail::Place& place) {
+  static auto Make(const State<Value>& state, Callable& callable, const detail::Place& place) {
     return detail::MakeWatcher({state.name}, typeid(Value),
                                detail::Receive<Value>(std::move(callable)), place);
   }
 
   detail::Owned<detail::WatcherState> state_;
 };
-
-// Leads to the constructor that says what is wrong.
-Watcher(...)->Watcher<detail::Unknown>;
+Watcher(...)->Watcher<detail::Unknown>;  // for that constructor
 
 }  // namespace zorvix
 

@@ -1,8 +1,19 @@
 // The subscriber to a topic.
 //
-//   const zorvix::Subscriber print(kSamples, [](const Sample& sample) { ... });
-//   const zorvix::Subscriber store(kSamples, Store, zorvix::Delivery::Queued);
-//   const zorvix::Subscriber show(kSamples, Show, inbox, zorvix::KeepLast{1});
+//   #include <zorvix/inbox.h>
+//   #include <zorvix/subscriber.h>
+//
+//   inline constexpr zorvix::Topic<float> kLevels{"levels"};
+//
+//   class Display {
+//    public:
+//     explicit Display(zorvix::Inbox& inbox)
+//         : shown_(kLevels, [this](float level) { level_ = level; }, inbox, zorvix::KeepLast{1}) {}
+//
+//    private:
+//     float level_ = 0;
+//     const zorvix::Subscriber<float> shown_;  // the last member, so destroyed first
+//   };
 #ifndef ZORVIX_SUBSCRIBER_H_
 #define ZORVIX_SUBSCRIBER_H_
 
@@ -11,59 +22,57 @@
 #include <zorvix/detail/mistakes.h>
 #include <zorvix/topic.h>
 
-#include <type_traits>
 #include <utility>
 
 namespace zorvix {
 
+// Invokes callable(const Message&) for each message. A message of another type is logged instead.
+// What the callable returns is ignored. typed.h says on which thread it is invoked, and what a
+// destructor waits for.
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class [[nodiscard]] Subscriber {
  public:
-  // Invokes callable(const Message&) for each message, on the publisher's thread. A message of
-  // another type is logged instead.
+  // Invokes the callable directly, on the publisher's thread, with the publisher's object. Several
+  // threads may do so at the same time.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable)
-      : state_(Make(topic, callable, detail::Place{}, {})) {}
+      : state_(Make(topic, callable, {}, {})) {}
 
-  // With Delivery::Queued, in order and one at a time, with any number of workers; `keep` limits
-  // how many messages are pending then.
+  // With Delivery::Queued, invokes the callable where the bridge's queue is drained, in order and
+  // one at a time, with any number of workers (similar to a strand of Boost.Asio or a
+  // folly::SerialExecutor). At most `keep` messages are pending: 100 by default.
+  // REQUIRES: a Sync topic.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable, Delivery delivery,
                            KeepLast keep = {})
-      : state_(Make(topic, callable, detail::Place{delivery}, keep)) {
-    static_assert(kType == bridge::BridgeType::Sync, "only a Sync topic has a choice of delivery");
-  }
+      : state_(Make(topic, callable, detail::At<kType>(delivery), keep)) {}
 
-  // Invokes the callable in drains of the inbox.
+  // Invokes the callable in drains of `inbox`, in order. At most `keep` messages are pending: 100
+  // by default. If the inbox is destroyed first, messages are ignored.
+  // REQUIRES: a Sync topic.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable, Inbox& inbox,
                            KeepLast keep = {})
-      : state_(Make(topic, callable, detail::Place{Delivery::Queued, &inbox}, keep)) {
-    static_assert(kType == bridge::BridgeType::Sync, "only a Sync topic can have an inbox");
-  }
+      : state_(Make(topic, callable, detail::At<kType>(inbox), keep)) {}
 
-  // Any other arguments: says what is wrong.
+  // Other arguments: a compile error that says what is wrong.
   template <typename Given, typename... More,
             detail::IfMistaken<detail::Takes::kCallable, Topic<Message, kType>, Given, More...> = 0>
   explicit Subscriber(Given&&, More&&...) {
-    static_cast<void>(
-        detail::Mistake<detail::Takes::kCallable, Topic<Message, kType>, Given, More...>());
+    detail::Explain<detail::Takes::kCallable, Topic<Message, kType>, Given, More...>();
   }
 
  private:
   template <typename Callable>
-  static detail::Owned<detail::SubscriberState> Make(const Topic<Message, kType>& topic,
-                                                     Callable& callable, const detail::Place& place,
-                                                     KeepLast keep) {
+  static auto Make(const Topic<Message, kType>& topic, Callable& callable,
+                   const detail::Place& place, KeepLast keep) {
     return detail::Subscribe({topic.name, kType}, detail::kMessageType<Message>,
                              detail::Receive<Message>(std::move(callable)), place, keep);
   }
 
   detail::Owned<detail::SubscriberState> state_;
 };
-
-// Leads to the constructor that says what is wrong.
-Subscriber(...)->Subscriber<detail::Unknown>;
+Subscriber(...)->Subscriber<detail::Unknown>;  // for that constructor
 
 }  // namespace zorvix
 

@@ -1,29 +1,18 @@
 // How long a function waits.
+//
+//   #include <zorvix/inbox.h>
+//
+//   #include <chrono>
+//
+//   bool WaitForTasks(const zorvix::Inbox& inbox) { return inbox.Wait(std::chrono::seconds(1)); }
 #ifndef ZORVIX_TIMEOUT_H_
 #define ZORVIX_TIMEOUT_H_
 
-#include <zorvix/zorvix.h>
+#include <zorvix/detail/timeout.h>
 
 #include <chrono>
-#include <ratio>
 
 namespace zorvix {
-
-namespace detail {
-
-constexpr std::chrono::nanoseconds kForever = std::chrono::nanoseconds::max();
-
-template <typename Duration>
-constexpr std::chrono::nanoseconds ClampTimeout(const Duration& time) {
-  // Compared as numbers that no duration overflows.
-  using Hours = std::chrono::duration<double, std::ratio<3600>>;
-  constexpr Hours kTenYears(87'600);
-  if (Hours(time) >= kTenYears) return kForever;
-  if (!(time > Duration::zero())) return std::chrono::nanoseconds::zero();
-  return std::chrono::ceil<std::chrono::nanoseconds>(time);
-}
-
-}  // namespace detail
 
 // Any std::chrono::duration. A negative one is zero, and one of ten years or more is forever.
 class Timeout {

@@ -1,13 +1,14 @@
 // Topics and services: what modules agree on, in a header that they share.
 //
-//   inline constexpr zorvix::Topic<Sample> kSamples{"samples"};
+//   #include <zorvix/topic.h>
+//
+//   #include <string>
+//
+//   inline constexpr zorvix::Topic<float> kLevels{"levels"};
 //   inline constexpr zorvix::Service<int, std::string> kTitle{"title"};
 //
 // Messages, requests and responses are values that can be copied and moved. Names that begin with
 // "zorvix/" are the library's own.
-//
-// kType is for modules that move to handles one by one: an endpoint that is registered through
-// zorvix.h with another type than Sync matches only handles of the same type.
 #ifndef ZORVIX_TOPIC_H_
 #define ZORVIX_TOPIC_H_
 
@@ -17,12 +18,18 @@
 
 namespace zorvix {
 
+// A name and a type of messages. Publishers and subscribers match if both are equal.
+//
+// kType is the topic kind of the plain interface, for modules that move to handles one by one. An
+// endpoint that is registered through zorvix.h matches handles of the same topic kind.
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 struct Topic {
   static_assert(detail::kIsValue<Message>, "a message must be a value, to be copied and moved");
   EndpointName name;
 };
 
+// A name and the types of requests and responses. Clients and servers match if all are equal. kType
+// as for a Topic.
 template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
 struct Service {
   static_assert(detail::kIsValue<Request>, "a request must be a value, to be copied and moved");

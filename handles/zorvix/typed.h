@@ -1,9 +1,25 @@
 // Typed handles for the bridge. A handle registers in its constructor and unregisters in its
 // destructor.
 //
-//   inline constexpr zorvix::Topic<Sample> kSamples{"samples"};  // in a header they share
-//   const zorvix::Subscriber print(kSamples, [](const Sample& sample) { ... });
-//   zorvix::Publisher(kSamples).Publish({1, 0.5});
+//   #include <zorvix/typed.h>
+//
+//   inline constexpr zorvix::Topic<float> kLevels{"levels"};  // in a header that modules share
+//
+//   int main() {
+//     float shown = 0;
+//     const zorvix::Subscriber show(kLevels, [&](float level) { shown = level; });
+//     zorvix::Publisher(kLevels).Publish(0.5f);
+//     return shown == 0.5f ? 0 : 1;
+//   }
+//
+// - topic.h, name.h: Topic, Service, EndpointName. What modules agree on.
+// - publisher.h, subscriber.h: Publisher, Subscriber. Messages.
+// - client.h, server.h, answer.h: Client, Server, Answer, Reply. Calls.
+// - state.h: State, Holder, Watcher. Values of which everybody has the latest.
+// - presence.h: Presence. How many counterparts there are.
+// - delivery.h, inbox.h, workers.h: Delivery, KeepLast, KeepAll, Inbox, InboxThread, Workers. Where
+//   callables are invoked.
+// - timeout.h: Timeout. inspect.h, which this header does not include: what all handles do.
 //
 // Where callables are invoked, for each kind of handle:
 //
@@ -17,8 +33,19 @@
 //   Client      | (only blocking calls)    |                         |
 //
 // Subscribers, servers and clients that are queued or have an inbox also take a KeepLast. Handles
-// match endpoints that are registered through zorvix.h under the same name and type. Any thread may
-// use a handle. A constructor that throws has no effect; it throws what allocations throw, and what
+// match endpoints that are registered through zorvix.h under the same name and topic kind.
+//
+// Threads: any thread may use a handle, and so may a callable. A callable with direct delivery may
+// be entered by several threads at the same time, and before the constructor of its handle has
+// returned. It must return on the thread that invoked it, which matters to fibers.
+//
+// Memory: what a thread did before it published, set, called or posted happens before the callable
+// that is invoked with it. What a callable did happens before the drain that has invoked it
+// returns, and before its handle's destructor returns on another thread.
+//
+// Exceptions: a std::exception that a callable throws is caught and logged. Any other exception
+// propagates to the code that published, called or drained, and ends the process on a worker or an
+// InboxThread. A constructor that throws has no effect; it throws what allocations throw, and what
 // its comment says. A destructor never throws; if there is no memory to unregister a name, the name
 // stays registered, with a WARN, and nothing is delivered to it.
 //
@@ -29,21 +56,11 @@
 // its callable takes, and do not let two callables destroy each other's handles. A callable may
 // destroy its own handle: it is destroyed itself when it has returned.
 //
-// Unloading: once all handles and inboxes of a module have been destroyed, dlclose may unload it.
-// Where others still need code of the module, the library keeps it loaded, and logs why.
-//
-// Memory: what a thread did before it published, set, called or posted happens before the callable
-// that is invoked with it. What a callable did happens before the drain that has invoked it
-// returns, and before its handle's destructor returns on another thread.
-//
-// Callables: a callable with direct delivery may be entered by several threads at the same time,
-// and before the constructor of its handle has returned. It must return on the thread that invoked
-// it, which matters to fibers. A std::exception that it throws is caught and logged. Any other
-// exception propagates to the code that published, called or drained, and ends the process on a
-// worker or an InboxThread.
-//
 // Moving: a handle may be moved, but not by two threads at the same time. A moved-from handle does
 // nothing.
+//
+// Unloading: once all handles and inboxes of a module have been destroyed, dlclose may unload it.
+// Where others still need code of the module, the library keeps it loaded, and logs why.
 //
 // Exit: the bridge is destroyed at process exit, before every static object that existed when the
 // bridge was first used. Destroy handles before. A function-local static handle in a function that

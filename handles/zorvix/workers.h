@@ -1,4 +1,14 @@
 // Threads that drain the bridge's queue.
+//
+//   #include <zorvix/workers.h>
+//
+//   #include <chrono>
+//
+//   int main() {
+//     zorvix::Workers workers(2);
+//     // ... load the modules, run the app ...
+//     return workers.Stop(std::chrono::seconds(5)) ? 0 : 1;
+//   }
 #ifndef ZORVIX_WORKERS_H_
 #define ZORVIX_WORKERS_H_
 
@@ -7,47 +17,48 @@
 
 namespace zorvix {
 
-// Drains the bridge's queue on worker threads.
+// Drains the bridge's queue on worker threads. Stop: ends them.
 //
-// There may be several objects, also of several modules. Their workers drain the one queue until
+// There may be several objects, even of several modules. Their workers drain the one queue until
 // the last object is stopped or destroyed: one that ends before leaves its workers to the others.
 // StopSpin still ends every worker in the process, whoever calls it, and whichever Workers object
-// or Spin call started the worker; stopping the last object calls it.
-// A static object is destroyed at process exit before the bridge.
+// or Spin call started the worker; stopping the last object calls it. A static object is destroyed
+// at process exit before the bridge.
 class ZORVIX_EXPORT Workers {
  public:
   // Starts that many workers, and one thread that waits for them. Traces and debuggers show all of
   // them as "zorvix worker". Does not block: the workers begin later, after up to 0.2 s if a stop
   // has timed out and its workers have not ended. Those workers go on, and belong to this object,
-  // too. Throws std::system_error if the thread cannot be started; a worker that cannot be started
-  // ends the process.
+  // too.
+  //
+  // Throws std::invalid_argument if `count` is 0, and std::system_error if the thread cannot be
+  // started. A worker that cannot be started ends the process.
   [[nodiscard]] explicit Workers(unsigned long count);
 
-  // Does the same as Stop().
+  // As Stop().
   ~Workers();
-
   Workers(const Workers&) = delete;
   Workers& operator=(const Workers&) = delete;
 
   // Asks the workers to end, and blocks until they have ended. Returns immediately if the workers
-  // are left to other objects, or have been ended by StopSpin.
+  // are left to other objects, or have been ended by StopSpin. Any thread may call it, also several
+  // at the same time.
   //
   // A worker ends when it finds the queue empty: that is never while tasks post tasks or are posted
-  // faster than they run, so first stop whatever posts tasks. A worker that has not begun runs no
-  // task. After each second of waiting, it logs a WARN for each callable that a task is invoking,
-  // with its kind, name and module, or one that a task does not return.
-  //
-  // Any thread may call it, also several at the same time. On a worker it never returns.
+  // faster than they are invoked, so first stop whatever posts tasks. A worker that has not begun
+  // invokes no task. After each second of waiting, logs a WARN for each callable that a task is
+  // invoking, with its kind, name and module, or one that a task does not return.
+  // REQUIRES: this thread is not a worker. There, Stop never returns.
   void Stop();
 
-  // Does the same, but blocks for at most `timeout`. Returns whether the workers have ended, or are
+  // As Stop(), but blocks for at most `timeout`. Returns whether the workers have ended, or are
   // left to others. Called again, it waits again.
   //
-  // Once the time is over, no thread begins a callable of a queued handle (Delivery::Queued) until
+  // Once `timeout` is over, no thread begins a callable of a queued handle (Delivery::Queued) until
   // the workers have ended, or new Workers are constructed. What is pending stays pending, in
   // order: SpinOnce invokes it when the workers have ended. The other tasks of the queue, those of
-  // Async endpoints, are run all the same. A callable in progress that waits for another queued one
-  // then waits forever: give its call a timeout, too.
+  // Async endpoints, are invoked all the same. A callable in progress that waits for another queued
+  // one then waits forever: give its call a timeout, too.
   //
   // A thread that exists until the workers have ended calls StopSpin, at most once a second when
   // the workers have begun. If the thread cannot be started, Stop does it itself, and may then

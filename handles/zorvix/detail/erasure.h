@@ -246,8 +246,8 @@ struct AnsweringLater {
   void operator()(const void* request, CurrentReply* reply) {
     const std::shared_ptr<ReplyTarget> kept = reply->Keep();
     try {
-      static_cast<void>(std::invoke(callable, *static_cast<const Request*>(request),
-                                    zorvix::Reply<Response>(kept)));
+      static_cast<void>(
+          std::invoke(callable, *static_cast<const Request*>(request), MakeReply<Response>(kept)));
     } catch (...) {
       kept->Settle(NoAnswer(Why::Threw));
       throw;

@@ -9,6 +9,7 @@
 
 #include <zorvix/delivery.h>
 #include <zorvix/detail/checks.h>
+#include <zorvix/detail/library.h>
 #include <zorvix/zorvix.h>
 
 #include <string_view>
@@ -152,9 +153,32 @@ struct CheckArguments {
   static_assert(Fit<kTakes, More...>(), "no constructor takes these arguments");
 };
 
-// To be instantiated in that constructor.
+// To be called in that constructor.
 template <Takes kTakes, typename Wanted, typename Given, typename... More>
-struct Mistake : CheckEndpoint<Wanted, Given>, CheckArguments<kTakes, More...> {};
+constexpr void Explain() {
+  static_cast<void>(CheckEndpoint<Wanted, Given>());
+  static_cast<void>(CheckArguments<kTakes, More...>());
+}
+
+// Return the place, which only endpoints of the topic kind Sync have, and the audience.
+template <bridge::BridgeType kType>
+constexpr Place At(Delivery delivery) {
+  static_assert(kType == bridge::BridgeType::Sync,
+                "only a Sync topic or service has a choice of delivery");
+  return {delivery};
+}
+template <bridge::BridgeType kType>
+constexpr Place At(Inbox& inbox) {
+  static_assert(kType == bridge::BridgeType::Sync,
+                "only a Sync topic or service can have an inbox");
+  return {Delivery::Queued, &inbox};
+}
+template <bridge::BridgeType kType>
+constexpr Audience Checked(Audience audience) {
+  static_assert(kType == bridge::BridgeType::Sync,
+                "the audience can be chosen for a Sync topic only");
+  return audience;
+}
 
 }  // namespace detail
 }  // namespace zorvix

@@ -15,6 +15,8 @@ namespace zorvix {
 enum class Why;
 template <typename Response>
 class Answer;
+template <typename Response>
+class Reply;
 
 namespace detail ZORVIX_EXPORT {
 
@@ -63,6 +65,11 @@ namespace detail ZORVIX_HIDDEN {
 template <typename Response>
 AnswerSlot SlotOf(Answer<Response>& answer) {
   return {static_cast<std::optional<Response>*>(&answer), &answer.why_, nullptr};
+}
+
+template <typename Response>
+Reply<Response> MakeReply(std::shared_ptr<ReplyTarget> target) {
+  return Reply<Response>(std::move(target));
 }
 
 template <typename Response>
