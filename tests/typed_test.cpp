@@ -32,7 +32,7 @@ std::shared_ptr<void> Share(Handle handle) {
 TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
   zorvix::Inbox inbox;
   const auto queued = Delivery::Queued;
-  std::atomic<bool> running{false};
+  bool running = false;  // not atomic, so ThreadSanitizer sees whether the destructor orders it
   const auto callable = [&](int number) {
     running = true;
     Log("running");
@@ -89,6 +89,29 @@ TEST_F(Bridge, DestructorWaitsForACallableOnAnotherThread) {
     HoldLog("");
     invocation.get();
     TakeLog();
+  }
+}
+
+// The numbers are not atomic, so ThreadSanitizer sees whatever the library does not order.
+TEST_F(Bridge, CallableSeesWhatWasDoneBeforeItsMessageWasSent) {
+  int before = 0;
+  int seen = 0;
+  const auto callable = [&](auto&&...) { return seen = before; };
+  zorvix::Inbox inbox;
+  const zorvix::Subscriber subscriber(kTopic, callable, inbox);
+  const zorvix::Server server(kService, callable, inbox);
+  const zorvix::Watcher watcher(kState, callable, inbox);
+  const std::function<void()> rows[] = {
+      [] { zorvix::Publisher(kTopic).Publish(1); }, [] { zorvix::Holder(kState).Set(1); },
+      [] { zorvix::Client(kService).Call(1); }, [&] { inbox.Post(callable); }};
+  for (const auto& send : rows) {
+    zorvix::InboxThread thread(inbox);
+    ++before;
+
+    send();
+
+    thread.Stop();
+    EXPECT_EQ(seen, before);
   }
 }
 

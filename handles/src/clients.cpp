@@ -1,6 +1,7 @@
 // Clients of services.
 #include <zorvix/detail/library.h>
 
+#include <any>
 #include <atomic>
 #include <exception>
 #include <memory>
@@ -22,7 +23,7 @@ namespace {
 class ReplyOffer final : public Offer {
  public:
   ReplyOffer(const AnswerType& its_type, const char* its_client, ReplyOwner reply)
-      : Offer(its_type, its_client, false), reply_(std::move(reply)) {}
+      : Offer(its_type, its_client, Caller::kContinues), reply_(std::move(reply)) {}
 
  private:
   void Write(const Outcome& outcome) override { reply_.Settle(outcome); }
@@ -78,7 +79,7 @@ class QueuedCall final : public Offer, public std::enable_shared_from_this<Queue
  public:
   QueuedCall(std::any&& request, const AnswerType& its_type, const char* its_client,
              Function<> finish)
-      : Offer(its_type, its_client, false),
+      : Offer(its_type, its_client, Caller::kContinues),
         request_(std::move(request)),
         finish_(std::move(finish)) {
     Set(Why::Dropped);  // unless it begins

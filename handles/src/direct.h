@@ -4,7 +4,6 @@
 
 #include <any>
 #include <exception>
-#include <string>
 #include <utility>
 
 #include "endpoint.h"

@@ -84,9 +84,14 @@ class Dispatcher {
     if (strand.listed_) listed = Unlist(strand);
   }
 
-  void Pause(bool is_paused) {
+  void Pause() {
     const Lock lock(mutex_);
-    is_paused_ = is_paused;
+    is_paused_ = true;
+  }
+
+  void Resume() {
+    const Lock lock(mutex_);
+    is_paused_ = false;
   }
 
   // If there is no memory for a task and none is in the queue, a thread posts it later.
@@ -268,7 +273,9 @@ std::shared_ptr<Strand> MakeQueuedStrand(const Endpoint& endpoint) {
 
 bool HasBegunTaskAfter(Clock::time_point time) { return Dispatcher::Get().HasBegunTaskAfter(time); }
 
-void PauseQueued(bool is_paused) { Dispatcher::Get().Pause(is_paused); }
+void PauseQueued() { Dispatcher::Get().Pause(); }
+
+void ResumeQueued() { Dispatcher::Get().Resume(); }
 
 QueueDrains LookAtQueueDrains() {
   return {latest_drainer.load(std::memory_order_relaxed),

@@ -19,11 +19,12 @@ std::shared_ptr<Strand> MakeQueuedStrand(const Endpoint& endpoint);
 bool HasBegunTaskAfter(Clock::time_point time);
 
 // While queued delivery is paused, tasks invoke no callable and none are posted. A drain in
-// progress ends after its current invocation. Everything stays pending, in order. To be followed,
-// after the end of a pause, by PostQueuedTasks.
-void PauseQueued(bool is_paused);
+// progress ends after its current invocation. Everything stays pending, in order.
+void PauseQueued();
+// Ends the pause. PostQueuedTasks must follow.
+void ResumeQueued();
 
-// The drains of the bridge's queue, as far as they run tasks of handles.
+// The drains of the bridge's queue, as far as they invoke tasks of handles.
 struct QueueDrains {
   int drainer = 0;  // the thread of the latest task, or 0
   Clock::time_point latest_at;

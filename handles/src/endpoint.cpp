@@ -4,6 +4,7 @@
 #include <list>
 #include <map>
 #include <new>
+#include <string_view>
 #include <unordered_map>
 
 #include "match_queue.h"
@@ -243,11 +244,11 @@ Participant::~Participant() {
 }
 
 Subscription::Subscription(const std::string& topic, bridge::BridgeType type,
-                           SubscriberFunction function, bool is_counted)
+                           SubscriberFunction function, Counting counting)
     : callback(std::make_shared<SubscriberFunction>(std::move(function))),
       participant(topic, bridge::BridgeModule::Topic, type),
-      counted_as(is_counted ? participant.control.get() : nullptr) {
-  if (is_counted) {
+      counted_as(counting == Counting::kCounted ? participant.control.get() : nullptr) {
+  if (counted_as != nullptr) {
     Registry::Get().Add(
         counted_as, [this](Entry&) { Bridge().RegisterSubscriber(participant.control, callback); });
   } else {

@@ -74,7 +74,7 @@ using SubscriberFunction = std::function<void(const std::any&)>;
 using ServerFunction = std::function<void(const std::any&, std::any&)>;
 
 // Registers a name as publisher or client, and unregisters it unless `control` has been emptied.
-// The registrations below allocate all they need before: so a failure leaves nothing behind.
+// The registrations below allocate all they need before: so a failure has no effect.
 struct Participant {
   Participant(const std::string& name, bridge::BridgeModule module, bridge::BridgeType type);
   ~Participant();
@@ -85,13 +85,15 @@ struct Participant {
   const bool is_topic;
 };
 
-// All participants of a real name share this address while one of them exists.
+// All endpoints of a real name share this address while one of them exists.
 using Name = const bridge::Control*;
 
+// Whether presences count a subscription.
+enum class Counting { kNotCounted, kCounted };
+
 struct Subscription {
-  // Only counted ones are seen by a presence.
   Subscription(const std::string& topic, bridge::BridgeType type, SubscriberFunction function,
-               bool is_counted = false);
+               Counting counting = Counting::kNotCounted);
   ~Subscription();
   Subscription(const Subscription&) = delete;
   Subscription& operator=(const Subscription&) = delete;
@@ -108,7 +110,7 @@ struct Subscription {
 struct CountedSubscription : Subscription {
   CountedSubscription(const std::string& topic, bridge::BridgeType type,
                       SubscriberFunction function)
-      : Subscription(topic, type, std::move(function), true) {}
+      : Subscription(topic, type, std::move(function), Counting::kCounted) {}
 };
 
 // The bridge has one server for each name. If it is destroyed, the latest one that still exists

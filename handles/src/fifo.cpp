@@ -1,5 +1,7 @@
 #include "fifo.h"
 
+#include <utility>
+
 namespace zorvix::detail {
 
 void Fifo::AddBlock() {

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <list>
 #include <memory>
-#include <utility>
 
 namespace zorvix::detail {
 

@@ -1,7 +1,6 @@
 #include "findings.h"
 
 #include <chrono>
-#include <cstddef>
 #include <string>
 #include <unordered_map>
 

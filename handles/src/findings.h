@@ -26,7 +26,7 @@ struct Row {
   const Strand* strand = nullptr;
   bool is_queued = false;  // drained by the bridge's queue, or that queue itself
   Strand::Drains drains;
-  // Participants of the name: all, and those of the handle.
+  // Endpoints of the name: all, and those of the handle.
   long participants = 0;
   long own_participants = 0;
   bool is_running_time_exact = false;

@@ -14,7 +14,7 @@ void Gate::NotifyLeft() {
   left_.NotifyAll();
 }
 
-void Gate::WaitForOthers(const Record& record, std::uint32_t own_passes, bool is_around_callable) {
+void Gate::WaitForOthers(const Record& record, std::uint32_t own_passes, const Callable* callable) {
   const auto have_left = [&](Clock::time_point until) {
     Lock lock(mutex_);
     bool is_over = false;
@@ -23,7 +23,7 @@ void Gate::WaitForOthers(const Record& record, std::uint32_t own_passes, bool is
   };
   const auto log = [&](int seconds, auto) {
     // The record follows one invocation, perhaps that of this thread.
-    const int thread = is_around_callable ? record.inside.thread() : 0;
+    const int thread = callable != nullptr ? record.inside.thread() : 0;
     LogWaitingDestructor(record, thread == ThisThread() ? 0 : thread, seconds);
   };
   WaitAndLog(kNever, have_left, log);
@@ -38,7 +38,7 @@ void Gate::Close(const Record& record, Callable* callable) {
     ++own_passes;
   }
   inside_ += kClosed;
-  if (inside_ != kClosed + own_passes) WaitForOthers(record, own_passes, callable != nullptr);
+  if (inside_ != kClosed + own_passes) WaitForOthers(record, own_passes, callable);
   if (callable == nullptr) return;
   if (own_passes == 0) {
     callable->Reset();

@@ -1,4 +1,4 @@
-// Keeps a module's code from being run once its handle is destroyed.
+// Keeps a module's code from being called once its handle is destroyed.
 #ifndef ZORVIX_HANDLES_GATE_H_
 #define ZORVIX_HANDLES_GATE_H_
 
@@ -30,7 +30,7 @@ class Gate {
 
  private:
   void NotifyLeft();
-  void WaitForOthers(const Record& record, std::uint32_t own_passes, bool is_around_callable);
+  void WaitForOthers(const Record& record, std::uint32_t own_passes, const Callable* callable);
 
   static constexpr std::uint32_t kClosed = 1u << 31;
   std::atomic<std::uint32_t> inside_{0};  // kClosed is added by Close

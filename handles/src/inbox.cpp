@@ -1,15 +1,16 @@
 #include "inbox.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <thread>
+#include <typeinfo>
 #include <utility>
 
 #include "dispatcher.h"
 #include "threads.h"
 
-namespace zorvix {
-namespace detail {
+namespace zorvix::detail {
 namespace {
 
 using Task = Function<>;
@@ -82,7 +83,9 @@ class DrainThread {
   std::thread thread_;
 };
 
-}  // namespace detail
+}  // namespace zorvix::detail
+
+namespace zorvix {
 
 Inbox::Inbox(const std::string& name, detail::Module& module)
     : state_(std::make_shared<detail::InboxState>(name, module)) {}

@@ -114,7 +114,7 @@ class MessageQueue final : public Queue {
   const std::size_t value_size_;  // of the message in a slot
   const std::size_t slot_size_;
   const std::size_t depth_;
-  Gate gate_;  // a push is inside while it runs code of the module without the mutex
+  Gate gate_;  // a push is inside while it uses code of the module without the mutex
   Callable callable_;
 
   // Of the drain in progress:

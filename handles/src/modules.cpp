@@ -4,7 +4,6 @@
 
 #include <functional>
 #include <set>
-#include <string_view>
 #include <utility>
 
 namespace zorvix::detail {
@@ -73,20 +72,17 @@ void ValueOwner::DestroyValue(const void* value, void (*destroy)(const void*)) {
     const Gate::Pass pass(gate_);
     if (pass.admitted()) {
       destroy(value);
-      RemoveValue(true);
+      // Kept loaded only if `destroy` has destroyed the holder.
+      if (void* const unneeded = RemoveValue()) dlclose(unneeded);
       return;
     }
   }
   DestroyAfterHolder(value, destroy);
 }
 
-void ValueOwner::RemoveValue(bool is_loaded) {
-  void* unneeded = nullptr;
-  {
-    const Lock lock(mutex_);
-    if (--values_ == 0) std::swap(kept_, unneeded);
-  }
-  if (unneeded != nullptr && is_loaded) dlclose(unneeded);
+void* ValueOwner::RemoveValue() {
+  const Lock lock(mutex_);
+  return --values_ == 0 ? std::exchange(kept_, nullptr) : nullptr;
 }
 
 void ValueOwner::EndHolder(const Record& holder) {
@@ -112,7 +108,8 @@ void ValueOwner::DestroyAfterHolder(const void* value, void (*destroy)(const voi
   const bool is_loaded =
       is_program || (meanwhile != nullptr && IsStillLoaded(reinterpret_cast<const void*>(destroy)));
   if (is_loaded) destroy(value);
-  RemoveValue(is_loaded);
+  void* const unneeded = RemoveValue();
+  if (unneeded != nullptr && is_loaded) dlclose(unneeded);
   if (meanwhile != nullptr) dlclose(meanwhile);
 }
 

@@ -41,7 +41,8 @@ class ValueOwner {
   void EndHolder(const Record& holder);
 
  private:
-  void RemoveValue(bool is_loaded);
+  // Returns what has kept the module loaded, if nothing needs that any more, or null.
+  void* RemoveValue();
   void DestroyAfterHolder(const void* value, void (*destroy)(const void*));
   bool IsStillLoaded(const void* code) const;
 

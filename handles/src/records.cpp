@@ -2,6 +2,9 @@
 
 #include <dlfcn.h>
 
+#include <chrono>
+#include <functional>
+#include <memory>
 #include <type_traits>
 #include <utility>
 

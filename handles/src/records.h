@@ -8,8 +8,8 @@
 #include <zorvix/timeout.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
+#include <exception>
 #include <list>
 #include <set>
 #include <string>
@@ -84,7 +84,7 @@ struct Record {
   const std::type_info* message_type = nullptr;  // or of requests or values
   const std::type_info* response_type = nullptr;
   const Participant* participant = nullptr;  // with the name of its counterparts
-  long own_participants = 1;                 // the participants of that name that are the handle's
+  long own_participants = 1;                 // the endpoints of that name that are the handle's
   const ServerRegistration* server = nullptr;
   const Strand* strand = nullptr;  // in which the callable is invoked, if in any
 

@@ -79,12 +79,14 @@ class RequestReply final : public CurrentReply {
   ReplyOwner& owner_;
 };
 
+enum class Caller { kWaits, kContinues };
+
 // Exists on the stack of the client during the call, or in the queued call. Used by the calling
 // thread only.
 class Offer : public CurrentReply {
  public:
-  Offer(const AnswerType& its_type, const char* its_client, bool its_caller_waits)
-      : type(its_type), client(its_client), caller_waits(its_caller_waits) {}
+  Offer(const AnswerType& its_type, const char* its_client, Caller its_caller)
+      : type(its_type), client(its_client), caller(its_caller) {}
   Offer(const Offer&) = delete;
   Offer& operator=(const Offer&) = delete;
 
@@ -100,7 +102,7 @@ class Offer : public CurrentReply {
 
   const AnswerType& type;
   const char* const client;  // its module, or null if it has no handle
-  const bool caller_waits;   // on this thread
+  const Caller caller;       // this thread
 
  protected:
   ~Offer() = default;

@@ -1,7 +1,10 @@
 // Servers of services.
 #include <zorvix/detail/library.h>
 
-#include <chrono>
+#include <any>
+#include <memory>
+#include <string>
+#include <typeinfo>
 #include <utility>
 
 #include "direct.h"
@@ -74,7 +77,7 @@ void AnswerDirectly(Direct& direct, const std::type_info& answer_type, const std
 }
 
 void AnswerInStrand(MessageQueue& queue, const std::any& request, Offer& offer) {
-  if (offer.caller_waits && queue.strand().IsDrainedByThisThread()) {
+  if (offer.caller == Caller::kWaits && queue.strand().IsDrainedByThisThread()) {
     BRIDGE_LOG(bridge::kLogError,
                "a callable calls a server that could only answer after that callable returns, "
                "name: %s",

@@ -5,6 +5,7 @@
 #include <zorvix/detail/library.h>
 
 #include <algorithm>
+#include <any>
 #include <cstdint>
 #include <memory>
 #include <new>

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <new>
 #include <stdexcept>
 #include <utility>
 

@@ -1,6 +1,8 @@
 // Publishers and subscribers.
 #include <zorvix/detail/library.h>
 
+#include <any>
+#include <memory>
 #include <optional>
 #include <typeinfo>
 #include <utility>

@@ -105,7 +105,7 @@ class WaitingOffer final : public Offer {
   // `module` is that of the client, or null if it has no handle.
   WaitingOffer(const AnswerType& its_type, const AnswerSlot& slot, const std::string& service,
                const char* module)
-      : Offer(its_type, module, true), slot_(slot), service_(service) {}
+      : Offer(its_type, module, Caller::kWaits), slot_(slot), service_(service) {}
   // After an exception, the server may still have the reply.
   ~WaitingOffer() { Wait(Clock::time_point()); }
   WaitingOffer(const WaitingOffer&) = delete;

@@ -1,6 +1,8 @@
 #include "waits.h"
 
 #include <new>
+#include <optional>
+#include <string_view>
 
 #include "dispatcher.h"
 #include "endpoint.h"

@@ -16,8 +16,7 @@
 #include "threads.h"
 #include "waits.h"
 
-namespace zorvix {
-namespace detail {
+namespace zorvix::detail {
 namespace {
 
 constexpr std::chrono::seconds kSecond(1);
@@ -89,7 +88,7 @@ class Pool {
     while (owners_ == 0 && (spinning_ != 0 || is_stopping_)) {
       const auto now = Clock::now();
       if (now >= end) {
-        if (spinning_ != 0) PauseQueued(true);
+        if (spinning_ != 0) PauseQueued();
         return false;
       }
       if (now < warning_at) {
@@ -158,7 +157,7 @@ class Pool {
         }
       }
       // Before anybody learns that the workers have ended. Meanwhile an owner may come and go.
-      PauseQueued(false);
+      ResumeQueued();
       lock.Unlock();
       PostQueuedTasks();
       lock.Relock();
@@ -188,7 +187,9 @@ class Pool {
 
 std::size_t CountWorkers() { return Pool::Get().Count(); }
 
-}  // namespace detail
+}  // namespace zorvix::detail
+
+namespace zorvix {
 
 Workers::Workers(unsigned long count) {
   // Constructed before a static object of this class, so they are destroyed later.

@@ -99,8 +99,8 @@ struct HandleInfo {
   std::chrono::nanoseconds longest{0};  // invocation while a SlowLog lived
 
   std::size_t waiting = 0;  // threads in blocking calls, which wait for the server's answer
-  // Of an inbox and of the queue, whose drains are seen if they run tasks of handles: how long ago
-  // the last one was. std::nullopt: there was no drain.
+  // Of an inbox and of the queue, whose drains are seen if they invoke tasks of handles: how long
+  // ago the last one was. std::nullopt: there was no drain.
   std::optional<std::chrono::nanoseconds> drained_ago;
 
   std::vector<Finding> findings;

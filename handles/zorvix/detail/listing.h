@@ -30,11 +30,12 @@ class ZORVIX_EXPORT Listing {
   Listing(const char* kind, const std::string& name, Module& module, std::function<Counts()> count);
   // When it has returned, `count` is destroyed.
   ~Listing();
+  Listing(const Listing&) = delete;
+  Listing& operator=(const Listing&) = delete;
+
   // The next handle that this thread constructs has no row of its own: this one shows its
   // invocations. It must be destroyed before this object. One at a time.
   void AdoptNextHandle();
-  Listing(const Listing&) = delete;
-  Listing& operator=(const Listing&) = delete;
 
  private:
   struct Row;
