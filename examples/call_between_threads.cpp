@@ -9,7 +9,7 @@
 #include <vector>
 
 // What modules would share. The request is a destination, the answer a distance in kilometres.
-const zorvix::Service<std::string, int> kDistance{"distance"};
+inline constexpr zorvix::Service<std::string, int> kDistance{"distance"};
 
 // The slow module. Its server is invoked on a thread of its own.
 class Navigator {

@@ -8,8 +8,8 @@
 #include <thread>
 
 // What modules would share.
-const zorvix::Topic<int> kSamples{"samples"};
-const zorvix::Service<int, int> kSquare{"square"};
+inline constexpr zorvix::Topic<int> kSamples{"samples"};
+inline constexpr zorvix::Service<int, int> kSquare{"square"};
 
 thread_local const char* thread_name = "a thread without a name";
 

@@ -20,16 +20,16 @@ struct Place {
 
 const auto ignore = [](const auto&) {};
 
-const zorvix::Topic<Place> kFix{"gps/fix"};
-const zorvix::Topic<Place> kMisspelled{"gps/fxi"};
-const zorvix::Topic<int> kFrames{"frames"};
-const zorvix::Topic<int> kSamples{"samples"};
-const zorvix::Topic<Alert> kAlerts{"alerts"};
-const zorvix::Topic<std::string> kAlertTexts{"alerts"};
-const zorvix::Service<int, std::string> kRoutes{"routes"};
-const zorvix::Topic<int> kThumbnails{"thumbnails"};
-const zorvix::State<int> kVolume{"volume"};
-const zorvix::State<int> kCapitalVolume{"Volume"};
+inline constexpr zorvix::Topic<Place> kFix{"gps/fix"};
+inline constexpr zorvix::Topic<Place> kMisspelled{"gps/fxi"};
+inline constexpr zorvix::Topic<int> kFrames{"frames"};
+inline constexpr zorvix::Topic<int> kSamples{"samples"};
+inline constexpr zorvix::Topic<Alert> kAlerts{"alerts"};
+inline constexpr zorvix::Topic<std::string> kAlertTexts{"alerts"};
+inline constexpr zorvix::Service<int, std::string> kRoutes{"routes"};
+inline constexpr zorvix::Topic<int> kThumbnails{"thumbnails"};
+inline constexpr zorvix::State<int> kVolume{"volume"};
+inline constexpr zorvix::State<int> kCapitalVolume{"Volume"};
 
 std::atomic<bool> is_over{false};
 

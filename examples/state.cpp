@@ -12,7 +12,7 @@ struct Settings {
   std::string theme;
   int volume;
 };
-const zorvix::State<Settings> kSettings{"settings"};
+inline constexpr zorvix::State<Settings> kSettings{"settings"};
 
 // Needs no callable: blocks until there is a value.
 void WaitForSettings() {

@@ -11,8 +11,8 @@ struct Sample {
   int number;
   double value;
 };
-const zorvix::Topic<Sample> kSamples{"samples"};
-const zorvix::Service<int, double> kSquare{"square"};
+inline constexpr zorvix::Topic<Sample> kSamples{"samples"};
+inline constexpr zorvix::Service<int, double> kSquare{"square"};
 
 int main() {
   std::atomic<int> shown{0};

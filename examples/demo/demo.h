@@ -48,13 +48,13 @@ struct Line {
   std::string text;
 };
 
-inline const zorvix::Topic<Sample> kSamples{"sample"};
-inline const zorvix::Topic<int> kSent{"sent"};  // the number of samples, after the last one
-inline const zorvix::Topic<Account> kRecorded{"recorded"};
-inline const zorvix::Topic<Account> kUploaded{"uploaded"};
-inline const zorvix::State<Summary> kSummary{"summary"};
-inline const zorvix::Service<Nothing, Advice> kAdvice{"advice"};
-inline const zorvix::Topic<Line> kLines{"line"};
+inline constexpr zorvix::Topic<Sample> kSamples{"sample"};
+inline constexpr zorvix::Topic<int> kSent{"sent"};  // the number of samples, after the last one
+inline constexpr zorvix::Topic<Account> kRecorded{"recorded"};
+inline constexpr zorvix::Topic<Account> kUploaded{"uploaded"};
+inline constexpr zorvix::State<Summary> kSummary{"summary"};
+inline constexpr zorvix::Service<Nothing, Advice> kAdvice{"advice"};
+inline constexpr zorvix::Topic<Line> kLines{"line"};
 
 // Publishes a line, which the host prints on its main thread.
 inline void Say(const std::string& module, const std::string& text) {

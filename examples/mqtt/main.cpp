@@ -22,7 +22,7 @@ NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Reading, sensor, value)
 
 namespace {
 
-const zorvix::Topic<Reading> kReadings{"readings"};
+inline constexpr zorvix::Topic<Reading> kReadings{"readings"};
 
 std::string ToJson(const Reading& reading) { return nlohmann::json(reading).dump(); }
 
