@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <condition_variable>
-#include <cstdio>
 #include <ctime>
 #include <exception>
 #include <set>
@@ -35,18 +34,12 @@ constexpr auto kTick = 1s;
 
 std::string RandomId() {
   std::random_device random;
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "zorvix-%08x%08x", random(), random());
-  return text.data();
+  return "zorvix-" + std::to_string(random()) + "-" + std::to_string(random());
 }
 
 int Port(const Options& options) {
   if (options.port != 0) return options.port;
   return options.ca_file.empty() ? 1883 : 8883;
-}
-
-std::size_t SizeOf(const Link::Received& message) {
-  return message.payload ? message.payload->size() : 0;
 }
 
 StreamPointer MakeStatusStream(const Options& options) {
@@ -72,6 +65,7 @@ class UserSignals {
   }
   ~UserSignals() { pthread_sigmask(SIG_SETMASK, &mask_, nullptr); }
   UserSignals(const UserSignals&) = delete;
+  UserSignals& operator=(const UserSignals&) = delete;
 
  private:
   sigset_t mask_;
@@ -81,15 +75,13 @@ class UserSignals {
 
 Worker::Worker(Options options, std::shared_ptr<detail::Core> core)
     : options_(std::move(options)),
-      broker_(options_.host + ":" + std::to_string(Port(options_))),
       client_id_(options_.client_id.empty() ? RandomId() : options_.client_id),
       core_(std::move(core)),
       status_holder_(options_.status),
-      max_pause_(options_.max_reconnect_delay),
-      pause_(std::min(kFirstPause, max_pause_)) {
+      pause_(kFirstPause) {
   core_->tasks->fd();  // throws here and not on the thread
   if (const auto stream = MakeStatusStream(options_)) core_->outbox.Open(stream);
-  status_.broker = broker_;
+  status_.broker = options_.host + ":" + std::to_string(Port(options_));
   status_.reason = "not yet";
   status_holder_.Set(status_);
 }
@@ -101,18 +93,17 @@ void Worker::Run() {
   pthread_sigmask(SIG_BLOCK, &broken_pipe, &user_signals_);
   while (!HasEnded()) {
     const auto failure = Attempt();
-    if (HasEnded()) break;
     link_.reset();
+    TakeBack(failure);
+    if (HasEnded()) break;
     if (failure) NoteFailure(*failure);
     Pause();
   }
   const std::size_t not_sent = core_->outbox.pending();
-  link_.reset();
   core_->outbox.End();
-  while (!unfinished_.empty()) Finish(unfinished_.begin(), nullptr);
-  SetStatus(false, kClosed);
+  SetStatus(kClosed);
   BRIDGE_LOG(not_sent == 0 ? bridge::kLogInfo : bridge::kLogWarn,
-             "MQTT closed, broker: %s, messages not sent: %zu", broker_.c_str(), not_sent);
+             "MQTT closed, broker: %s, messages not sent: %zu", status_.broker.c_str(), not_sent);
   core_->tasks->Drain();
   core_->End();
 }
@@ -129,8 +120,7 @@ bool Worker::HasEnded() {
 Failure Worker::Attempt() {
   if (auto failure = AskCredentials()) return failure;
   const auto addresses = Resolve();
-  if (!addresses.error.empty()) return Reason{kUnknownHost, addresses.error};
-  Failure failure;
+  auto failure = addresses.failure;
   for (const auto& address : addresses.numeric) {
     auto next = Open(address);
     if (!next) return Serve();
@@ -147,8 +137,7 @@ Failure Worker::AskCredentials() try {
   if (!options_.credentials) return std::nullopt;
   const UserSignals user_signals(user_signals_);
   credentials_ = options_.credentials();
-  const auto problem = CheckCredentials(credentials_);
-  return problem ? Failure({kOptions, *problem}) : std::nullopt;
+  return CheckCredentials(credentials_);
 } catch (const std::exception&) {
   return Reason{kOptions, "the function for credentials has thrown an exception"};
 }
@@ -156,7 +145,6 @@ Failure Worker::AskCredentials() try {
 // The system's look-up cannot be interrupted, so it has a thread of its own, which is left behind
 // when the connection ends first.
 Worker::Addresses Worker::Resolve() {
-  if (IsAddress(options_.host)) return {{options_.host}, ""};
   found_.reset();
   const auto look_up = [core = core_, host = options_.host] {
     core->Post([addresses = LookUp(host)](Worker& worker) { worker.found_ = addresses; });
@@ -164,11 +152,11 @@ Worker::Addresses Worker::Resolve() {
   try {
     std::thread(look_up).detach();
   } catch (const std::system_error& error) {
-    return {{}, error.what()};
+    return {{}, Reason{kUnknownHost, error.what()}};
   }
   while (!found_ && Wait(0, Clock::now() + kTick)) {
   }
-  return found_.value_or(Addresses{{}, kClosed});
+  return found_.value_or(Addresses{{}, Reason{kClosed, ""}});
 }
 
 Worker::Addresses Worker::LookUp(const std::string& host) {
@@ -176,7 +164,7 @@ Worker::Addresses Worker::LookUp(const std::string& host) {
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
   const int failure = getaddrinfo(host.c_str(), nullptr, &hints, &found);
-  if (failure != 0) return {{}, gai_strerror(failure)};
+  if (failure != 0) return {{}, Reason{kUnknownHost, gai_strerror(failure)}};
   Addresses addresses;
   for (auto* entry = found; entry != nullptr; entry = entry->ai_next) {
     std::array<char, NI_MAXHOST> text{};
@@ -213,26 +201,27 @@ Failure Worker::Open(const std::string& address) {
 void Worker::NoteFailure(const Reason& reason) {
   const bool is_new = reason.cause != cause_;
   if (is_new) {
-    BRIDGE_LOG(bridge::kLogWarn, "MQTT not connected, broker: %s, reason: %s", broker_.c_str(),
-               reason.text().c_str());
+    BRIDGE_LOG(bridge::kLogWarn, "MQTT not connected, broker: %s, reason: %s",
+               status_.broker.c_str(), reason.text().c_str());
     cause_ = reason.cause;
-    pause_ = std::min(kFirstPause, max_pause_);
+    pause_ = kFirstPause;
   }
-  if (is_new || status_.connected) SetStatus(false, reason.text());
+  if (is_new || status_.connected) SetStatus(reason.text());
 }
 
 // Pauses differ a little, so that many processes do not come back at the same moment.
 void Worker::Pause() {
-  const auto until = Clock::now() + pause_ - pause_ * (random_() % 256) / 1024;
+  const auto longest = std::min(pause_, options_.max_reconnect_delay);
+  const auto until = Clock::now() + longest - longest * (random_() % 256) / 1024;
   while (Clock::now() < until && Wait(0, until)) {
   }
-  pause_ = std::min(pause_ * 2, max_pause_);
+  pause_ = 2 * longest;
 }
 
-void Worker::SetStatus(bool connected, const std::string& reason) {
-  status_.connected = connected;
+void Worker::SetStatus(const std::string& reason) {
+  status_.connected = reason.empty();
   status_.reason = reason;
-  status_.counters = core_->Count();
+  ShareCounters();
   const UserSignals user_signals(user_signals_);
   status_holder_.Set(status_);
 }
@@ -251,22 +240,18 @@ Failure Worker::Serve() {
     failure = Exchange();
   }
   if (Clock::now() - since >= kStableTime) cause_ = nullptr;
-  if (failure) {
-    TakeBack(failure->cause == kLost || failure->cause == kRefusesMessage);
-  } else {
-    Farewell();
-  }
+  if (!failure) Farewell();
   return failure;
 }
 
 void Worker::Welcome() {
-  BRIDGE_LOG(bridge::kLogInfo, "MQTT connected, broker: %s", broker_.c_str());
-  ++core_->connections;
+  BRIDGE_LOG(bridge::kLogInfo, "MQTT connected, broker: %s", status_.broker.c_str());
+  ++status_.counters.connections;
   for (const auto& [topic, inlets] : imports_) {
-    for (const auto& inlet : inlets) link_->Subscribe(topic, inlet->kind == detail::Kind::kState);
+    for (const auto& inlet : inlets) link_->Subscribe(topic, inlet->kind);
   }
   core_->outbox.RepeatStates();
-  SetStatus(true, "");
+  SetStatus("");
 }
 
 // Does what the socket is ready for.
@@ -274,8 +259,8 @@ Failure Worker::Exchange() {
   Failure failure;
   if ((ready_ & ~POLLOUT) != 0) failure = link_->Read();
   for (auto& message : std::exchange(link_->received, {})) {
-    ++core_->received;
-    core_->bytes_received += SizeOf(message);
+    ++status_.counters.received;
+    status_.counters.bytes_received += message.payload.size();
     received_.push_back(std::move(message));
   }
   Deliver();  // before Write, which acknowledges it
@@ -285,7 +270,6 @@ Failure Worker::Exchange() {
   if (!failure) failure = link_->KeepAlive();
   if (!failure && (ready_ & (POLLERR | POLLHUP)) != 0) failure = link_->Lost();
   Acknowledge();
-  LogSubscriptions();
   return failure;
 }
 
@@ -300,11 +284,17 @@ void Worker::Farewell() {
 
 // Waits until the socket is ready, or there are tasks. Returns whether the worker goes on.
 bool Worker::Wait(short events, Clock::time_point until) {
+  ShareCounters();
   ready_ = Poll(events, std::min(until, core_->stop_time.load()));
   core_->tasks->Drain();
   Deliver();
   DropUnclaimed();
   return !HasEnded();
+}
+
+void Worker::ShareCounters() {
+  const std::lock_guard lock(core_->mutex);
+  core_->counters = status_.counters;
 }
 
 short Worker::Poll(short events, Clock::time_point until) {
@@ -321,9 +311,10 @@ short Worker::Poll(short events, Clock::time_point until) {
 
 void Worker::AddImport(const InletPointer& inlet) {
   imports_[inlet->topic].push_back(inlet);
-  if (IsConnected()) link_->Subscribe(inlet->topic, inlet->kind == detail::Kind::kState);
-  unclaimed_.erase(inlet->topic);
-  for (auto& message : TakeHeld(inlet->topic)) received_.push_back(std::move(message));
+  if (IsConnected()) link_->Subscribe(inlet->topic, inlet->kind);
+  const auto unclaimed = unclaimed_.extract(inlet->topic);
+  if (!unclaimed) return;
+  for (auto& message : TakeHeld(unclaimed.mapped())) received_.push_back(std::move(message));
 }
 
 void Worker::RemoveImport(const InletPointer& inlet) {
@@ -335,7 +326,7 @@ void Worker::RemoveImport(const InletPointer& inlet) {
   imports_.erase(found);
   if (HasSession()) {
     // Not yet, since the whole process may be ending, and the session shall outlive it.
-    unclaimed_.emplace(inlet->topic, Clock::now() + kMaxHoldTime);
+    unclaimed_.insert({inlet->topic, {Clock::now() + kMaxHoldTime, {}}});
   } else if (IsConnected()) {
     link_->Unsubscribe(inlet->topic);
   }
@@ -344,6 +335,7 @@ void Worker::RemoveImport(const InletPointer& inlet) {
 // The subscribers of imports are invoked here, under no lock. They may destroy the connection.
 void Worker::Deliver() {
   if (received_.empty()) return;
+  ShareCounters();
   const UserSignals user_signals(user_signals_);
   while (!received_.empty() && core_->stop_time.load() > Clock::now()) {
     auto message = std::move(received_.front());
@@ -354,10 +346,10 @@ void Worker::Deliver() {
       continue;
     }
     for (const auto& inlet : found->second) {
-      if (!message.payload) {
-        inlet->rejected->Add("it is too long");
-      } else if (!inlet->Invoke(*message.payload)) {
-        inlet->rejected->Add("it cannot be decoded");
+      if (message.payload.size() > options_.max_payload_size) {
+        inlet->rejected.Add("it is too long");
+      } else {
+        inlet->Receive(message.payload);
       }
     }
   }
@@ -366,55 +358,36 @@ void Worker::Deliver() {
 // Keeps a message of the session until its import is constructed.
 void Worker::Hold(Link::Received message) {
   if (!HasSession()) return;  // its import has been destroyed meanwhile
-  unclaimed_.emplace(message.topic, Clock::now() + kMaxHoldTime);
-  if (held_bytes_ + SizeOf(message) > kMaxHeldBytes) {
-    RejectHeld(message.topic, "too much arrives before its import is constructed");
+  auto& [until, held] =
+      unclaimed_.insert({message.topic, {Clock::now() + kMaxHoldTime, {}}}).first->second;
+  if (held_bytes_ + message.payload.size() > kMaxHeldBytes) {
+    RejectedHeld(message.topic).Add("too much arrives before its import is constructed");
     return;
   }
-  held_bytes_ += SizeOf(message);
-  held_.push_back(std::move(message));
+  held_bytes_ += message.payload.size();
+  held.push_back(std::move(message));
 }
 
-std::vector<Link::Received> Worker::TakeHeld(const std::string& topic) {
-  std::vector<Link::Received> taken;
-  for (auto& message : std::exchange(held_, {})) {
-    if (message.topic != topic) {
-      held_.push_back(std::move(message));
-      continue;
-    }
-    held_bytes_ -= SizeOf(message);
-    taken.push_back(std::move(message));
-  }
-  return taken;
+std::vector<Link::Received> Worker::TakeHeld(Unclaimed& unclaimed) {
+  for (const auto& message : unclaimed.held) held_bytes_ -= message.payload.size();
+  return std::move(unclaimed.held);
 }
 
 // Gives up topics for which no import has been constructed in time.
 void Worker::DropUnclaimed() {
   for (auto next = unclaimed_.begin(); next != unclaimed_.end();) {
-    const auto unclaimed = next++;
-    const auto& [topic, until] = *unclaimed;
-    if (until > Clock::now()) continue;
-    for (std::size_t count = TakeHeld(topic).size(); count > 0; --count) {
-      RejectHeld(topic, "no import is constructed within 10 s");
-    }
+    const auto current = next++;
+    auto& [topic, unclaimed] = *current;
+    if (unclaimed.until > Clock::now()) continue;
+    const auto count = TakeHeld(unclaimed).size();
+    if (count > 0) RejectedHeld(topic).Add("no import is constructed within 10 s", count);
     if (IsConnected()) link_->Unsubscribe(topic);
-    unclaimed_.erase(unclaimed);
+    unclaimed_.erase(current);
   }
 }
 
-void Worker::RejectHeld(const std::string& topic, const char* reason) {
-  rejected_held_.try_emplace(topic, "import", topic).first->second.Add(reason);
-}
-
-void Worker::LogSubscriptions() {
-  for (const auto& [topic, refusal] : std::exchange(link_->subscribed, {})) {
-    if (refusal == nullptr) {
-      BRIDGE_LOG(bridge::kLogInfo, "MQTT subscribed, topic: %s", topic.c_str());
-    } else {
-      BRIDGE_LOG(bridge::kLogWarn, "MQTT subscription refused, topic: %s, reason: %s",
-                 topic.c_str(), refusal);
-    }
-  }
+Rejected& Worker::RejectedHeld(const std::string& topic) {
+  return rejected_held_.try_emplace(topic, "import", topic).first->second;
 }
 
 // Exports
@@ -422,87 +395,65 @@ void Worker::LogSubscriptions() {
 // A message that was not acknowledged when the broker hung up is sent alone, so that it is known
 // whether it is the cause.
 bool Worker::CanSend() const {
-  const bool has_suspect = !unfinished_.empty() && unfinished_.front().hang_ups > 0;
-  const std::size_t max_in_link = has_suspect ? 1 : kMaxInLink;
-  return in_link_ < max_in_link && bytes_in_link_ < kMaxBytesInLink;
+  const bool has_suspect = !sent_.empty() && sent_.front().hang_ups > 0;
+  return !has_suspect && sent_.size() < kMaxInLink && bytes_in_link_ < kMaxBytesInLink;
 }
 
-// First what an earlier link has not brought to an end.
 void Worker::SendPending() {
-  while (CanSend()) {
-    if (in_link_ < unfinished_.size()) {
-      Send(std::next(unfinished_.begin(), static_cast<std::ptrdiff_t>(in_link_)));
+  while (CanSend() && core_->outbox.Take(sent_)) {
+    const auto message = std::prev(sent_.end());
+    const auto& stream = *message->stream;
+    const std::size_t size = message->text->size();
+    bytes_in_link_ += size;
+    const auto [number, refusal] = link_->Publish(stream.topic, *message->text, stream.kind);
+    if (refusal != nullptr) {
+      Finish(message, refusal);
       continue;
     }
-    auto message = core_->outbox.Take();
-    if (!message) return;
-    Send(unfinished_.insert(unfinished_.end(), std::move(*message)));
+    message->number = number;
+    ++status_.counters.sent;
+    status_.counters.bytes_sent += size;
+    if (message->was_sent) ++status_.counters.sent_again;
   }
-}
-
-void Worker::Send(Message message) {
-  const auto& stream = *message->stream;
-  const bool is_state = stream.kind == detail::Kind::kState;
-  if (is_state && IsImportedState(stream.name)) {
-    Finish(message, nullptr);
-    return;
-  }
-  const auto [number, refusal] = link_->Publish(stream.topic, *message->text, is_state);
-  if (refusal != nullptr) {
-    Finish(message, refusal);
-    return;
-  }
-  message->number = number;
-  ++in_link_;
-  bytes_in_link_ += message->text->size();
-  ++core_->sent;
-  core_->bytes_sent += message->text->size();
-  if (message->was_sent) ++core_->sent_again;
-  message->was_sent = true;
 }
 
 void Worker::Acknowledge() {
   for (const auto& [number, refusal] : std::exchange(link_->acknowledged, {})) {
     const auto message =
-        std::find_if(unfinished_.begin(), unfinished_.end(),
-                     [number = number](const Outgoing& one) { return one.number == number; });
-    if (message == unfinished_.end()) continue;
-    if (refusal == nullptr) ++core_->acknowledged;
+        std::find_if(sent_.begin(), sent_.end(),
+                     [number = number](const Outgoing& sent) { return sent.number == number; });
+    if (message == sent_.end()) continue;
+    if (refusal == nullptr) ++status_.counters.acknowledged;
     Finish(message, refusal);
   }
 }
 
-// Ends what the link knows of a message.
-void Worker::TakeOut(Outgoing& message) {
-  if (std::exchange(message.number, 0) == 0) return;
-  --in_link_;
-  bytes_in_link_ -= message.text->size();
-}
-
-void Worker::Finish(Message message, const char* rejection) {
-  TakeOut(*message);
+void Worker::Finish(Messages::iterator message, const char* rejection) {
+  bytes_in_link_ -= message->text->size();
   if (rejection != nullptr) message->stream->rejected.Add(rejection);
-  core_->outbox.Finish(*message);
-  unfinished_.erase(message);
+  core_->outbox.Finish(sent_, message);
 }
 
 // After a link has ended.
-void Worker::TakeBack(bool broker_hung_up) {
-  for (auto next = unfinished_.begin(); next != unfinished_.end();) {
+void Worker::TakeBack(const Failure& failure) {
+  const bool broker_hung_up =
+      failure && (failure->cause == kLost || failure->cause == kRefusesMessage);
+  for (auto next = sent_.begin(); broker_hung_up && next != sent_.end();) {
     const auto message = next++;
-    const bool was_in_link = message->number != 0;
-    TakeOut(*message);
-    if (!was_in_link || !broker_hung_up || ++message->hang_ups < kMaxHangUps) continue;
-    Finish(message, "the broker ends each connection on which it is sent");
-    pause_ = std::min(kFirstPause, max_pause_);
+    if (++message->hang_ups < kMaxHangUps) continue;
+    message->stream->rejected.Add("the broker ends each connection on which it is sent");
+    core_->outbox.GiveUp(sent_, message);
+    pause_ = kFirstPause;
   }
+  core_->outbox.TakeBack(sent_);
+  bytes_in_link_ = 0;
 }
 
 namespace detail {
 
 void Core::Post(std::function<void(Worker&)> task) {
-  const std::lock_guard lock(mutex_);
-  if (!has_ended_) tasks->Post([this, task = std::move(task)] { task(*worker); });
+  const std::lock_guard lock(mutex);
+  if (tasks) tasks->Post([this, task = std::move(task)] { task(*worker); });
 }
 
 void Core::Stop(Clock::time_point time) {
@@ -511,15 +462,9 @@ void Core::Stop(Clock::time_point time) {
 }
 
 void Core::End() {
-  {
-    const std::lock_guard lock(mutex_);
-    has_ended_ = true;
-  }
-  tasks.reset();
-}
-
-Counters Core::Count() const {
-  return {connections, sent, sent_again, acknowledged, received, bytes_sent, bytes_received};
+  std::unique_ptr<Inbox> ended;  // destroyed after the lock
+  const std::lock_guard lock(mutex);
+  ended = std::move(tasks);
 }
 
 }  // namespace detail
@@ -588,6 +533,9 @@ Connection::~Connection() {
   thread_.join();
 }
 
-Counters Connection::counters() const { return core_->Count(); }
+Counters Connection::counters() const {
+  const std::lock_guard lock(core_->mutex);
+  return core_->counters;
+}
 
 }  // namespace zorvix::mqtt

@@ -32,8 +32,10 @@ class Worker;
 
 // Throws std::invalid_argument.
 void CheckOptions(const Options& options);
-// Why they cannot be sent, or nothing.
-std::optional<std::string> CheckCredentials(const Credentials& credentials);
+Failure CheckCredentials(const Credentials& credentials);
+// Returns the MQTT topic. Throws std::invalid_argument.
+std::string CheckedTopic(const std::string& prefix, const std::string& name,
+                         const std::string& mqtt_topic);
 
 namespace detail {
 
@@ -44,27 +46,14 @@ struct Core {
   // Lets the thread end once nothing is pending, or at that time.
   void Stop(Clock::time_point time);
   void End();  // by the worker, at its end; it invokes no further task
-  // Returns the MQTT topic. Throws std::invalid_argument.
-  std::string CheckedTopic(const std::string& name, const std::string& mqtt_topic) const;
-
-  Counters Count() const;
 
   std::string topic_prefix;
-  std::atomic<std::uint64_t> connections{0};
-  std::atomic<std::uint64_t> sent{0};
-  std::atomic<std::uint64_t> sent_again{0};
-  std::atomic<std::uint64_t> acknowledged{0};
-  std::atomic<std::uint64_t> received{0};
-  std::atomic<std::uint64_t> bytes_sent{0};
-  std::atomic<std::uint64_t> bytes_received{0};
   Outbox outbox{[this] { Post([](Worker&) {}); }};
   Worker* worker = nullptr;
   std::unique_ptr<Inbox> tasks = std::make_unique<Inbox>("mqtt");
   std::atomic<Clock::time_point> stop_time{Clock::time_point::max()};
-
- private:
-  std::mutex mutex_;
-  bool has_ended_ = false;  // guarded by mutex_, as the tasks' pointer is
+  std::mutex mutex;   // guards the pointer `tasks`, if it is not the worker that reads it, and
+  Counters counters;  // a copy of the worker's
 };
 
 }  // namespace detail
@@ -82,9 +71,13 @@ class Worker {
  private:
   struct Addresses {
     std::vector<std::string> numeric;
-    std::string error;
+    Failure failure;
   };
-  using Message = std::list<Outgoing>::iterator;  // into unfinished_
+  // A topic of the session for which there is no import.
+  struct Unclaimed {
+    Clock::time_point until;
+    std::vector<Link::Received> held;
+  };
 
   bool HasEnded();
   bool HasSession() const { return !options_.client_id.empty(); }
@@ -97,57 +90,50 @@ class Worker {
   Failure Open(const std::string& address);
   void NoteFailure(const Reason& reason);
   void Pause();
-  void SetStatus(bool connected, const std::string& reason);
+  void SetStatus(const std::string& reason);  // empty: connected
 
   Failure Serve();  // returns nothing at an orderly end
   void Welcome();
   Failure Exchange();
   void Farewell();
+  void ShareCounters();
   bool Wait(short events, Clock::time_point until);
   short Poll(short events, Clock::time_point until);
 
   void Deliver();
   void Hold(Link::Received message);
-  std::vector<Link::Received> TakeHeld(const std::string& topic);
+  std::vector<Link::Received> TakeHeld(Unclaimed& unclaimed);
   void DropUnclaimed();
-  void RejectHeld(const std::string& topic, const char* reason);
-  void LogSubscriptions();
+  Rejected& RejectedHeld(const std::string& topic);
 
   bool CanSend() const;
   void SendPending();
-  void Send(Message message);
   void Acknowledge();
-  void TakeOut(Outgoing& message);
-  void Finish(Message message, const char* rejection);  // nullptr: it is not rejected
-  void TakeBack(bool broker_hung_up);
+  void Finish(Messages::iterator message, const char* rejection);  // nullptr: it is not rejected
+  void TakeBack(const Failure& failure);
 
   const Options options_;
-  const std::string broker_;  // host:port
   const std::string client_id_;
   const std::shared_ptr<detail::Core> core_;
   sigset_t user_signals_{};  // the mask of the thread while code of users runs
-  Status status_;
+  Status status_;            // with the present counters
   Holder<Status> status_holder_;
   Credentials credentials_;
   const char* cause_ = nullptr;  // of the last failure, as logged
-  const std::chrono::milliseconds max_pause_;
   std::chrono::milliseconds pause_;
   std::minstd_rand random_{std::random_device()()};
 
   std::unique_ptr<Link> link_;
   short ready_ = 0;  // what poll says of its socket
 
-  // Taken from the outbox and not finished, in order. Those without a number follow the others.
-  std::list<Outgoing> unfinished_;
-  std::size_t in_link_ = 0;  // of them, those with a number
-  std::size_t bytes_in_link_ = 0;
+  Messages sent_;                  // and not acknowledged
+  std::size_t bytes_in_link_ = 0;  // of them
 
   std::unordered_map<std::string, std::vector<InletPointer>> imports_;  // by topic
   std::deque<Link::Received> received_;                                 // and not delivered
-  std::deque<Link::Received> held_;                                     // without an import
-  std::size_t held_bytes_ = 0;
-  std::map<std::string, Clock::time_point> unclaimed_;  // topics without an import, until then
-  std::map<std::string, Rejected> rejected_held_;       // by topic
+  std::map<std::string, Unclaimed> unclaimed_;                          // by topic
+  std::size_t held_bytes_ = 0;                                          // in unclaimed_
+  std::map<std::string, Rejected> rejected_held_;                       // by topic
 
   std::optional<Addresses> found_;  // by the look-up that is under way
   bool has_ended_ = false;

@@ -1,15 +1,18 @@
 #include "export.h"
 
+#include <exception>
+#include <iterator>
 #include <stdexcept>
 
 #include "connection.h"
 #include "import.h"
-#include "link.h"
 
 namespace zorvix::mqtt {
 
+using detail::Kind;
+
 void Outbox::Open(const StreamPointer& stream) {
-  if (stream->kind == detail::Kind::kTopic) return;
+  if (stream->kind == Kind::kTopic) return;
   const std::lock_guard lock(mutex_);
   states_.insert(stream);
 }
@@ -28,91 +31,82 @@ void Outbox::Push(const StreamPointer& stream, std::string text) {
       ++stream->dropped;
       return;
     }
-    if (stream->kind == detail::Kind::kState) {
-      stream->value = shared_text;
-      Drop(*stream);
-    }
-    Enqueue(stream, std::move(shared_text), /*is_pending=*/true);
+    if (stream->kind == Kind::kState) stream->value = shared_text;
+    Append({stream, std::move(shared_text), /*was_sent=*/false});
     wakes = std::exchange(wakes_, false);
   }
   if (wakes) wake_();
 }
 
-void Outbox::Enqueue(const StreamPointer& stream, Text text, bool is_pending) {
-  const std::uint64_t turn = ++last_turn_;
-  auto& queue = stream->queue;
-  if (queue.empty()) ready_.emplace(turn, stream);
-  queue.push_back({turn, std::move(text), is_pending});
-  if (is_pending) {
-    ++stream->pending;
-    ++pending_;
-  }
-  if (queue.size() <= stream->depth) return;
-  ++stream->dropped;
-  --stream->pending;
-  --pending_;
-  queue[1].turn = queue[0].turn;
-  queue.pop_front();
+void Outbox::Append(Outgoing message) {
+  auto& stream = *message.stream;
+  auto& waiting = stream.waiting;
+  waiting.push_back(messages_.insert(messages_.end(), std::move(message)));
+  ++stream.pending;
+  ++pending_;
+  if (waiting.size() <= stream.depth) return;
+  if (stream.kind == Kind::kTopic) ++stream.dropped;
+  messages_.splice(waiting[0], messages_, waiting[1]);
+  Erase(messages_, waiting[0]);
+  waiting.pop_front();
 }
 
-void Outbox::Drop(detail::Stream& stream) {
-  if (stream.queue.empty()) return;
-  ready_.erase(stream.queue.front().turn);
-  for (const auto& queued : stream.queue) {
-    if (!queued.is_pending) continue;
-    --stream.pending;
-    --pending_;
-  }
-  stream.queue.clear();
+void Outbox::Erase(Messages& messages, Messages::iterator message) {
+  --message->stream->pending;
+  --pending_;
+  messages.erase(message);
 }
 
 void Outbox::Forget(const StreamPointer& stream) {
   const std::lock_guard lock(mutex_);
-  Drop(*stream);
   stream->value.reset();
+  for (const auto message : std::exchange(stream->waiting, {})) Erase(messages_, message);
 }
 
-zorvix::detail::Counts Outbox::Count(const detail::Stream& stream) {
+zorvix::detail::Counts Outbox::Count(const StreamPointer& stream) {
   const std::lock_guard lock(mutex_);
-  return {stream.pending, stream.depth, stream.dropped + stream.rejected.count()};
+  return {stream->pending, stream->depth, stream->dropped + stream->rejected.count()};
 }
 
-std::optional<Outgoing> Outbox::Take() {
+bool Outbox::Take(Messages& taken) {
   const std::lock_guard lock(mutex_);
-  while (!ready_.empty()) {
-    const auto stream = ready_.begin()->second;
-    if (stream->kind == detail::Kind::kState && IsImportedState(stream->name)) {
-      Drop(*stream);
-      continue;
+  while (!messages_.empty()) {
+    const auto message = messages_.begin();
+    auto& stream = *message->stream;
+    auto& waiting = stream.waiting;
+    if (!waiting.empty() && waiting.front() == message) waiting.pop_front();
+    if (stream.kind == Kind::kTopic || !IsImportedState(stream.name)) {
+      taken.splice(taken.end(), messages_, message);
+      return true;
     }
-    auto node = ready_.extract(ready_.begin());
-    auto& [turn, text, is_pending] = stream->queue.front();
-    Outgoing message{stream, std::move(text), is_pending, /*was_sent=*/!is_pending};
-    stream->queue.pop_front();
-    ++stream->unfinished;
-    if (!stream->queue.empty()) {
-      node.key() = stream->queue.front().turn;
-      ready_.insert(std::move(node));
-    }
-    return message;
+    Erase(messages_, message);
   }
   wakes_ = true;
-  return std::nullopt;
+  return false;
 }
 
-void Outbox::Finish(const Outgoing& message) {
+void Outbox::Finish(Messages& taken, Messages::iterator message) {
   const std::lock_guard lock(mutex_);
-  --message.stream->unfinished;
-  if (!message.is_pending) return;
-  --message.stream->pending;
-  --pending_;
+  Erase(taken, message);
+}
+
+void Outbox::GiveUp(Messages& taken, Messages::iterator message) {
+  const std::lock_guard lock(mutex_);
+  auto& value = message->stream->value;
+  if (value == message->text) value.reset();
+  Erase(taken, message);
+}
+
+void Outbox::TakeBack(Messages& taken) {
+  const std::lock_guard lock(mutex_);
+  for (auto& message : taken) message.was_sent = true;
+  messages_.splice(messages_.begin(), taken);
 }
 
 void Outbox::RepeatStates() {
   const std::lock_guard lock(mutex_);
   for (const auto& stream : states_) {
-    const bool has_more = !stream->queue.empty() || stream->unfinished != 0;
-    if (stream->value && !has_more) Enqueue(stream, stream->value, /*is_pending=*/false);
+    if (stream->value && stream->pending == 0) Append({stream, stream->value, /*was_sent=*/true});
   }
 }
 
@@ -124,39 +118,41 @@ std::size_t Outbox::pending() {
 void Outbox::End() {
   const std::lock_guard lock(mutex_);
   has_ended_ = true;
-  while (!ready_.empty()) {
-    const auto stream = ready_.begin()->second;  // shared, since the map may have the last one
-    stream->dropped += stream->queue.size();
-    Drop(*stream);
-  }
   states_.clear();
+  while (!messages_.empty()) {
+    auto& stream = *messages_.front().stream;
+    ++stream.dropped;
+    stream.waiting.clear();
+    Erase(messages_, messages_.begin());
+  }
 }
 
 namespace detail {
 
 Sender::Sender(Connection& connection, const std::string& name, const std::string& mqtt_topic,
-               Kind kind, KeepLast keep)
+               Kind kind, KeepLast keep, zorvix::detail::Module& module)
     : core_(connection.core_),
-      stream_(
-          std::make_shared<Stream>(name, core_->CheckedTopic(name, mqtt_topic), kind, keep.depth)) {
+      stream_(std::make_shared<Stream>(name, CheckedTopic(core_->topic_prefix, name, mqtt_topic),
+                                       kind, keep.depth)),
+      listing_("Export", name, module, [this] { return core_->outbox.Count(stream_); }) {
   if (keep.depth == 0) throw std::invalid_argument("MQTT: a depth must not be 0");
   core_->outbox.Open(stream_);
 }
 
 Sender::~Sender() { core_->outbox.Close(stream_); }
 
-bool Sender::IsImported(const void* message) const {
-  if (stream_->kind == Kind::kTopic) return IsImportedMessage(message);
-  const bool is_imported = IsImportedState(stream_->name);
-  if (is_imported) core_->outbox.Forget(stream_);
-  return is_imported;
+void Sender::Send(const void* message, const std::function<std::string()>& encode) {
+  if (stream_->kind == Kind::kTopic && IsImportedMessage(message)) return;
+  if (stream_->kind == Kind::kState && IsImportedState(stream_->name)) {
+    core_->outbox.Forget(stream_);
+    return;
+  }
+  try {
+    core_->outbox.Push(stream_, encode());
+  } catch (const std::exception&) {
+    stream_->rejected.Add("it cannot be encoded");
+  }
 }
-
-void Sender::Push(std::string text) { core_->outbox.Push(stream_, std::move(text)); }
-
-void Sender::Reject() { stream_->rejected.Add("it cannot be encoded"); }
-
-zorvix::detail::Counts Sender::Count() const { return core_->outbox.Count(*stream_); }
 
 }  // namespace detail
 

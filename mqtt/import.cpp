@@ -1,6 +1,7 @@
 #include "import.h"
 
 #include <chrono>
+#include <exception>
 #include <set>
 
 #include "connection.h"
@@ -22,18 +23,6 @@ struct ImportedStates {
   std::multiset<std::string> names ZORVIX_GUARDED_BY(mutex);
 };
 
-void AddImportedState(const std::string& name) {
-  auto& states = ImportedStates::Instance();
-  const std::lock_guard lock(states.mutex);
-  states.names.insert(name);
-}
-
-void RemoveImportedState(const std::string& name) {
-  auto& states = ImportedStates::Instance();
-  const std::lock_guard lock(states.mutex);
-  states.names.erase(states.names.find(name));
-}
-
 }  // namespace
 
 bool IsImportedMessage(const void* message) { return message == imported_message; }
@@ -46,43 +35,34 @@ bool IsImportedState(const std::string& name) {
 
 namespace detail {
 
-bool Inlet::Invoke(const std::string& text) {
+void Inlet::Receive(const std::string& text) {
+  std::shared_ptr<const Receiver::Handler> handler;
   {
     const std::lock_guard lock(mutex_);
-    if (is_closed_) return true;
+    handler = handler_;
     inside_ = std::this_thread::get_id();
   }
-  bool is_decoded = true;
   try {
-    handler_(text);
+    if (handler) (*handler)(text);
   } catch (const std::exception&) {
-    is_decoded = false;
+    rejected.Add("it cannot be decoded");
   }
-  Receiver::Handler closed_handler;  // destroyed under no lock, but before Close returns
-  {
-    const std::lock_guard lock(mutex_);
-    if (is_closed_) closed_handler.swap(handler_);
-  }
-  closed_handler = nullptr;
+  handler.reset();  // after Close the last one, which is destroyed under no lock
   const std::lock_guard lock(mutex_);
   inside_ = {};
   left_.notify_all();
-  return is_decoded;
 }
 
 void Inlet::Close() {
-  {
-    std::unique_lock lock(mutex_);
-    is_closed_ = true;
-    if (inside_ == std::this_thread::get_id()) return;  // Invoke destroys the handler
-    const auto has_left = [this] { return inside_ == std::thread::id(); };
-    if (!left_.wait_for(lock, std::chrono::seconds(1), has_left)) {
-      BRIDGE_LOG(bridge::kLogWarn, "a destructor waits for its callable to return, name: %s",
-                 name.c_str());
-      left_.wait(lock, has_left);
-    }
-  }
-  handler_ = nullptr;
+  std::shared_ptr<const Receiver::Handler> handler;  // destroyed after the lock
+  std::unique_lock lock(mutex_);
+  handler.swap(handler_);
+  if (inside_ == std::this_thread::get_id()) return;  // it is destroyed by Receive
+  const auto has_left = [this] { return inside_ == std::thread::id(); };
+  if (left_.wait_for(lock, std::chrono::seconds(1), has_left)) return;
+  BRIDGE_LOG(bridge::kLogWarn, "a destructor waits for its callable to return, name: %s",
+             name.c_str());
+  left_.wait(lock, has_left);
 }
 
 ImportedTopic::ImportedTopic(const std::string& name)
@@ -98,6 +78,7 @@ void ImportedTopic::Publish(std::any&& any, const void* message) const {
     explicit Marked(const void* marked) : outer(std::exchange(imported_message, marked)) {}
     ~Marked() { imported_message = outer; }
     Marked(const Marked&) = delete;
+    Marked& operator=(const Marked&) = delete;
     const void* const outer;
   };
   const Marked marked(message);
@@ -105,25 +86,31 @@ void ImportedTopic::Publish(std::any&& any, const void* message) const {
 }
 
 Receiver::Receiver(Connection& connection, const std::string& name, const std::string& mqtt_topic,
-                   Kind kind)
+                   Kind kind, zorvix::detail::Module& module)
     : core_(connection.core_),
-      inlet_(std::make_shared<Inlet>(name, core_->CheckedTopic(name, mqtt_topic), kind)) {
-  if (kind == Kind::kState) AddImportedState(name);
+      inlet_(
+          std::make_shared<Inlet>(name, CheckedTopic(core_->topic_prefix, name, mqtt_topic), kind)),
+      listing_(std::make_shared<zorvix::detail::Listing>("Import", name, module, [inlet = inlet_] {
+        return zorvix::detail::Counts{0, 0, inlet->rejected.count()};
+      })) {
+  if (kind == Kind::kTopic) return;
+  auto& states = ImportedStates::Instance();
+  const std::lock_guard lock(states.mutex);
+  states.names.insert(name);
 }
 
 Receiver::~Receiver() {
   inlet_->Close();
-  if (inlet_->kind == Kind::kState) RemoveImportedState(inlet_->name);
   core_->Post([inlet = inlet_](Worker& worker) { worker.RemoveImport(inlet); });
+  if (inlet_->kind == Kind::kTopic) return;
+  auto& states = ImportedStates::Instance();
+  const std::lock_guard lock(states.mutex);
+  states.names.erase(states.names.find(inlet_->name));
 }
 
 void Receiver::Start(Handler handler) {
   inlet_->SetHandler(std::move(handler));
   core_->Post([inlet = inlet_](Worker& worker) { worker.AddImport(inlet); });
-}
-
-std::function<zorvix::detail::Counts()> Receiver::counts() const {
-  return [rejected = inlet_->rejected] { return zorvix::detail::Counts{0, 0, rejected->count()}; };
 }
 
 }  // namespace detail

@@ -25,31 +25,29 @@ namespace detail {
 // An import. Its handler is invoked by the connection's thread until the import closes it.
 class Inlet {
  public:
-  Inlet(const std::string& its_name, std::string its_topic, Kind its_kind)
-      : name(its_name),
-        topic(std::move(its_topic)),
-        kind(its_kind),
-        rejected(std::make_shared<Rejected>("import", its_name)) {}
+  Inlet(std::string its_name, std::string its_topic, Kind its_kind)
+      : name(std::move(its_name)), topic(std::move(its_topic)), kind(its_kind) {}
 
   // Before the connection knows the import.
-  void SetHandler(Receiver::Handler handler) { handler_ = std::move(handler); }
-  // Returns false if the handler throws a std::exception.
-  bool Invoke(const std::string& text);
+  void SetHandler(Receiver::Handler handler) {
+    handler_ = std::make_shared<const Receiver::Handler>(std::move(handler));
+  }
+  // Invokes the handler. If it throws a std::exception, the text is rejected.
+  void Receive(const std::string& text);
   // Afterwards the handler is not invoked. Blocks until another thread has left it.
   void Close();
 
   const std::string name;
   const std::string topic;
   const Kind kind;
-  const std::shared_ptr<Rejected> rejected;
+  Rejected rejected{"import", name};
 
  private:
-  Receiver::Handler handler_;  // used by the thread that is inside, else destroyed by Close
   std::mutex mutex_;
   std::condition_variable left_;
   // Guarded by the mutex. The analysis of the compiler cannot follow a wait.
-  std::thread::id inside_;  // the thread that is invoking the handler
-  bool is_closed_ = false;
+  std::shared_ptr<const Receiver::Handler> handler_;  // null once it is closed
+  std::thread::id inside_;                            // the thread that is invoking the handler
 };
 
 }  // namespace detail

@@ -26,6 +26,17 @@ const char* Refusal(int reason) {
   return reason < kLowestError ? nullptr : mosquitto_reason_string(reason);
 }
 
+void LogSubscription(const std::string& topic, const char* refusal) {
+  if (refusal == nullptr) {
+    BRIDGE_LOG(bridge::kLogInfo, "MQTT subscribed, topic: %s", topic.c_str());
+  } else {
+    BRIDGE_LOG(bridge::kLogWarn, "MQTT subscription refused, topic: %s, reason: %s", topic.c_str(),
+               refusal);
+  }
+}
+
+const char* TextOrNull(const std::string& text) { return text.empty() ? nullptr : text.c_str(); }
+
 Link& Self(void* self) { return *static_cast<Link*>(self); }
 
 // Keeps the client library from ignoring SIGPIPE in the whole process.
@@ -78,12 +89,7 @@ Failure Link::Prepare(const Credentials& credentials) {
   const bool has_will = !options_.status_topic.empty() || options_.last_will;
   const Will will = options_.last_will.value_or(Will{options_.status_topic, "offline", true});
   const std::string will_topic = options_.topic_prefix + will.topic;
-  const auto set_credentials = [&] {
-    const auto& [name, password] = credentials;
-    if (name.empty()) return 0;
-    return mosquitto_username_pw_set(client, name.c_str(),
-                                     password.empty() ? nullptr : password.c_str());
-  };
+  const auto& [username, password] = credentials;
   const auto set_will = [&] {
     if (!has_will) return 0;
     return mosquitto_will_set_v5(client, will_topic.c_str(), static_cast<int>(will.text.size()),
@@ -95,18 +101,19 @@ Failure Link::Prepare(const Credentials& credentials) {
            mosquitto_int_option(client, MOSQ_OPT_SEND_MAXIMUM, 0xFFFF),
            mosquitto_int_option(client, MOSQ_OPT_TCP_NODELAY, 1),
            mosquitto_threaded_set(client, true),
-           set_credentials(),
+           mosquitto_username_pw_set(client, TextOrNull(username), TextOrNull(password)),
            set_will(),
            tls_ ? mosquitto_int_option(client, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0) : 0,
            tls_ ? mosquitto_void_option(client, MOSQ_OPT_SSL_CTX, tls_.get()) : 0,
+           SetConnectProperties(),
        }) {
     if (error != MOSQ_ERR_SUCCESS) return Reason{kOptions, mosquitto_strerror(error)};
   }
   SetCallbacks();
-  return SetConnectProperties();
+  return std::nullopt;
 }
 
-Failure Link::SetConnectProperties() {
+int Link::SetConnectProperties() {
   const auto expiry = options_.client_id.empty() ? 0 : options_.session_expiry.count();
   const std::size_t packet_size = options_.max_payload_size + kPacketOverhead;
   mosquitto_property* properties = nullptr;
@@ -121,8 +128,7 @@ Failure Link::SetConnectProperties() {
     error = mosquitto_connect_bind_v5(client_.get(), "host", /*port=*/-1, 0, nullptr, properties);
   }
   mosquitto_property_free_all(&properties);
-  if (error == MOSQ_ERR_INVAL) return std::nullopt;
-  return Reason{kOptions, mosquitto_strerror(error)};
+  return error == MOSQ_ERR_INVAL ? MOSQ_ERR_SUCCESS : error;
 }
 
 void Link::SetCallbacks() {
@@ -140,24 +146,18 @@ void Link::SetCallbacks() {
     if (Self(self).disconnected_ == 0) Self(self).disconnected_ = reason;
   });
   mosquitto_message_callback_set(client, [](auto*, void* self, auto* message) {
-    Received taken{message->topic, std::nullopt};
-    const auto size = static_cast<std::size_t>(message->payloadlen);
-    if (size <= Self(self).options_.max_payload_size) {
-      taken.payload.emplace(static_cast<const char*>(message->payload), size);
-    }
-    Self(self).received.push_back(std::move(taken));
+    const auto size = std::min(static_cast<std::size_t>(message->payloadlen),
+                               Self(self).options_.max_payload_size + 1);
+    Self(self).received.push_back(
+        {message->topic, std::string(static_cast<const char*>(message->payload), size)});
   });
   mosquitto_publish_v5_callback_set(client, [](auto*, void* self, int number, int reason, auto*) {
     Self(self).acknowledged.push_back({number, Refusal(reason)});
   });
   mosquitto_subscribe_callback_set(
       client, [](auto*, void* self, int number, int count, const int* granted) {
-        const char* const refusal = count == 0 ? nullptr : Refusal(granted[0]);
-        auto& topics = Self(self).subscribing_;
-        if (const auto topic = topics.find(number); topic != topics.end()) {
-          Self(self).subscribed.push_back({topic->second, refusal});
-          topics.erase(topic);
-        }
+        const auto topic = Self(self).subscribing_.extract(number);
+        if (topic) LogSubscription(topic.mapped(), count == 0 ? nullptr : Refusal(granted[0]));
       });
   // Errors that the library logs are those of OpenSSL; the first tells most.
   mosquitto_log_callback_set(client, [](auto* client_of_text, void* self, int level, auto* text) {
@@ -261,7 +261,9 @@ Reason Link::Describe(int error) const {
   }
 }
 
-Link::Published Link::Publish(const std::string& topic, const std::string& text, bool retained) {
+Link::Published Link::Publish(const std::string& topic, const std::string& text,
+                              detail::Kind kind) {
+  const bool retained = kind == detail::Kind::kState;
   if (retained && !retains_) return {0, "the broker does not retain messages"};
   int number = 0;
   const int size = static_cast<int>(std::min<std::size_t>(text.size(), MQTT_MAX_PAYLOAD + 1u));
@@ -281,17 +283,17 @@ Link::Published Link::Publish(const std::string& topic, const std::string& text,
   }
 }
 
-void Link::Subscribe(const std::string& topic, bool retained) {
-  const int options = MQTT_SUB_OPT_NO_LOCAL |
-                      (retained ? MQTT_SUB_OPT_SEND_RETAIN_ALWAYS : MQTT_SUB_OPT_SEND_RETAIN_NEVER);
+void Link::Subscribe(const std::string& topic, detail::Kind kind) {
+  const int retained = kind == detail::Kind::kState ? MQTT_SUB_OPT_SEND_RETAIN_ALWAYS
+                                                    : MQTT_SUB_OPT_SEND_RETAIN_NEVER;
   may_receive_ = true;
   int number = 0;
-  const int error =
-      mosquitto_subscribe_v5(client_.get(), &number, topic.c_str(), /*qos=*/1, options, nullptr);
+  const int error = mosquitto_subscribe_v5(client_.get(), &number, topic.c_str(), /*qos=*/1,
+                                           MQTT_SUB_OPT_NO_LOCAL | retained, nullptr);
   if (error == MOSQ_ERR_SUCCESS) {
     subscribing_[number] = topic;
   } else {
-    subscribed.push_back({topic, mosquitto_strerror(error)});
+    LogSubscription(topic, mosquitto_strerror(error));
   }
 }
 

@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -26,14 +25,10 @@ class Link {
  public:
   struct Received {
     std::string topic;
-    std::optional<std::string> payload;  // none if it is longer than options.max_payload_size
+    std::string payload;  // cut off if it is longer than options.max_payload_size, but still longer
   };
   struct Acknowledged {
     int number;
-    const char* refusal;  // or nullptr
-  };
-  struct Subscribed {
-    std::string topic;
     const char* refusal;  // or nullptr
   };
   struct Published {
@@ -45,6 +40,7 @@ class Link {
   // options must outlive the link.
   Link(const Options& options, const std::string& client_id);
   Link(const Link&) = delete;
+  Link& operator=(const Link&) = delete;
 
   // Begins to connect to a numeric address. It is reached when the socket is writable.
   Failure Open(const std::string& address, int port, const Credentials& credentials);
@@ -63,8 +59,10 @@ class Link {
   bool wants_write() const { return mosquitto_want_write(client_.get()); }
   bool connected() const { return connected_; }
 
-  Published Publish(const std::string& topic, const std::string& text, bool retained);
-  void Subscribe(const std::string& topic, bool retained);
+  // Those of states are retained.
+  Published Publish(const std::string& topic, const std::string& text, detail::Kind kind);
+  // The answer is logged.
+  void Subscribe(const std::string& topic, detail::Kind kind);
   void Unsubscribe(const std::string& topic);
   // An orderly end, which Write sends. With a status_topic the broker publishes the last will.
   void Disconnect();
@@ -72,11 +70,10 @@ class Link {
   // What Read has found, to be taken by the owner.
   std::vector<Received> received;
   std::vector<Acknowledged> acknowledged;
-  std::vector<Subscribed> subscribed;
 
  private:
   Failure Prepare(const Credentials& credentials);
-  Failure SetConnectProperties();
+  int SetConnectProperties();
   void SetCallbacks();
   Failure Check(int error);
   Reason Describe(int error) const;

@@ -1,9 +1,11 @@
 // What a connection's options must fulfil.
 #include <mosquitto.h>
 
-#include <algorithm>
-#include <cctype>
+#include <chrono>
+#include <cstddef>
+#include <optional>
 #include <stdexcept>
+#include <string>
 
 #include "connection.h"
 
@@ -60,8 +62,8 @@ void CheckTexts(const Options& options) {
     Require(IsText(text), std::string(name) + " is not valid UTF-8, or too long");
   }
   Require(!options.host.empty(), "there is no host");
-  const auto problem = CheckCredentials({options.username, options.password});
-  Require(!problem, problem.value_or(""));
+  const auto failure = CheckCredentials({options.username, options.password});
+  if (failure) Require(false, failure->detail);
   Require(!options.credentials || options.username.empty(), "credentials replace the username");
   Require(options.status_topic.empty() || !options.last_will,
           "a status_topic takes the place of the last_will");
@@ -75,13 +77,13 @@ void CheckTexts(const Options& options) {
 
 }  // namespace
 
-std::optional<std::string> CheckCredentials(const Credentials& credentials) {
+Failure CheckCredentials(const Credentials& credentials) {
   const auto& [username, password] = credentials;
-  if (!IsText(username)) return "the username is not valid UTF-8, or too long";
-  if (!password.empty() && username.empty()) return "a password needs a username";
+  if (!IsText(username)) return Reason{kOptions, "the username is not valid UTF-8, or too long"};
+  if (!password.empty() && username.empty()) return Reason{kOptions, "a password needs a username"};
   const bool has_zero = password.find('\0') != std::string::npos;
-  if (has_zero || password.size() > kMaxTextSize) return "the password is too long, or has a zero";
-  return std::nullopt;
+  if (!has_zero && password.size() <= kMaxTextSize) return std::nullopt;
+  return Reason{kOptions, "the password is too long, or has a zero"};
 }
 
 void CheckOptions(const Options& options) {
@@ -98,15 +100,12 @@ void CheckOptions(const Options& options) {
   CheckSecurity(options);
 }
 
-namespace detail {
-
-std::string Core::CheckedTopic(const std::string& name, const std::string& mqtt_topic) const {
+std::string CheckedTopic(const std::string& prefix, const std::string& name,
+                         const std::string& mqtt_topic) {
   const auto& own_part = mqtt_topic.empty() ? name : mqtt_topic;
-  auto topic = topic_prefix + own_part;
+  auto topic = prefix + own_part;
   Require(!own_part.empty() && IsTopic(topic), "the topic \"" + topic + "\" is not allowed");
   return topic;
 }
-
-}  // namespace detail
 
 }  // namespace zorvix::mqtt

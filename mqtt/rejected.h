@@ -18,9 +18,9 @@ class Rejected {
  public:
   Rejected(const char* kind, std::string name) : kind_(kind), name_(std::move(name)) {}
   std::size_t count() const { return count_; }
-  // Counts a message, and logs at most one line a second. Any thread may call it.
-  void Add(const char* reason) {
-    const std::size_t count = ++count_;
+  // Counts messages, and logs at most one line a second. Any thread may call it.
+  void Add(const char* reason, std::size_t added = 1) {
+    const std::size_t count = count_ += added;
     const auto now = Clock::now();
     auto next_line = next_line_.load();
     if (now < next_line) return;

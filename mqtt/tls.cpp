@@ -14,12 +14,11 @@ namespace {
 // Never asks for a password on a terminal.
 int NoPassword(char*, int, int, void*) { return 0; }
 
-// The client library is given a numeric address, and would name that to the broker.
+// The client library is given a numeric address, and would name that to the broker. Names nothing
+// if the host is an address.
 void NameHost(const SSL* ssl, int event, int) {
   if ((event & SSL_CB_HANDSHAKE_START) == 0) return;
-  void* const host = SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl));
-  const bool is_named = !IsAddress(static_cast<const char*>(host));
-  SSL_set_tlsext_host_name(const_cast<SSL*>(ssl), is_named ? host : nullptr);
+  SSL_set_tlsext_host_name(const_cast<SSL*>(ssl), SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl)));
 }
 
 void Expect(bool success, const char* what, const std::string& file) {
@@ -32,13 +31,12 @@ void CheckHost(SSL_CTX* context, const std::string& host) {
   auto* const parameters = SSL_CTX_get0_param(context);
   X509_VERIFY_PARAM_set_hostflags(
       parameters, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS | X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
-  const bool is_set = IsAddress(host)
-                          ? X509_VERIFY_PARAM_set1_ip_asc(parameters, host.c_str()) == 1
-                          : X509_VERIFY_PARAM_set1_host(parameters, host.c_str(), host.size()) == 1;
-  Expect(is_set, "host name", host);
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-  SSL_CTX_set_app_data(context, const_cast<char*>(host.c_str()));
   SSL_CTX_set_info_callback(context, NameHost);
+  if (X509_VERIFY_PARAM_set1_ip_asc(parameters, host.c_str()) == 1) return;
+  const bool is_set = X509_VERIFY_PARAM_set1_host(parameters, host.c_str(), host.size()) == 1;
+  Expect(is_set, "host name", host);
+  SSL_CTX_set_app_data(context, const_cast<char*>(host.c_str()));
 }
 
 Reason DescribeCertificate(long result) {
@@ -96,12 +94,6 @@ Reason DescribeTlsError(const SSL* ssl, const std::string& text) {
     if (text.find(part) != std::string::npos) return {kHandshake, kOtherCertificate};
   }
   return {kTls, text};
-}
-
-bool IsAddress(const std::string& host) {
-  unsigned char address[sizeof(in6_addr)];
-  return inet_pton(AF_INET, host.c_str(), address) == 1 ||
-         inet_pton(AF_INET6, host.c_str(), address) == 1;
 }
 
 bool IsLocalHost(const std::string& host) {

@@ -26,7 +26,6 @@ TlsContext MakeTlsContext(const Options& options);
 // Returns the reason for an error, of which the client library has logged a text.
 Reason DescribeTlsError(const SSL* ssl, const std::string& text);
 
-bool IsAddress(const std::string& host);
 bool IsLocalHost(const std::string& host);
 
 }  // namespace zorvix::mqtt

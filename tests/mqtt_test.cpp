@@ -535,7 +535,7 @@ TEST_F(Mqtt, HandlesMayBeDestroyedAtAnyMoment) {
     std::optional<Connection> near(options);
     std::optional<Connection> far(For(broker, ""));
     bool alive = true;
-    std::optional<Export> out(std::in_place, *near, kNear, [&](const std::string& text) {
+    auto out = std::make_unique<Export>(*near, kNear, [&](const std::string& text) {
       EXPECT_TRUE(alive);
       return text;
     });

@@ -62,8 +62,7 @@
 #include <thread>
 #include <utility>
 
-namespace zorvix {
-namespace mqtt {
+namespace zorvix::mqtt {
 
 // Since the connection was constructed. Bytes are those of payloads.
 struct Counters {
@@ -172,8 +171,10 @@ class Export {
   [[nodiscard]] Export(Connection& connection, const Topic<Message>& topic,
                        typename detail::Given<detail::Encoder<Message>>::Function encode,
                        KeepLast keep = {}, const std::string& mqtt_topic = {})
-      : exporting_(std::make_shared<detail::Exporting<Subscriber<Message>>>(
-            connection, topic, mqtt_topic, detail::Kind::kTopic, std::move(encode), keep)) {}
+      : source_(detail::StartExport<Subscriber<Message>, Message>(
+            std::make_shared<detail::Sender>(connection, topic.name, mqtt_topic,
+                                             detail::Kind::kTopic, keep),
+            topic, std::move(encode))) {}
 
   // Sends the current value, if there is one, and each later one, as a retained message. Values in
   // between may be skipped, the last one never. An empty text clears the retained message. The
@@ -182,13 +183,15 @@ class Export {
   [[nodiscard]] Export(Connection& connection, const State<Value>& state,
                        typename detail::Given<detail::Encoder<Value>>::Function encode,
                        const std::string& mqtt_topic = {})
-      : exporting_(std::make_shared<detail::Exporting<Watcher<Value>>>(
-            connection, state, mqtt_topic, detail::Kind::kState, std::move(encode), KeepLast{1})) {}
+      : source_(detail::StartExport<Watcher<Value>, Value>(
+            std::make_shared<detail::Sender>(connection, state.name, mqtt_topic,
+                                             detail::Kind::kState, KeepLast{1}),
+            state, std::move(encode))) {}
   Export(Export&&) noexcept = default;
   Export& operator=(Export&&) noexcept = default;
 
  private:
-  std::shared_ptr<void> exporting_;
+  std::shared_ptr<void> source_;
 };
 
 // Receives a topic, or a state, from the broker. A payload for which `decode` throws a
@@ -202,7 +205,7 @@ class Import {
   [[nodiscard]] Import(Connection& connection, const Topic<Message>& topic,
                        typename detail::Given<detail::Decoder<Message>>::Function decode,
                        const std::string& mqtt_topic = {})
-      : importing_(detail::ImportTopic(connection, topic, mqtt_topic, std::move(decode))) {}
+      : receiver_(detail::ImportTopic(connection, topic, mqtt_topic, std::move(decode))) {}
 
   // Holds the state, so this process must have no other holder of it. Keeps the last value while
   // the broker is away. Where the retained message is cleared (an empty payload), the state has no
@@ -211,15 +214,14 @@ class Import {
   [[nodiscard]] Import(Connection& connection, const State<Value>& state,
                        typename detail::Given<detail::Decoder<Value>>::Function decode,
                        const std::string& mqtt_topic = {})
-      : importing_(detail::ImportState(connection, state, mqtt_topic, std::move(decode))) {}
+      : receiver_(detail::ImportState(connection, state, mqtt_topic, std::move(decode))) {}
   Import(Import&&) noexcept = default;
   Import& operator=(Import&&) noexcept = default;
 
  private:
-  std::shared_ptr<void> importing_;
+  std::shared_ptr<void> receiver_;
 };
 
-}  // namespace mqtt
-}  // namespace zorvix
+}  // namespace zorvix::mqtt
 
 #endif  // ZORVIX_MQTT_H_
