@@ -24,13 +24,19 @@ void Expect(bool success, const std::string& what) {
   if (!success) throw std::runtime_error(what);
 }
 
-// Returns a socket on a free port of this machine.
-int BindSocket() {
-  const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
+sockaddr_in Loopback(int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  Expect(bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0,
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  return address;
+}
+
+// Returns a socket on a free port.
+int BindSocket() {
+  const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
+  const auto address = Loopback(0);
+  Expect(bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
          "no free port");
   return descriptor;
 }
@@ -47,19 +53,6 @@ int FreePort() {
   const int port = PortOf(descriptor);
   close(descriptor);
   return port;
-}
-
-int ConnectTo(int port) {
-  const int descriptor = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  if (connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-    return descriptor;
-  }
-  close(descriptor);
-  return -1;
 }
 
 }  // namespace
@@ -102,10 +95,9 @@ void Broker::Start() {
 }
 
 void Broker::Freeze() { kill(process_, SIGSTOP); }
-void Broker::Thaw() { kill(process_, SIGCONT); }
 
 void Broker::Stop() {
-  Thaw();
+  kill(process_, SIGCONT);
   // More than once, since a broker that has just started forgets it.
   do {
     kill(process_, SIGTERM);
@@ -145,9 +137,10 @@ Proxy::~Proxy() {
   close(listener_);
 }
 
-void Proxy::CutAt(const std::string& text) {
+void Proxy::CutAt(const std::string& text, const std::string& answer) {
   const std::lock_guard lock(mutex_);
   cut_at_ = text;
+  answer_ = answer;
 }
 
 void Proxy::Run() {
@@ -182,35 +175,32 @@ void Proxy::End(int descriptor) {
 
 void Proxy::Accept() {
   const int client = accept(listener_, nullptr, nullptr);
-  const int broker = broker_port_ == 0 ? socket(AF_INET, SOCK_STREAM, 0) : ConnectTo(broker_port_);
-  if (broker < 0) {
+  const int broker = socket(AF_INET, SOCK_STREAM, 0);
+  const auto address = Loopback(broker_port_);
+  if (connect(broker, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     close(client);
+    close(broker);
     return;
   }
   ++connections_;
   peers_[client] = broker;
-  is_client_[client] = true;
-  if (broker_port_ == 0) return;
   peers_[broker] = client;
-  is_client_[broker] = false;
 }
 
 bool Proxy::Pass(int from) {
-  const int to = peers_[from];
   std::array<char, 65'536> buffer;
   const auto size = read(from, buffer.data(), buffer.size());
   if (size <= 0) return false;
-  if (is_client_[from]) {
-    const std::lock_guard lock(mutex_);
-    const std::string_view text(buffer.data(), static_cast<std::size_t>(size));
-    if (!cut_at_.empty() && text.find(cut_at_) != std::string_view::npos) return false;
+  std::string_view text(buffer.data(), static_cast<std::size_t>(size));
+  const std::lock_guard lock(mutex_);
+  if (!cut_at_.empty() && text.find(cut_at_) != std::string_view::npos) {
+    send(from, answer_.data(), answer_.size(), MSG_NOSIGNAL);
+    return false;
   }
-  if (broker_port_ == 0) return true;
-  for (ssize_t sent = 0; sent < size;) {
-    const auto count =
-        send(to, buffer.data() + sent, static_cast<std::size_t>(size - sent), MSG_NOSIGNAL);
+  while (!text.empty()) {
+    const auto count = send(peers_[from], text.data(), text.size(), MSG_NOSIGNAL);
     if (count <= 0) return false;
-    sent += count;
+    text.remove_prefix(static_cast<std::size_t>(count));
   }
   return true;
 }

@@ -19,14 +19,14 @@ class Broker {
   explicit Broker(const std::string& settings = "allow_anonymous true\n");
   ~Broker();
   Broker(const Broker&) = delete;
+  Broker& operator=(const Broker&) = delete;
 
   // Returns when it accepts connections.
   void Start();
   // Returns when it has ended and has written what it keeps.
   void Stop();
-  // Lets it answer nothing, or go on.
+  // From now on it answers nothing.
   void Freeze();
-  void Thaw();
 
   int port() const { return port_; }
   const std::string& folder() const { return folder_; }
@@ -47,18 +47,19 @@ void MakeCredentials(const std::string& folder);
 // Passes what clients and a broker send to each other.
 class Proxy {
  public:
-  // Without a broker, nobody answers.
-  explicit Proxy(int broker_port = 0);
+  explicit Proxy(int broker_port);
   ~Proxy();
   Proxy(const Proxy&) = delete;
+  Proxy& operator=(const Proxy&) = delete;
 
   int port() const { return port_; }
   // Ends all connections.
   void Cut() { ++cuts_; }
   // Of clients.
   int connections() const { return connections_; }
-  // Ends each connection on which a client sends this text. An empty text: none.
-  void CutAt(const std::string& text);
+  // Ends each connection on which this text is sent, after an answer to its sender. An empty text:
+  // none.
+  void CutAt(const std::string& text, const std::string& answer = "");
 
  private:
   void Run();
@@ -72,12 +73,12 @@ class Proxy {
   int listener_ = 0;
   int port_ = 0;
   std::map<int, int> peers_;  // both ways
-  std::map<int, bool> is_client_;
   std::atomic<int> cuts_{0};
   std::atomic<int> connections_{0};
   std::atomic<bool> stops_{false};
   std::mutex mutex_;
   std::string cut_at_;
+  std::string answer_;
   std::thread thread_;
 };
 

@@ -89,16 +89,19 @@ class Mqtt : public testing::Test {
 
 // Exports kNear and receives it as kFar.
 struct Line {
-  template <typename Server>
-  explicit Line(const Server& server, KeepLast keep = {})
-      : near(For(server, "x/")),
-        far(For(server, "", "far")),
+  Line(const Options& near_options, const Options& far_options, KeepLast keep = {})
+      : near(near_options),
+        far(far_options),
         out(near, kNear, Text, keep),
         in(far, kFar, Text),
         see(kFar, Log) {
     WaitForLog("MQTT connected", 2);
     WaitForLog("MQTT subscribed");
   }
+  template <typename Server>
+  explicit Line(const Server& server, KeepLast keep = {})
+      : Line(For(server, "x/"), For(server, "", "far"), keep) {}
+
   Connection near;
   Connection far;
   Export out;
@@ -112,6 +115,20 @@ struct Running : Broker {
   explicit Running(const std::string& settings = "allow_anonymous true\n") : Broker(settings) {
     Start();
   }
+};
+
+// A session that keeps kFar while nobody is connected to it.
+struct Session {
+  Session() {
+    Connection far(options);
+    const Import in(far, kFar, Text);
+    WaitForLog("MQTT subscribed");
+  }
+  Running broker;
+  Options options = For(broker, "", "far");
+  Connection near{For(broker, "x/")};
+  Export out{near, kNear, Text, KeepLast{100}};
+  Publisher<std::string> publisher{kNear};
 };
 
 }  // namespace
@@ -145,16 +162,12 @@ TEST_F(Mqtt, CarriesMessagesOverEachTransport) {
     options.ca_file = file(row.ca_file, ".pem");
     options.certificate_file = file(row.certificate, ".pem");
     options.key_file = file(row.certificate, ".key");
-    Connection near(options);
-    options.topic_prefix.clear();
-    options.status = {"status of the far one"};
-    Connection far(options);
-    const Import in(far, kFar, Text);
-    const Subscriber see(kFar, Log);
-    const Export out(near, kNear, Text);
-    WaitForLog("MQTT subscribed");
+    auto far_options = options;
+    far_options.topic_prefix.clear();
+    far_options.status = {"status of the far one"};
+    const Line line(options, far_options);
 
-    Publisher(kNear).Publish("hello");
+    line.publisher.Publish("hello");
 
     WaitForLog("got hello");
     EXPECT_EQ(Count(TakeLog(), "secret"), 0u);
@@ -242,11 +255,24 @@ TEST_F(Mqtt, WarnsOnceForEachCauseAndTriesAgain) {
 }
 
 TEST_F(Mqtt, PausesGrowUpToALimitAlsoWhileTheBrokerAcceptsAndHangsUp) {
+  struct Row {
+    const char* cut_at;
+    std::string answer;
+    const char* reason;
+  };
+  const Row rows[] = {
+      {"MQTT", "", "the connection was closed by the other side"},
+      {"poison", "", "the connection was closed by the other side"},
+      {"poison", {'\xE0', 2, '\x8E', 0}, "another client connects with this client_id"},
+      {"poison", {'\xE0', 2, '\x8B', 0}, "the broker ends the connection: "},
+      {"poison", {'\xE0', 2, '\x95', 0}, "the broker refuses what it was sent: "},
+      {"poison", {'\x10', 0}, "the broker breaks the protocol"},
+  };
   Running broker;
   Proxy proxy(broker.port());
-  for (const char* const cut_at : {"MQTT", "poison"}) {
-    SCOPED_TRACE(cut_at);
-    proxy.CutAt(cut_at);
+  for (const auto& [cut_at, answer, reason] : rows) {
+    SCOPED_TRACE(reason);
+    proxy.CutAt(cut_at, answer);
     auto options = For(proxy, "");
     options.max_reconnect_delay = 400ms;
     std::vector<std::chrono::steady_clock::time_point> attempts;
@@ -262,7 +288,9 @@ TEST_F(Mqtt, PausesGrowUpToALimitAlsoWhileTheBrokerAcceptsAndHangsUp) {
     // A pause may be a quarter shorter.
     EXPECT_GE(attempts[4] - attempts[3], 300ms);
     EXPECT_GE(attempts[5] - attempts[4], 300ms);
-    EXPECT_EQ(Count(TakeLog(), "MQTT not connected"), 1u);
+    const auto log = TakeLog();
+    EXPECT_EQ(Count(log, "MQTT not connected"), 1u);
+    EXPECT_EQ(Count(log, reason), 1u) << testing::PrintToString(log);
   }
 }
 
@@ -270,8 +298,7 @@ TEST_F(Mqtt, LosesNothingWhenTheBrokerRestarts) {
   constexpr int kCount = 10'000;
   const Topic<int> near_topic{"in"};
   const Topic<int> far_topic{"x/in"};
-  Broker broker(kPersistent);
-  broker.Start();
+  Running broker(kPersistent);
   Connection near(For(broker, "x/"));
   Connection far(For(broker, "", "far"));
   const auto write = [](int number) { return std::to_string(number); };
@@ -298,8 +325,7 @@ TEST_F(Mqtt, LosesNothingWhenTheBrokerRestarts) {
 }
 
 TEST_F(Mqtt, KeepsTheLastMessagesWhileTheBrokerIsAway) {
-  Broker broker(kPersistent);
-  broker.Start();
+  Running broker(kPersistent);
   const Line line(broker, KeepLast{3});
   broker.Stop();
   WaitForLog("MQTT not connected", 2);
@@ -314,27 +340,8 @@ TEST_F(Mqtt, KeepsTheLastMessagesWhileTheBrokerIsAway) {
   EXPECT_EQ(away.dropped, 7u);
 }
 
-TEST_F(Mqtt, StatesReachProcessesThatConnectLaterAlsoToABrokerThatHasForgotten) {
-  Broker broker;
-  broker.Start();
-  Connection near(For(broker, "x/"));
-  Holder<std::string> holder(kNearState);
-  const Export out(near, kNearState, Text);
-  for (const char* const value : {"old", "value"}) holder.Set(value);
-  WaitForLog("MQTT connected");
-  broker.Stop();
-  broker.Start();
-  WaitForLog("MQTT connected", 2);
-
-  Connection far(For(broker, ""));
-  const Import in(far, kFarState, Text);
-
-  EXPECT_EQ(*Watcher(kFarState).WaitForValue(), "value");
-}
-
 TEST_F(Mqtt, AClearedStateHasNoValueForLaterWatchers) {
-  Broker broker;
-  broker.Start();
+  Running broker;
   Line line(broker);
   Holder<std::string> holder(kNearState);
   const Export out(line.near, kNearState, Text);
@@ -352,8 +359,7 @@ TEST_F(Mqtt, AClearedStateHasNoValueForLaterWatchers) {
 }
 
 TEST_F(Mqtt, BadPayloadsReachNobodyAndAreLoggedWithoutTheirText) {
-  Broker broker;
-  broker.Start();
+  Running broker;
   Connection near(For(broker, "x/"));
   const Export out(near, kNear, Text, zorvix::KeepAll());
   auto options = For(broker, "");
@@ -387,14 +393,10 @@ struct BadOptions {
   void (*spoil)(Options& options);
 };
 const BadOptions kBadOptions[] = {
-    {"password to another machine",
-     [](Options& options) {
-       options.host = "broker.example";
-       options.username = "user";
-       options.password = "secret";
-     }},
+    {"password to another machine", [](Options& options) { options.host = "broker.example"; }},
     {"credentials to another machine",
      [](Options& options) {
+       options.username = options.password = "";
        options.host = "broker.example";
        options.credentials = [] { return zorvix::mqtt::Credentials{}; };
      }},
@@ -402,67 +404,63 @@ const BadOptions kBadOptions[] = {
     {"certificate without TLS",
      [](Options& options) { options.certificate_file = options.key_file = "/nowhere"; }},
     {"key without certificate", [](Options& options) { options.key_file = "/nowhere"; }},
-    {"password without a name", [](Options& options) { options.password = "secret"; }},
-    {"password with a zero",
-     [](Options& options) {
-       options.username = "user";
-       options.password = std::string("a\0b", 3);
-     }},
-    {"long password",
-     [](Options& options) {
-       options.username = "user";
-       options.password = std::string(70'000, 'x');
-     }},
+    {"password without a name", [](Options& options) { options.username = ""; }},
+    {"password with a zero", [](Options& options) { options.password += '\0'; }},
+    {"long password", [](Options& options) { options.password = std::string(70'000, 'x'); }},
     {"username", [](Options& options) { options.username = "\xff"; }},
     {"no UTF-8 in the client_id", [](Options& options) { options.client_id = "\xff"; }},
-    {"zero in the client_id", [](Options& options) { options.client_id = std::string(1, '\0'); }},
+    {"zero in the client_id", [](Options& options) { options.client_id += '\0'; }},
     {"control character", [](Options& options) { options.client_id = "a\nb"; }},
     {"long client_id", [](Options& options) { options.client_id = std::string(70'000, 'x'); }},
     {"port", [](Options& options) { options.port = 65'536; }},
     {"pause", [](Options& options) { options.max_reconnect_delay = -1ms; }},
     {"close_timeout", [](Options& options) { options.close_timeout = -1ms; }},
     {"keep_alive", [](Options& options) { options.keep_alive = 9s; }},
-    {"topic of the last will",
-     [](Options& options) {
-       options.last_will = Will{"a/#", "", true};
-     }},
+    {"status_topic", [](Options& options) { options.status_topic = "a/#"; }},
     {"two last wills",
      [](Options& options) {
        options.last_will = Will{"a", "", true};
-       options.status_topic = "b";
+     }},
+    {"topic of the last will",
+     [](Options& options) {
+       options.status_topic = "";
+       options.last_will = Will{"a/#", "", true};
      }},
 };
 
 }  // namespace
 
 TEST_F(Mqtt, RefusesWhatCannotWork) {
-  Broker broker;
+  const Broker broker;
+  auto good = For(broker, "");
+  good.username = "user";
+  good.password = "secret";
+  good.status_topic = "status";
+  Connection connection(good);
   for (const auto& row : kBadOptions) {
     SCOPED_TRACE(row.name);
-    auto options = For(broker, "");
+    auto options = good;
     row.spoil(options);
     EXPECT_THROW(Connection{options}, std::invalid_argument);
   }
-  auto options = For(broker, "");
-  options.host = "broker.example";
-  // Before 2.0.16, packets of whoever answers could crash it.
-  const auto version =
-      reinterpret_cast<int (*)(int*, int*, int*)>(dlsym(RTLD_DEFAULT, "mosquitto_lib_version"));
-  if (version(nullptr, nullptr, nullptr) < 2'000'016) {
-    EXPECT_THROW(Connection{options}, std::invalid_argument);
-  }
-  Connection connection(For(broker, ""));
   for (const std::string name : {"", "a/+/b", "a/#", "$SYS/a", "\xff", "a\nb"}) {
     SCOPED_TRACE(name);
     const Topic<std::string> topic{name};
     EXPECT_THROW(const Export out(connection, topic, Text), std::invalid_argument);
     EXPECT_THROW(const Import in(connection, topic, Text), std::invalid_argument);
   }
+  // Before 2.0.16, packets of whoever answers could crash it.
+  const auto version =
+      reinterpret_cast<int (*)(int*, int*, int*)>(dlsym(RTLD_DEFAULT, "mosquitto_lib_version"));
+  if (version(nullptr, nullptr, nullptr) < 2'000'016) {
+    auto options = For(broker, "");
+    options.host = "broker.example";
+    EXPECT_THROW(Connection{options}, std::invalid_argument);
+  }
 }
 
 TEST_F(Mqtt, WhatIsImportedIsNotExported) {
-  Broker broker;
-  broker.Start();
+  Running broker;
   Line line(broker);
   const Import back(line.near, kNear, Text);
   const Export far_out(line.far, kFar, Text);
@@ -486,8 +484,7 @@ TEST_F(Mqtt, WhatIsImportedIsNotExported) {
 
 TEST_F(Mqtt, TheDestructorSendsWhatIsPending) {
   constexpr int kMany = 1'000;
-  Broker broker;
-  broker.Start();
+  Running broker;
   Connection far(For(broker, ""));
   const Import in(far, kFar, Text);
   const Subscriber see(kFar, [&](const std::string& text) {
@@ -509,7 +506,8 @@ TEST_F(Mqtt, TheDestructorSendsWhatIsPending) {
 }
 
 TEST_F(Mqtt, TheDestructorDoesNotWaitForABrokerThatIsSilent) {
-  Proxy silent;
+  Running silent;
+  silent.Freeze();
   auto connection = std::make_unique<Connection>(For(silent, ""));
   const Export out(*connection, kNear, Text);
   Publisher(kNear).Publish("text");
@@ -522,8 +520,7 @@ TEST_F(Mqtt, TheDestructorDoesNotWaitForABrokerThatIsSilent) {
 }
 
 TEST_F(Mqtt, HandlesMayBeDestroyedAtAnyMoment) {
-  Broker broker;
-  broker.Start();
+  Running broker;
   std::atomic<bool> stop{false};
   auto publishing = std::async(std::launch::async, [&] {
     while (!stop) Publisher(kNear).Publish("text");
@@ -555,24 +552,33 @@ TEST_F(Mqtt, HandlesMayBeDestroyedAtAnyMoment) {
   stop = true;
 }
 
-TEST_F(Mqtt, ASubscriberMayDestroyTheConnectionItIsServedBy) {
-  Broker broker;
-  broker.Start();
-  Connection near(For(broker, "x/"));
-  const Export out(near, kNear, Text);
-  std::optional<Connection> far(For(broker, ""));
+TEST_F(Mqtt, ASubscriberMayDestroyItsConnectionWhichAcknowledgesNothingMore) {
+  Session session;
+  std::optional<Connection> far(session.options);
   auto in = std::make_unique<Import>(*far, kFar, Text);
-  const Subscriber see(kFar, [&](auto&) {
-    in.reset();
-    far.reset();
-    Log("the end");
+  const Export far_out(*far, kNear, Text, KeepLast{100}, "answers");
+  const Subscriber see(kFar, [&](const std::string& text) {
+    Log(text);
+    if (text == "1") {
+      in.reset();
+      far.reset();
+    }
   });
-  WaitForLog("MQTT subscribed");
+  WaitForLog("MQTT subscribed", 2);
+  HoldLog("got 0");
 
-  for (int count = 0; count < 10; ++count) Publisher(kNear).Publish("text");
+  session.publisher.Publish("0");
+  WaitForLog("got 0");
+  for (int number = 1; number <= 10; ++number) session.publisher.Publish(std::to_string(number));
+  EXPECT_TRUE(ComesTrue([&] { return session.near.counters().acknowledged == 11; }));
+  HoldLog("");  // It reads more than one message while it has some to send.
+  WaitForLog("MQTT closed", 2);
+  EXPECT_EQ(Count(TakeLog(), "got 2"), 0u);
 
-  WaitForLog("MQTT closed");
-  EXPECT_EQ(Count(TakeLog(), "got the end"), 1u);
+  Connection later(session.options);
+  const Import later_in(later, kFar, Text);
+  WaitForLog("got 10");
+  EXPECT_GE(Got(TakeLog()).size(), 9u);
 }
 
 TEST_F(Mqtt, InspectHasARowForAnExportAndOneForAnImport) {
@@ -612,7 +618,7 @@ TEST_F(Mqtt, AnExportThatReplacesAnotherOneSendsItsStateOnEachConnect) {
   Connection near(For(broker, "x/"));
   const Holder<std::string> holder = [] {
     Holder<std::string> its(kNearState);
-    its.Set("value");
+    for (const char* const value : {"old", "value"}) its.Set(value);
     return its;
   }();
   Export out(near, kNearState, Text);
@@ -656,23 +662,14 @@ TEST_F(Mqtt, AStateThatOthersHoldNowIsNotSentAgain) {
 }
 
 TEST_F(Mqtt, ASessionKeepsMessagesUntilTheirImportIsConstructed) {
-  Running broker;
-  Connection near(For(broker, "x/"));
-  const Export out(near, kNear, Text, KeepLast{100});
-  const Publisher publisher(kNear);
-  const auto options = For(broker, "", "far");
-  {
-    Connection far(options);
-    const Import in(far, kFar, Text);
-    WaitForLog("MQTT subscribed");
-  }  // an orderly end
+  Session session;
   const Subscriber see(kFar, [](const std::string& text) { Log(text.substr(0, 10)); });
-  publisher.Publish("meanwhile");
-  for (int count = 0; count < 20; ++count) publisher.Publish(std::string(250'000, 'x'));
-  publisher.Publish("too much");
-  EXPECT_TRUE(ComesTrue([&] { return near.counters().acknowledged == 22; }));
+  session.publisher.Publish("meanwhile");
+  for (int count = 0; count < 20; ++count) session.publisher.Publish(std::string(250'000, 'x'));
+  session.publisher.Publish("too much");
+  EXPECT_TRUE(ComesTrue([&] { return session.near.counters().acknowledged == 22; }));
 
-  Connection far(options);
+  Connection far(session.options);
   EXPECT_TRUE(ComesTrue([&] { return far.counters().received == 22; }));
   WaitForLog("MQTT import rejects messages, name: x/in, so far: ");
   const Import in(far, kFar, Text);
@@ -684,41 +681,28 @@ TEST_F(Mqtt, ASessionKeepsMessagesUntilTheirImportIsConstructed) {
 }
 
 TEST_F(Mqtt, MessagesThatNobodyImportsAreRejectedAfterTenSeconds) {
-  Running broker;
-  Connection near(For(broker, "x/"));
-  const Export out(near, kNear, Text);
-  const auto options = For(broker, "", "far");
-  {
-    Connection far(options);
-    const Import in(far, kFar, Text);
-    WaitForLog("MQTT subscribed");
-  }
-  Publisher(kNear).Publish("text");
-  EXPECT_TRUE(ComesTrue([&] { return near.counters().acknowledged == 1; }));
+  Session session;
+  for (const char* const text : {"one", "two"}) session.publisher.Publish(text);
+  EXPECT_TRUE(ComesTrue([&] { return session.near.counters().acknowledged == 2; }));
 
-  const Connection far(options);
+  const Connection far(session.options);
 
-  WaitForLog("name: x/in, so far: 1, last reason: no import is constructed within 10 s");
+  WaitForLog("name: x/in, so far: 2, last reason: no import is constructed within 10 s");
 }
 
 TEST_F(Mqtt, WithoutAClientIdTheBrokerKeepsNothing) {
   Running broker;
   Proxy proxy(broker.port());
-  Connection near(For(broker, "x/"));
-  const Export out(near, kNear, Text);
-  Connection far(For(proxy, ""));
-  const Import in(far, kFar, Text);
-  const Subscriber see(kFar, Log);
-  WaitForLog("MQTT subscribed");
+  const Line line(For(broker, "x/"), For(proxy, ""));
 
   proxy.CutAt("MQTT");  // connects no more
   proxy.Cut();
   WaitForLog("MQTT not connected");
-  Publisher(kNear).Publish("meanwhile");
-  EXPECT_TRUE(ComesTrue([&] { return near.counters().acknowledged == 1; }));
+  line.publisher.Publish("meanwhile");
+  EXPECT_TRUE(ComesTrue([&] { return line.near.counters().acknowledged == 1; }));
   proxy.CutAt("");
   WaitForLog("MQTT subscribed", 2);
-  Publisher(kNear).Publish("later");
+  line.publisher.Publish("later");
   WaitForLog("got later");
 
   EXPECT_EQ(Got(TakeLog()), Lines{"later"});
@@ -727,20 +711,14 @@ TEST_F(Mqtt, WithoutAClientIdTheBrokerKeepsNothing) {
 TEST_F(Mqtt, AMessageIsAcknowledgedAfterItsImportHasPublishedIt) {
   Running broker;
   Proxy proxy(broker.port());
-  Connection near(For(broker, "x/"));
-  const Export out(near, kNear, Text);
-  Connection far(For(proxy, "", "far"));
-  const Import in(far, kFar, Text);
-  bool is_first = true;
-  const Subscriber see(kFar, [&](const std::string& text) {
-    Log(text);
+  const Line line(For(broker, "x/"), For(proxy, "", "far"));
+  const Subscriber cut(kFar, [&, is_first = true](const std::string&) mutable {
     if (!std::exchange(is_first, false)) return;
     proxy.Cut();
     EXPECT_TRUE(ComesTrue([&] { return proxy.connections() == 0; }));
   });
-  WaitForLog("MQTT subscribed");
 
-  Publisher(kNear).Publish("text");
+  line.publisher.Publish("text");
 
   WaitForLog("got text", 2);
 }
