@@ -241,6 +241,10 @@ Reason Link::Describe(int error) const {
     return {kCredentials, mosquitto_reason_string(refusal_)};
   }
   if (refusal_ != 0) return {kNotAccepted, mosquitto_reason_string(refusal_)};
+  if (error == MOSQ_ERR_PROTOCOL || error == MOSQ_ERR_MALFORMED_PACKET ||
+      error == MOSQ_ERR_NOMEM) {  // which the library has for a short packet
+    return {kProtocol, ""};
+  }
   if (tls_error_) return *tls_error_;
   if (disconnected_ >= kLowestError) {
     return {CauseOfDisconnect(disconnected_), mosquitto_reason_string(disconnected_)};
@@ -253,9 +257,6 @@ Reason Link::Describe(int error) const {
       return {kLost, ""};
     case MOSQ_ERR_ERRNO:
       return DescribeSystemError(system_error);
-    case MOSQ_ERR_PROTOCOL:
-    case MOSQ_ERR_MALFORMED_PACKET:
-      return {kProtocol, ""};
     default:
       return {kOptions, mosquitto_strerror(error)};
   }

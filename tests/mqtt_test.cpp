@@ -266,7 +266,8 @@ TEST_F(Mqtt, PausesGrowUpToALimitAlsoWhileTheBrokerAcceptsAndHangsUp) {
       {"poison", {'\xE0', 2, '\x8E', 0}, "another client connects with this client_id"},
       {"poison", {'\xE0', 2, '\x8B', 0}, "the broker ends the connection: "},
       {"poison", {'\xE0', 2, '\x95', 0}, "the broker refuses what it was sent: "},
-      {"poison", {'\x10', 0}, "the broker breaks the protocol"},
+      {"poison", {'\x10', 0}, "the broker breaks the protocol"},  // no packet of a broker
+      {"poison", {'\xF0', 0}, "the broker breaks the protocol"},  // a short one
   };
   Running broker;
   Proxy proxy(broker.port());
