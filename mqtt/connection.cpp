@@ -44,9 +44,9 @@ int Port(const Options& options) {
 
 StreamPointer MakeStatusStream(const Options& options) {
   if (options.status_topic.empty()) return nullptr;
-  auto stream = std::make_shared<detail::Stream>("zorvix/mqtt/status_topic",
-                                                 options.topic_prefix + options.status_topic,
-                                                 detail::Kind::kState, 1);
+  StreamPointer stream(new detail::Stream{"zorvix/mqtt/status_topic",
+                                          options.topic_prefix + options.status_topic,
+                                          detail::Kind::kState, 1});
   stream->value = std::make_shared<const std::string>("online");  // sent on each connect
   return stream;
 }
@@ -234,8 +234,6 @@ Failure Worker::Serve() {
   Failure failure;
   while (!failure && !HasEnded()) {
     SendPending();
-    if (link_->wants_write()) failure = link_->Write();
-    if (failure) break;
     Wait(link_->wants_write() ? POLLIN | POLLOUT : POLLIN, Clock::now() + kTick);
     failure = Exchange();
   }
@@ -298,8 +296,7 @@ void Worker::ShareCounters() {
 }
 
 short Worker::Poll(short events, Clock::time_point until) {
-  const auto now = Clock::now();
-  const auto left = std::min<Clock::duration>(std::max<Clock::duration>(until - now, 0s), kTick);
+  const auto left = std::clamp<Clock::duration>(until - Clock::now(), 0s, kTick);
   std::array<pollfd, 2> wanted{
       {{core_->tasks->fd(), POLLIN, 0}, {link_ ? link_->socket() : -1, events, 0}}};
   const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(left).count();

@@ -132,8 +132,8 @@ namespace detail {
 Sender::Sender(Connection& connection, const std::string& name, const std::string& mqtt_topic,
                Kind kind, KeepLast keep, zorvix::detail::Module& module)
     : core_(connection.core_),
-      stream_(std::make_shared<Stream>(name, CheckedTopic(core_->topic_prefix, name, mqtt_topic),
-                                       kind, keep.depth)),
+      stream_(
+          new Stream{name, CheckedTopic(core_->topic_prefix, name, mqtt_topic), kind, keep.depth}),
       listing_("Export", name, module, [this] { return core_->outbox.Count(stream_); }) {
   if (keep.depth == 0) throw std::invalid_argument("MQTT: a depth must not be 0");
   core_->outbox.Open(stream_);

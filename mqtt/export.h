@@ -36,18 +36,15 @@ namespace detail {
 
 // An export. What is not const is guarded by the mutex of its Outbox.
 struct Stream {
-  Stream(std::string its_name, std::string its_topic, Kind its_kind, std::size_t its_depth)
-      : name(std::move(its_name)), topic(std::move(its_topic)), kind(its_kind), depth(its_depth) {}
-
   const std::string name;
   const std::string topic;
   const Kind kind;
   const std::size_t depth;
-  Rejected rejected{"export", name};       // guards itself
-  std::deque<Messages::iterator> waiting;  // its messages that have not been taken yet
-  std::size_t pending = 0;                 // all its messages
+  Rejected rejected{"export", name};         // guards itself
+  std::deque<Messages::iterator> waiting{};  // its messages that have not been taken yet
+  std::size_t pending = 0;                   // all its messages
   std::size_t dropped = 0;
-  Text value;  // the latest of a state, which is sent on each connect
+  Text value{};  // the latest of a state, which is sent on each connect
 };
 
 }  // namespace detail

@@ -160,10 +160,9 @@ void Link::SetCallbacks() {
         if (topic) LogSubscription(topic.mapped(), count == 0 ? nullptr : Refusal(granted[0]));
       });
   // Errors that the library logs are those of OpenSSL; the first tells most.
-  mosquitto_log_callback_set(client, [](auto* client_of_text, void* self, int level, auto* text) {
+  mosquitto_log_callback_set(client, [](auto*, void* self, int level, auto* text) {
     if (level != MOSQ_LOG_ERR || Self(self).tls_error_) return;
-    const auto* const ssl = static_cast<const SSL*>(mosquitto_ssl_get(client_of_text));
-    Self(self).tls_error_ = DescribeTlsError(ssl, text);
+    Self(self).tls_error_ = DescribeTlsError(Self(self).ssl(), text);
   });
 }
 
@@ -185,8 +184,7 @@ Failure Link::Reached() {
   socklen_t size = sizeof error;
   getsockopt(socket(), SOL_SOCKET, SO_ERROR, &error, &size);
   // The library begins the handshake before, which may meet the error.
-  const auto* const ssl = static_cast<const SSL*>(mosquitto_ssl_get(client_.get()));
-  const bool has_begun = ssl != nullptr && BIO_number_written(SSL_get_wbio(ssl)) > 0;
+  const bool has_begun = ssl() != nullptr && BIO_number_written(SSL_get_wbio(ssl())) > 0;
   sockaddr_storage peer{};
   size = sizeof peer;
   const bool is_open = getpeername(socket(), reinterpret_cast<sockaddr*>(&peer), &size) == 0;
@@ -203,8 +201,7 @@ Failure Link::Read() {
   errno = 0;
   const int error = mosquitto_loop_read(client_.get(), 1);
   auto failure = Check(error);
-  const auto* const ssl = static_cast<const SSL*>(mosquitto_ssl_get(client_.get()));
-  has_tls_ = has_tls_ || (ssl != nullptr && SSL_is_init_finished(ssl) != 0);
+  has_tls_ = has_tls_ || (ssl() != nullptr && SSL_is_init_finished(ssl()) != 0);
   if (connected_) mosquitto_threaded_set(client_.get(), false);
   return failure;
 }

@@ -75,6 +75,7 @@ class Link {
   Failure Prepare(const Credentials& credentials);
   int SetConnectProperties();
   void SetCallbacks();
+  const SSL* ssl() const { return static_cast<const SSL*>(mosquitto_ssl_get(client_.get())); }
   Failure Check(int error);
   Reason Describe(int error) const;
   Reason Guess(Reason reason) const;

@@ -1,4 +1,5 @@
 // What a connection's options must fulfil.
+#include <arpa/inet.h>
 #include <mosquitto.h>
 
 #include <chrono>
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "connection.h"
+#include "tls.h"
 
 namespace zorvix::mqtt {
 
@@ -29,6 +31,16 @@ bool IsText(const std::string& text) {
 bool IsTopic(const std::string& topic) {
   return !topic.empty() && topic.front() != '$' && IsText(topic) &&
          mosquitto_pub_topic_check2(topic.data(), topic.size()) == MOSQ_ERR_SUCCESS;
+}
+
+bool IsLocalHost(const std::string& host) {
+  in_addr address4;
+  in6_addr address6;
+  if (inet_pton(AF_INET, host.c_str(), &address4) == 1) {
+    return (ntohl(address4.s_addr) >> 24) == 127;
+  }
+  if (inet_pton(AF_INET6, host.c_str(), &address6) == 1) return IN6_IS_ADDR_LOOPBACK(&address6);
+  return host == "localhost";
 }
 
 // A hostile packet ends the process in older ones.

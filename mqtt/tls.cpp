@@ -1,6 +1,5 @@
 #include "tls.h"
 
-#include <arpa/inet.h>
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 
@@ -94,16 +93,6 @@ Reason DescribeTlsError(const SSL* ssl, const std::string& text) {
     if (text.find(part) != std::string::npos) return {kHandshake, kOtherCertificate};
   }
   return {kTls, text};
-}
-
-bool IsLocalHost(const std::string& host) {
-  in_addr address4;
-  in6_addr address6;
-  if (inet_pton(AF_INET, host.c_str(), &address4) == 1) {
-    return (ntohl(address4.s_addr) >> 24) == 127;
-  }
-  if (inet_pton(AF_INET6, host.c_str(), &address6) == 1) return IN6_IS_ADDR_LOOPBACK(&address6);
-  return host == "localhost";
 }
 
 }  // namespace zorvix::mqtt

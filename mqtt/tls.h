@@ -26,8 +26,6 @@ TlsContext MakeTlsContext(const Options& options);
 // Returns the reason for an error, of which the client library has logged a text.
 Reason DescribeTlsError(const SSL* ssl, const std::string& text);
 
-bool IsLocalHost(const std::string& host);
-
 }  // namespace zorvix::mqtt
 
 #endif  // ZORVIX_MQTT_TLS_H_

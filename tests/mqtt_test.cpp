@@ -765,19 +765,26 @@ TEST_F(Mqtt, AMessageAtWhichTheBrokerHangsUpIsRejected) {
   Running broker;
   Proxy proxy(broker.port());
   proxy.CutAt("poison");
-  const Line line(proxy);
+  Line line(proxy);
+  Holder<std::string> holder(kNearState);
+  const Export state(line.near, kNearState, Text);
   HoldLog("MQTT connected");  // so that all are sent at the same time
 
   proxy.Cut();
   WaitForLog("MQTT connected", 3);
   for (const char* const text : {"first", "poison", "last"}) line.publisher.Publish(text);
+  holder.Set("poison");
   HoldLog("");
-
   WaitForLog("got last");
+  WaitForLog("MQTT export rejects messages, name: state");
+  line.publisher.Publish("behind it");
+  WaitForLog("got behind it");
+
   const auto log = TakeLog();
   EXPECT_EQ(Got(log).front(), "first");
   EXPECT_EQ(Count(log, "poison"), 0u);
   EXPECT_EQ(Find("Export", "in").dropped, 1u);
+  EXPECT_EQ(Find("Export", "state").dropped, 1u);
   EXPECT_EQ(Count(log, "name: in, so far: 1, last reason: the broker ends each connection"), 1u);
 }
 
