@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <ctime>
 #include <exception>
+#include <iterator>
 #include <set>
 #include <stdexcept>
 #include <system_error>

@@ -1,7 +1,6 @@
 #include "export.h"
 
 #include <exception>
-#include <iterator>
 #include <stdexcept>
 
 #include "connection.h"

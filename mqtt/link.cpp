@@ -12,7 +12,6 @@
 #include <iterator>
 #include <optional>
 #include <stdexcept>
-#include <utility>
 
 namespace zorvix::mqtt {
 

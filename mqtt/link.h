@@ -5,7 +5,6 @@
 #include <mosquitto.h>
 #include <zorvix/mqtt.h>
 
-#include <cstddef>
 #include <memory>
 #include <string>
 #include <unordered_map>

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -146,14 +147,17 @@ void Proxy::CutAt(const std::string& text, const std::string& answer) {
 void Proxy::Run() {
   int cuts = 0;
   while (!stops_) {
+    const bool is_cut = cuts != cuts_;
     auto wanted = Wanted();
     poll(wanted.data(), wanted.size(), /*milliseconds=*/10);
-    const bool is_cut = cuts != cuts_;
-    if (is_cut) ++cuts;
     for (std::size_t i = 1; i < wanted.size(); ++i) {
       const auto& [descriptor, events, ready] = wanted[i];
       const bool has_ended = peers_.count(descriptor) == 0;  // with its peer
-      if (!has_ended && (is_cut || (ready != 0 && !Pass(descriptor)))) End(descriptor);
+      if (!has_ended && ready != 0 && !Pass(descriptor)) End(descriptor);
+    }
+    if (is_cut) {  // after what was sent before
+      ++cuts;
+      while (!peers_.empty()) End(peers_.begin()->first);
     }
     if (wanted[0].revents != 0) Accept();
   }

@@ -8,6 +8,7 @@
 #include <zorvix/mqtt.h>
 #include <zorvix/publisher.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
@@ -21,6 +22,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "broker.h"
@@ -121,8 +123,12 @@ struct Running : Broker {
 struct Session {
   Session() {
     Connection far(options);
-    const Import in(far, kFar, Text);
+    auto in = std::make_unique<Import>(far, kFar, Text);
     WaitForLog("MQTT subscribed");
+    in.reset();
+    const Import behind_it(far, Topic<std::string>{"behind it"}, Text);
+    WaitForLog("MQTT subscribed", 2);
+    TakeLog();
   }
   Running broker;
   Options options = For(broker, "", "far");
@@ -263,9 +269,11 @@ TEST_F(Mqtt, PausesGrowUpToALimitAlsoWhileTheBrokerAcceptsAndHangsUp) {
   const Row rows[] = {
       {"MQTT", "", "the connection was closed by the other side"},
       {"poison", "", "the connection was closed by the other side"},
+#ifndef __SANITIZE_THREAD__  // libmosquitto unlocks a mutex once too often at a DISCONNECT
       {"poison", {'\xE0', 2, '\x8E', 0}, "another client connects with this client_id"},
       {"poison", {'\xE0', 2, '\x8B', 0}, "the broker ends the connection: "},
       {"poison", {'\xE0', 2, '\x95', 0}, "the broker refuses what it was sent: "},
+#endif
       {"poison", {'\x10', 0}, "the broker breaks the protocol"},  // no packet of a broker
       {"poison", {'\xF0', 0}, "the broker breaks the protocol"},  // a short one
   };
@@ -565,7 +573,7 @@ TEST_F(Mqtt, ASubscriberMayDestroyItsConnectionWhichAcknowledgesNothingMore) {
       far.reset();
     }
   });
-  WaitForLog("MQTT subscribed", 2);
+  WaitForLog("MQTT subscribed");
   HoldLog("got 0");
 
   session.publisher.Publish("0");
@@ -779,7 +787,11 @@ TEST_F(Mqtt, AMessageAtWhichTheBrokerHangsUpIsRejected) {
   WaitForLog("MQTT export rejects messages, name: state");
   line.publisher.Publish("behind it");
   WaitForLog("got behind it");
+  const auto connections = line.near.counters().connections;
+  line.publisher.Publish("the end");
+  WaitForLog("got the end");
 
+  EXPECT_EQ(line.near.counters().connections, connections);
   const auto log = TakeLog();
   EXPECT_EQ(Got(log).front(), "first");
   EXPECT_EQ(Count(log, "poison"), 0u);
