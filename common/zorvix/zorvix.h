@@ -1,11 +1,11 @@
 // Zorvix: an in-process message bridge between modules that do not know each other.
 //
 // Publishers, subscribers, clients and servers are endpoints. A module describes an endpoint by a
-// Control (name, topic or service, type) and registers it. Endpoints match when all three are equal.
-// A topic delivers a publisher's message to every subscriber; a service passes a client's request
-// to its server. Sync endpoints are served directly on the caller's thread. Async and SignleAsync
-// endpoints are served from a bounded queue, which the host drains (RunOneceStep, SpinOnce) or
-// worker threads drain (Spin, StopSpin).
+// Control (name, topic or service, type) and registers it. Endpoints match when all three are
+// equal. A topic delivers a publisher's message to every subscriber; a service passes a client's
+// request to its server. Sync endpoints are served directly on the caller's thread. Async and
+// SignleAsync endpoints are served from a bounded queue, which the host drains (RunOneceStep,
+// SpinOnce) or worker threads drain (Spin, StopSpin).
 //
 // Threads: any thread and any callback may call every operation, unless its comment says otherwise.
 // Callbacks run without a lock of the bridge, and several threads may run one at the same time.

@@ -78,11 +78,13 @@ class [[nodiscard]] Client {
   // answer after the calling callable has returned, logs an ERROR and returns Why::WouldDeadlock.
   //
   // Async or SignleAsync service: does not block, and returns a std::future of the answer. It
-  // becomes ready as long as the bridge's queue is drained; the queue may drop the call.
+  // becomes ready when the bridge's queue is drained, or with Why::Dropped if the queue has dropped
+  // the call.
   //
-  // REQUIRES: threads that drain inboxes do not call servers of each other's, and a task of the
-  // queue waits for a queued server, or for a future, only if another worker is free. Otherwise it
-  // blocks forever.
+  // That is noticed if this thread is in a drain of the server's own inbox, or in the callable of
+  // the queued server itself. Two other cases block forever: two threads that drain inboxes call
+  // servers in each other's inbox; and a callable on a worker calls a queued server, or waits for a
+  // future, while no other worker is free.
   auto Call(Request request) const;
 
   // Does the same for a Sync service, but returns Why::TimedOut after `timeout`. A late answer is

@@ -19,8 +19,9 @@ namespace zorvix {
 
 // Where the callable of a handle without an inbox is invoked.
 enum class Delivery {
-  Direct,  // on the thread that publishes, calls or sets, before its operation returns
-  Queued,  // where the bridge's queue is drained: on a worker, or in SpinOnce
+  Direct,  // on the thread that publishes, calls or sets, while it does so; see typed.h
+  Queued,  // where the bridge's queue is drained: on a worker, or in SpinOnce. The bound of that
+           // queue drops none of a handle's messages: only their own KeepLast does
 };
 
 // How many messages, or requests, of one handle may be pending (ROS 2's history and depth). When
@@ -33,7 +34,7 @@ struct KeepLast {
   std::size_t depth = 100;
 };
 
-// Nothing is dropped: memory is the only bound.
+// No bound but memory.
 struct KeepAll {
   constexpr operator KeepLast() const { return {std::numeric_limits<std::size_t>::max()}; }
 };

@@ -80,7 +80,8 @@ class ZORVIX_EXPORT Inbox {
   int fd() const;
 
   // Adds a task, which a drain invokes in its turn. Does not block. Tasks are never dropped. `task`
-  // is any callable without arguments; it is moved, so it need not be copyable.
+  // is any callable without arguments; it is moved, so it need not be copyable. Throws
+  // std::bad_alloc.
   //
   // If the inbox belongs to another module, the calling module stays loaded from then on, even
   // after dlclose, since the task is its code.
@@ -111,15 +112,16 @@ class ZORVIX_EXPORT InboxThread {
   InboxThread(const InboxThread&) = delete;
   InboxThread& operator=(const InboxThread&) = delete;
 
-  // Processes what is pending, then ends the thread, and blocks until it has ended.
-  // REQUIRES: no other thread is inside Stop, nor does a callable of the inbox call it: that logs
+  // Processes what is pending, then ends the thread, and blocks until it has ended. What arrives
+  // during the last drain stays in the inbox. Called again, it does nothing.
+  // REQUIRES: no other thread is inside Stop. A callable of the inbox must not call it: that logs
   // an ERROR and ends the process.
   void Stop();
 
   // As Stop(), but invokes no further callable once `timeout` is over: with a timeout of 0, none
   // but the one whose invocation is in progress. Blocks until that one has returned. Returns
   // whether everything was processed: the rest stays in the inbox, for the next drain. Called
-  // again, it does nothing and returns the same.
+  // again, it returns the same.
   bool Stop(Timeout timeout);
 
  private:

@@ -85,16 +85,15 @@ struct HandleInfo {
 
   // Of a handle with an inbox or queued delivery:
   std::size_t pending = 0;  // messages, requests or answers; of an inbox, of all its handles
-  std::size_t depth = 0;    // of KeepLast; 0: nothing is kept; the largest number: KeepAll
+  std::size_t depth = 0;    // of KeepLast; the largest number: KeepAll; 0: there is no queue
   std::size_t dropped = 0;
 
   // The thread that is inside the callable, or that drains the inbox or queue, or was the last to
   // do so. 0: there was no such thread.
   int thread = 0;
   std::string thread_name;
-  // How long it has been inside the callable at least: that is exact if a SlowLog lived when it
-  // entered; otherwise, it is the time since Inspect first saw it there. std::nullopt: it is not
-  // inside.
+  // For how long it has been inside the callable: exact if a SlowLog existed when it entered,
+  // otherwise the time since Inspect first saw it there. std::nullopt: it is not inside.
   std::optional<std::chrono::nanoseconds> running_for;
   std::chrono::nanoseconds longest{0};  // invocation while a SlowLog lived
 

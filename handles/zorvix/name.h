@@ -19,11 +19,13 @@
 
 namespace zorvix {
 
-// Any bytes. Made of a literal, it is a constant: a header with topics needs no code that runs when
-// a module is loaded. Made of any other text, it keeps a copy until the process ends, one for each
-// distinct name; so do not compose names without end. Any thread may use it.
+// Any bytes; those of a literal end at the first NUL. Made of a literal, it is a constant: a header
+// with topics needs no code that runs when a module is loaded. Made of any other text, it keeps a
+// copy until the process ends, one for each distinct name; so do not compose names without end. Any
+// thread may use it.
 class EndpointName {
  public:
+  // Takes any array of char.
   // REQUIRES: `literal` exists as long as the name is used.
   template <std::size_t kSize>
   constexpr EndpointName(const char (&literal)[kSize]) : text_(literal) {}

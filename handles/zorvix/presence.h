@@ -19,8 +19,9 @@
 //
 // Matched. Presence: Now.
 //
-// Counts handles of all modules. Subscribers and servers that are registered through zorvix.h are
-// not seen. A handle counts from when its registration is complete until it has unregistered.
+// Counts handles of all modules, of any message type, and replaced servers and holders, too.
+// Subscribers and servers that are registered through zorvix.h are not seen. A handle counts from
+// when its registration is complete until it has unregistered.
 #ifndef ZORVIX_PRESENCE_H_
 #define ZORVIX_PRESENCE_H_
 
@@ -57,13 +58,11 @@ class [[nodiscard]] Presence {
   // one, one at a time. Changes in between may be skipped, the last one never. The callable may
   // construct and destroy handles of the same name.
   //
-  // With Delivery::Direct, the default, on the thread that constructs or destroys a counterpart, or
-  // on a thread that is still inside the callable: that one stays there while other threads
-  // construct and destroy counterparts. When that constructor or destructor has returned, outside
-  // the callable, the callable has been invoked with the change, or is being invoked on another
-  // thread. An exception that is no std::exception ends the process, but for the first invocation,
-  // on the thread that constructs the presence. With Delivery::Queued, where the bridge's queue is
-  // drained.
+  // With Delivery::Direct, the default, inside the constructor or destructor of a counterpart,
+  // which blocks meanwhile, and first inside this constructor. If another thread is inside the
+  // callable then, the counterpart's function returns, and that thread invokes the callable again.
+  // An exception that is no std::exception ends the process, except in the first invocation, where
+  // it leaves this constructor. With Delivery::Queued, where the bridge's queue is drained.
   template <typename Of, typename Callable,
             bridge::BridgeType kType = detail::Counted<Of>::kBridgeType,
             detail::IfCallable<Callable> = 0>

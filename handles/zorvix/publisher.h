@@ -48,8 +48,8 @@ class [[nodiscard]] Publisher {
   //
   // Returns false, and logs a WARN, if there was no subscriber. True does not mean that anybody
   // took the message: it may be of another type than a subscriber expects, which is logged, or its
-  // inbox may be destroyed. With Audience::Optional always true. A moved-from publisher returns
-  // false.
+  // inbox may be destroyed. With Audience::Optional, returns true. A moved-from publisher returns
+  // false. Throws std::bad_alloc, or what moving the message throws, before anybody has it.
   bool Publish(Message message) const {
     return state_ != nullptr &&
            detail::Publish(*state_, std::any(std::in_place_type<Message>, std::move(message)));

@@ -25,7 +25,8 @@
 //
 // A service has one server at a time. A new server replaces the current one, and the bridge logs a
 // WARN. Server handles of one service may be destroyed in any order: when the current one is
-// destroyed, the latest of those that still exist takes over, which logs the same WARN.
+// destroyed, the latest of those that still exist takes over, which logs the same WARN. A server
+// that is replaced still answers the requests that are pending for it.
 //
 // Limitation: destroying a handle may remove a server that was registered without a handle
 // (Zorvix::RegisterServer), if that has replaced the handle while calls of the handle were in

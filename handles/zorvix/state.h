@@ -22,9 +22,10 @@
 // constructed afterwards have no value until another holder sets one. Setting an equal value again
 // is a new value.
 //
-// Values are shared by all watchers, not copied. As long as others have values of a holder, and
-// these have a destructor, the holder's module stays loaded, even after dlclose. Names of states do
-// not match those of topics and services.
+// Values are shared by all watchers, not copied; their type need not be copyable. A watcher of
+// another type ignores them, which is logged. As long as others have values of a holder whose type
+// is not trivially destructible, the holder's module stays loaded, even after dlclose. Names of
+// states do not match those of topics and services.
 #ifndef ZORVIX_STATE_H_
 #define ZORVIX_STATE_H_
 
@@ -46,8 +47,9 @@ struct State {
   EndpointName name;
 };
 
-// Sets the value of a state. If there are several holders, watchers that are constructed later get
-// the value of the latest holder that still exists; a WARN is logged when it is constructed.
+// Sets the value of a state. If there are several holders, watchers get what any of them sets, and
+// watchers that are constructed later begin with the value of the latest holder that still exists,
+// if it has set one. A WARN is logged when that holder is constructed.
 template <typename Value>
 class [[nodiscard]] Holder {
  public:
@@ -89,10 +91,10 @@ class [[nodiscard]] Watcher {
   // Values in between may be skipped, the last one never. No value is passed twice, or after a
   // later one.
   //
-  // With Delivery::Direct, the default, on the thread that sets the value, or on a thread that is
-  // still inside the callable: that one stays there while other threads set values. When the
-  // constructor has returned, the callable has been invoked, or is being invoked on another thread,
-  // for the value that was set by then. With Delivery::Queued, where the bridge's queue is drained.
+  // With Delivery::Direct, the default, on the thread that sets the value. If another thread is
+  // inside the callable then, Set returns, and that thread invokes the callable again with the
+  // latest value. A value that exists already is passed in the constructor, on this thread, unless
+  // another thread is passing it. With Delivery::Queued, where the bridge's queue is drained.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Watcher(const State<Value>& state, Callable callable,
                         Delivery delivery = Delivery::Direct)

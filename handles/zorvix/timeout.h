@@ -15,6 +15,7 @@
 namespace zorvix {
 
 // Any std::chrono::duration. A negative one is zero, and one of ten years or more is forever.
+// Measured by std::chrono::steady_clock, which stands still while an Android device sleeps.
 class Timeout {
  public:
   template <typename Number, typename Period>

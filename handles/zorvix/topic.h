@@ -18,7 +18,8 @@
 
 namespace zorvix {
 
-// A name and a type of messages. Publishers and subscribers match if both are equal.
+// A name and a type of messages. Publishers and subscribers match by name. A message of another
+// type than that of a subscriber is logged there, and not delivered to it.
 //
 // kType is the topic kind of the plain interface, for modules that move to handles one by one. An
 // endpoint that is registered through zorvix.h matches handles of the same topic kind.
@@ -28,8 +29,8 @@ struct Topic {
   EndpointName name;
 };
 
-// A name and the types of requests and responses. Clients and servers match if all are equal. kType
-// as for a Topic.
+// A name and the types of requests and responses. Clients and servers match by name. If a type is
+// another one, the call has no answer: Why::WrongType. kType as for a Topic.
 template <typename Request, typename Response, bridge::BridgeType kType = bridge::BridgeType::Sync>
 struct Service {
   static_assert(detail::kIsValue<Request>, "a request must be a value, to be copied and moved");

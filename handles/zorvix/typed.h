@@ -27,25 +27,35 @@
 //   ------------+--------------------------+-------------------------+----------------
 //   Subscriber  | on the publisher's       | one at a time, where    | one at a time,
 //   Server      | on the caller's          | the bridge's queue is   | in drains of
-//   Watcher     | on the setter's thread   | drained: Workers or     | the inbox
-//   Presence    | on the thread of a       | Zorvix::SpinOnce        |
+//   Watcher     | on the setter's, first   | drained: Workers or     | the inbox
+//               | on the constructor's     | Zorvix::SpinOnce        |
+//   Presence    | on the thread of a       |                         |
 //               | constructor, destructor  |                         |
 //   Client      | (only blocking calls)    |                         |
 //
 // Subscribers, servers and clients that are queued or have an inbox also take a KeepLast. Handles
 // match endpoints that are registered through zorvix.h under the same name and topic kind.
 //
-// Threads: any thread may use a handle, and so may a callable. A callable with direct delivery may
-// be entered by several threads at the same time, and before the constructor of its handle has
-// returned. It must return on the thread that invoked it, which matters to fibers.
+// Threads: any thread may use a handle, and so may a callable. The callable of a direct subscriber
+// or server may be entered by several threads at the same time; that of a watcher or presence is
+// invoked one at a time, even directly. A callable may be entered before the constructor of its
+// handle has returned. It must return on the thread that invoked it, which matters to fibers. The
+// child of a fork must not use handles, unless the parent had one thread.
+//
+// In the comments, "blocks" means that a function waits for a callable or for another thread's
+// action; all functions may wait for a mutex that is held for a short time. "REQUIRES" is what the
+// caller has to ensure; where a violation is noticed, the comment says so.
 //
 // Memory: what a thread did before it published, set, called or posted happens before the callable
-// that is invoked with it. What a callable did happens before the drain that has invoked it
-// returns, and before its handle's destructor returns on another thread.
+// that is invoked with it, and before Watcher::Latest returns the value. What a server did before
+// it answered happens before the caller has the answer. What a callable did happens before the
+// drain that has invoked it returns, and before its handle's destructor returns on another thread.
 //
 // Exceptions: a std::exception that a callable throws is caught and logged. Any other exception
 // propagates to the code that published, called or drained, and ends the process on a worker or an
-// InboxThread. A constructor that throws has no effect; it throws what allocations throw, and what
+// InboxThread; other receivers of the same message may not get it then. If a message cannot be
+// copied for one subscriber, that is logged, and the others get it. A constructor that throws has
+// no effect; it throws what allocations throw, and what
 // its comment says. A destructor never throws; if there is no memory to unregister a name, the name
 // stays registered, with a WARN, and nothing is delivered to it.
 //
@@ -56,8 +66,9 @@
 // its callable takes, and do not let two callables destroy each other's handles. A callable may
 // destroy its own handle: it is destroyed itself when it has returned.
 //
-// Moving: a handle may be moved, but not by two threads at the same time. A moved-from handle does
-// nothing.
+// Moving: a handle may be moved, not copied. Move assignment destroys the old registration, as the
+// destructor does. No other thread may be inside a function of a handle that is moved or destroyed.
+// A moved-from handle does nothing.
 //
 // Unloading: once all handles and inboxes of a module have been destroyed, dlclose may unload it.
 // Where others still need code of the module, the library keeps it loaded, and logs why.

@@ -19,16 +19,15 @@ namespace zorvix {
 
 // Drains the bridge's queue on worker threads. Stop: ends them.
 //
-// There may be several objects, even of several modules. Their workers drain the one queue until
-// the last object is stopped or destroyed: one that ends before leaves its workers to the others.
-// StopSpin still ends every worker in the process, whoever calls it, and whichever Workers object
-// or Spin call started the worker; stopping the last object calls it. A static object is destroyed
-// at process exit before the bridge.
+// There may be several objects, even of several modules. All workers drain the one queue, and go on
+// until the last object is stopped or destroyed. Zorvix::StopSpin ends all workers of the process
+// at once, whichever object has started them. A static object is destroyed at process exit before
+// the bridge.
 class ZORVIX_EXPORT Workers {
  public:
   // Starts that many workers, and one thread that waits for them. Traces and debuggers show all of
-  // them as "zorvix worker". Does not block: the workers begin later, after up to 0.2 s if a stop
-  // has timed out and its workers have not ended. Those workers go on, and belong to this object,
+  // them as "zorvix worker". Does not block: the workers begin later. If a Stop has timed out and
+  // its workers have not ended, they begin up to 0.2 s later, and this object owns the old workers,
   // too.
   //
   // Throws std::invalid_argument if `count` is 0, and std::system_error if the thread cannot be
@@ -46,8 +45,8 @@ class ZORVIX_EXPORT Workers {
   //
   // A worker ends when it finds the queue empty: that is never while tasks post tasks or are posted
   // faster than they are invoked, so first stop whatever posts tasks. A worker that has not begun
-  // invokes no task. After each second of waiting, logs a WARN for each callable that a task is
-  // invoking, with its kind, name and module, or one that a task does not return.
+  // invokes no task. After each second of waiting, logs a WARN for each callable in progress, with
+  // its kind, name and module, or one for all tasks if none of them is inside a handle's callable.
   // REQUIRES: this thread is not a worker. There, Stop never returns.
   void Stop();
 
@@ -60,9 +59,8 @@ class ZORVIX_EXPORT Workers {
   // Async endpoints, are invoked all the same. A callable in progress that waits for another queued
   // one then waits forever: give its call a timeout, too.
   //
-  // A thread that exists until the workers have ended calls StopSpin, at most once a second when
-  // the workers have begun. If the thread cannot be started, Stop does it itself, and may then
-  // return late.
+  // Until the workers have ended, another thread asks them again. If that thread cannot be started,
+  // Stop asks them itself, and may return late.
   bool Stop(Timeout timeout);
 
  private:
