@@ -53,7 +53,7 @@ bool CallQueue::Add(Function<>&& callable, Clock::time_point end, ReplyOwner& re
     return false;
   }
   call->callable_ = std::move(callable);  // under no lock
-  call->owner_.store(std::thread::id(), std::memory_order_release);
+  call->owner_.store(Thread::id(), std::memory_order_release);
   PendingCall& its_call = *call;
   reply = ReplyOwner(std::move(call));
   if (end != kNever) {
@@ -76,7 +76,7 @@ CallQueue::Added CallQueue::AddInProgress(std::shared_ptr<PendingCall>& call) {
     call = std::move(spare_.first()->self_);
     spare_.Remove(*call);
   }
-  call->owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  call->owner_.store(this_thread::get_id(), std::memory_order_relaxed);
   call->self_ = call;
   in_progress_.Add(*call);
   return Added::kYes;
@@ -103,8 +103,8 @@ void CallQueue::Drop(Function<>&& callable) {
 }
 
 bool CallQueue::Claim(PendingCall& call) {
-  auto nobody = std::thread::id();
-  return call.owner_.compare_exchange_strong(nobody, std::this_thread::get_id());
+  auto nobody = Thread::id();
+  return call.owner_.compare_exchange_strong(nobody, this_thread::get_id());
 }
 
 // The callable is invoked in a drain, or if the queue or its strand is closed, is destroyed when
@@ -182,7 +182,7 @@ void CallQueue::Discard() {
     for (PendingCall* next = in_progress_.first(); next != nullptr;) {
       PendingCall& call = *std::exchange(next, CallList::Next(*next));
       const bool is_claimed = Claim(call);
-      if (!is_claimed && call.owner_ != std::this_thread::get_id()) continue;
+      if (!is_claimed && call.owner_ != this_thread::get_id()) continue;
       // This thread may be settling the call, when the move of its answer destroys the client.
       call.is_abandoned_ = !is_claimed;
       RemoveTimeout(call);

@@ -2,15 +2,14 @@
 #ifndef ZORVIX_HANDLES_CALL_QUEUE_H_
 #define ZORVIX_HANDLES_CALL_QUEUE_H_
 
-#include <atomic>
 #include <cstddef>
 #include <memory>
-#include <thread>
 #include <utility>
 
 #include "drops.h"
 #include "reply.h"
 #include "strand.h"
+#include "sync.h"
 
 namespace zorvix::detail {
 
@@ -32,7 +31,7 @@ class PendingCall final : public SharedReply, private Timed {
   Function<> callable_;
   // The thread that settles or discards the call, and so the only one that may use the callable
   // until the call is answered. None while it is in progress.
-  std::atomic<std::thread::id> owner_{std::thread::id()};
+  Atomic<Thread::id> owner_{Thread::id()};
   bool is_abandoned_ = false;  // the owner has destroyed the client while it settled the call
   // The queue's mutex guards what follows.
   bool has_timeout_ = false;

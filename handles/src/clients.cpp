@@ -2,7 +2,6 @@
 #include <zorvix/detail/library.h>
 
 #include <any>
-#include <atomic>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -13,6 +12,7 @@
 #include "call_queue.h"
 #include "endpoint.h"
 #include "inbox.h"
+#include "sync.h"
 #include "waiting_reply.h"
 
 namespace zorvix::detail {
@@ -102,7 +102,7 @@ class QueuedCall final : public Offer, public std::enable_shared_from_this<Queue
     }
 
    private:
-    std::atomic<bool> is_settled_{false};
+    Atomic<bool> is_settled_{false};
     std::shared_ptr<QueuedCall> call_;
   };
 

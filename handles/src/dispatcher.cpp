@@ -8,10 +8,10 @@
 #include <functional>
 #include <list>
 #include <new>
-#include <thread>
 #include <utility>
 
 #include "endpoint.h"
+#include "sync.h"
 #include "threads.h"
 
 namespace zorvix::detail {
@@ -40,7 +40,7 @@ class QueuedStrand final : public Strand {
   bool LogUndrained(const Record& pushed, const Backlog& backlog) const override;
 
   // Written under the dispatcher's mutex:
-  std::atomic<bool> listed_{false};
+  Atomic<bool> listed_{false};
   bool retired_ = false;
   Element element_{1};
   const Element::iterator position_ = element_.begin();  // in whichever list it is
@@ -139,7 +139,7 @@ class Dispatcher {
 
    private:
     Dispatcher& dispatcher_;
-    std::atomic<bool> returned_{false};
+    Atomic<bool> returned_{false};
   };
 
   struct Exit {
@@ -180,7 +180,7 @@ class Dispatcher {
       reposting_ = true;
     }
     try {
-      std::thread(&Dispatcher::Repost, this).detach();
+      Thread(&Dispatcher::Repost, this).detach();
     } catch (const std::exception&) {  // the next push tries again
       const Lock lock(mutex_);
       reposting_ = false;
@@ -195,7 +195,7 @@ class Dispatcher {
       try {
         PostTask();
       } catch (const std::bad_alloc&) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        this_thread::sleep_for(std::chrono::milliseconds(1));
       }
       const Lock lock(mutex_);
       is_done = tasks_ != 0 || !HasWork() || exiting_;
@@ -236,9 +236,9 @@ class Dispatcher {
     return HasWork() ? Unlist(*ready_.front()) : nullptr;
   }
 
-  std::atomic<int> tasks_{0};
+  Atomic<int> tasks_{0};
   std::atomic<bool> is_logged_{false};  // that no thread drains the queue, since then
-  std::atomic<bool> is_paused_{false};  // written under the mutex
+  Atomic<bool> is_paused_{false};       // written under the mutex
   Mutex mutex_;
   QueuedStrand::Element ready_ ZORVIX_GUARDED_BY(mutex_);
   bool reposting_ ZORVIX_GUARDED_BY(mutex_) = false;

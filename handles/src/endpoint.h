@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "records.h"
+#include "sync.h"
 
 namespace zorvix::detail {
 
@@ -131,7 +132,7 @@ struct ServerRegistration {
   const Name name;
   const Record& record;
   // Of the server handles of its name. Written under the mutex of the registry.
-  std::atomic<bool> is_latest{false};
+  Atomic<bool> is_latest{false};
 };
 
 // Adds to a queue each server or counted subscription of a name that registers or unregisters from

@@ -4,7 +4,6 @@
 
 #include <zorvix/detail/erasure.h>
 
-#include <atomic>
 #include <cstdint>
 #include <utility>
 
@@ -33,7 +32,7 @@ class Gate {
   void WaitForOthers(const Record& record, std::uint32_t own_passes, const Callable* callable);
 
   static constexpr std::uint32_t kClosed = 1u << 31;
-  std::atomic<std::uint32_t> inside_{0};  // kClosed is added by Close
+  Atomic<std::uint32_t> inside_{0};  // kClosed is added by Close
   // Destroys the callable when it ends. Written by Close on the thread of that pass.
   const Pass* last_ = nullptr;
   Callable* callable_ = nullptr;

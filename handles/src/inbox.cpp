@@ -1,13 +1,12 @@
 #include "inbox.h"
 
-#include <atomic>
 #include <cstddef>
 #include <cstdlib>
-#include <thread>
 #include <typeinfo>
 #include <utility>
 
 #include "dispatcher.h"
+#include "sync.h"
 #include "threads.h"
 
 namespace zorvix::detail {
@@ -54,7 +53,7 @@ class DrainThread {
 
   bool Stop(Timeout timeout) {
     if (!thread_.joinable()) return processed_all_;
-    if (thread_.get_id() == std::this_thread::get_id()) {
+    if (thread_.get_id() == this_thread::get_id()) {
       BRIDGE_LOG(bridge::kLogError, "an InboxThread is stopped by a callable it invokes");
       std::abort();
     }
@@ -77,10 +76,10 @@ class DrainThread {
   }
 
   const std::shared_ptr<Strand> strand_;
-  std::atomic<bool> stop_{false};
+  Atomic<bool> stop_{false};
   Clock::time_point end_;  // written before stop_
   bool processed_all_ = false;
-  std::thread thread_;
+  Thread thread_;
 };
 
 }  // namespace zorvix::detail

@@ -93,7 +93,7 @@ void Strand::Shut(const std::shared_ptr<const void>& owner) {
   }
 }
 
-bool Strand::Wait(Clock::time_point end, const std::atomic<bool>& stop) {
+bool Strand::Wait(Clock::time_point end, const Atomic<bool>& stop) {
   Lock lock(mutex_);
   ++waiting_;
   bool is_over = false;
@@ -107,7 +107,7 @@ bool Strand::Wait(Clock::time_point end, const std::atomic<bool>& stop) {
   return ready_;
 }
 
-void Strand::Stop(std::atomic<bool>& stop) {
+void Strand::Stop(Atomic<bool>& stop) {
   const Lock lock(mutex_);
   stop = true;
   became_ready_.NotifyAll();

@@ -63,9 +63,9 @@ class Strand : public std::enable_shared_from_this<Strand> {
 
   // Blocks until it is ready, or `stop`, or until `end`. Returns whether it is ready. Lets timeouts
   // expire meanwhile.
-  bool Wait(Clock::time_point end, const std::atomic<bool>& stop);
+  bool Wait(Clock::time_point end, const Atomic<bool>& stop);
   // Sets `stop` under the mutex: a `may_go_on` that is called later sees it.
-  void Stop(std::atomic<bool>& stop);
+  void Stop(Atomic<bool>& stop);
 
   // Returns a descriptor that is readable while the strand is ready, or a timeout has passed and no
   // drain is in progress. Throws std::system_error.
@@ -126,7 +126,7 @@ class Strand : public std::enable_shared_from_this<Strand> {
 
   const std::string counter_name_;
   mutable Mutex mutex_;
-  std::atomic<bool> ready_{false};  // written under the mutex
+  Atomic<bool> ready_{false};  // written under the mutex
   Agenda agenda_ ZORVIX_GUARDED_BY(mutex_);
   Turn last_turn_ ZORVIX_GUARDED_BY(mutex_) = 0;
   std::size_t queues_ ZORVIX_GUARDED_BY(mutex_) = 0;

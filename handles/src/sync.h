@@ -1,14 +1,20 @@
-// The mutex, lock and condition variable of the library. Clang's thread safety analysis follows
-// them, even where a function unlocks in the middle.
+// What threads share: mutex, lock, condition variable, atomics, threads and the clock. Clang's
+// thread safety analysis follows the locks, even where a function unlocks in the middle.
 #ifndef ZORVIX_HANDLES_SYNC_H_
 #define ZORVIX_HANDLES_SYNC_H_
 
 #include <time.h>
 #include <zorvix/zorvix.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
+
+#ifdef ZORVIX_SCHEDULER
+#include <schedule.h>
+#endif
 
 // As ZORVIX_GUARDED_BY and ZORVIX_REQUIRES in zorvix.h.
 #if defined(_LIBCPP_ENABLE_THREAD_SAFETY_ANNOTATIONS) && __has_attribute(guarded_by)
@@ -26,15 +32,30 @@
 
 namespace zorvix::detail {
 
-using Clock = std::chrono::steady_clock;
+// A test explores the interleavings of threads with a scheduler, which has all that is named here.
+#ifdef ZORVIX_SCHEDULER
+namespace sync = ::schedule;
+#else
+namespace sync = ::std;
+#endif
+// Numbers that are only shown, such as those of Inspect, are a std::atomic.
+template <typename Value>
+using Atomic = sync::atomic<Value>;
+using Thread = sync::thread;
+namespace this_thread = sync::this_thread;
+using Clock = sync::chrono::steady_clock;
 constexpr auto kNever = Clock::time_point::max();
 
 // Returns the time as of a few milliseconds ago, for a sixth of the price.
 inline Clock::time_point CoarseNow() {
+#ifdef ZORVIX_SCHEDULER
+  return Clock::now();
+#else
   timespec time;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
   return Clock::time_point(std::chrono::seconds(time.tv_sec) +
                            std::chrono::nanoseconds(time.tv_nsec));
+#endif
 }
 
 class ZORVIX_CAPABILITY Mutex {
@@ -48,7 +69,7 @@ class ZORVIX_CAPABILITY Mutex {
 
  private:
   friend class Lock;
-  std::mutex mutex_;
+  sync::mutex mutex_;
 };
 
 class ZORVIX_SCOPED_CAPABILITY Lock {
@@ -73,7 +94,7 @@ class ZORVIX_SCOPED_CAPABILITY Lock {
 
  private:
   friend class Condition;
-  std::mutex& mutex_;
+  sync::mutex& mutex_;
   bool is_held_ = true;
 };
 
@@ -99,7 +120,7 @@ class Condition {
   void NotifyAll() { condition_.notify_all(); }
 
  private:
-  std::condition_variable condition_;
+  sync::condition_variable condition_;
 };
 
 }  // namespace zorvix::detail

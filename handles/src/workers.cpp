@@ -6,7 +6,6 @@
 #include <exception>
 #include <new>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -134,7 +133,7 @@ class Pool {
     if (stopper_.joinable()) stopper_.join();  // the last one, which has ended
     is_stopping_ = true;
     try {
-      stopper_ = std::thread([this] {
+      stopper_ = Thread([this] {
         NameThread("zorvix stopper");
         RunStopper();
       });
@@ -179,8 +178,8 @@ class Pool {
   std::size_t workers_ ZORVIX_GUARDED_BY(mutex_) = 0;   // of all Spins
   std::size_t spinning_ ZORVIX_GUARDED_BY(mutex_) = 0;  // threads whose Spin has not returned
   bool is_stopping_ ZORVIX_GUARDED_BY(mutex_) = false;  // until RunStopper ends
-  std::vector<std::thread> threads_ ZORVIX_GUARDED_BY(mutex_);
-  std::thread stopper_ ZORVIX_GUARDED_BY(mutex_);
+  std::vector<Thread> threads_ ZORVIX_GUARDED_BY(mutex_);
+  Thread stopper_ ZORVIX_GUARDED_BY(mutex_);
 };
 
 }  // namespace
