@@ -60,10 +60,10 @@ class Answers : public Bridge {
 template <BridgeType kType>
 using ServiceOf = zorvix::Service<int, int, kType>;
 
-// A server, and why its calls have no answer.
+// Why the calls of a server have no answer, and what makes the server.
 struct Failing {
   Why why;
-  std::shared_ptr<void> server;
+  std::function<std::shared_ptr<void>()> serve;
 };
 
 // Serves "s" until the result is destroyed.
@@ -80,72 +80,48 @@ std::shared_ptr<void> ServePlainly(ServerFunction function) {
 }
 
 template <BridgeType kType>
-std::vector<std::function<Failing()>> FailingServers() {
+std::vector<Failing> FailingServers() {
   constexpr auto kServe = [](auto callable) { return Serve<kType, int, int>(callable); };
   constexpr auto kServePlainly = ServePlainly<kType>;
   const auto fail = [](int) -> int { throw std::bad_any_cast(); };
   const auto fail_with_reply = [](int, const Reply&) { throw 1; };
   const auto forget = [](int, const Reply&) {};
   const auto refuse = [](int, const Reply& reply) { reply.Refuse(); };
-  const auto other_request = [](char) { return 1; };
-  const auto other_response = [](int) { return 'x'; };
   return {
-      [] {
-        return Failing{Why::NoServer, nullptr};
-      },
-      [=] {
-        return Failing{Why::Threw, kServe(fail)};
-      },
-      [=] {
-        return Failing{Why::Threw, kServe(fail_with_reply)};
-      },
-      [=] {
-        return Failing{Why::Threw, kServePlainly([](auto&, auto&) { throw 1; })};
-      },
-      [=] {
-        return Failing{Why::Destroyed, kServe(forget)};
-      },
-      [=] {
-        return Failing{Why::Refused, kServe(refuse)};
-      },
-      [=] {
-        return Failing{Why::Unknown, kServePlainly([](auto&, auto& it) { it.reset(); })};
-      },
-      [=] {
-        return Failing{Why::Unknown, kServePlainly([](auto&, auto&) {})};
-      },
-      [=] {
-        return Failing{Why::WrongType, kServePlainly([](auto&, auto& it) { it = 'x'; })};
-      },
-      [=] {
-        return Failing{Why::WrongType, Serve<kType, char, int>(other_request)};
-      },
-      [=] {
-        return Failing{Why::WrongType, Serve<kType, int, char>(other_response)};
-      },
+      {Why::NoServer, [] { return nullptr; }},
+      {Why::Threw, [=] { return kServe(fail); }},
+      {Why::Threw, [=] { return kServe(fail_with_reply); }},
+      {Why::Threw, [] { return kServePlainly([](auto&, auto&) { throw 1; }); }},
+      {Why::Destroyed, [=] { return kServe(forget); }},
+      {Why::Refused, [=] { return kServe(refuse); }},
+      {Why::Unknown, [] { return kServePlainly([](auto&, auto& it) { it.reset(); }); }},
+      {Why::Unknown, [] { return kServePlainly([](auto&, auto&) {}); }},
+      {Why::WrongType, [] { return kServePlainly([](auto&, auto& it) { it = 'x'; }); }},
+      {Why::WrongType, [] { return Serve<kType, char, int>([](char) { return 1; }); }},
+      {Why::WrongType, [] { return Serve<kType, int, char>([](int) { return 'x'; }); }},
   };
 }
 
 TEST_F(Answers, SayWhyADirectServerHasNotAnswered) {
   const IntClient client(zorvix::Service<int, int>{"s"}, *client_inbox_);
-  for (const auto& serve : FailingServers<BridgeType::Sync>()) {
-    const Failing failing = serve();
-    EXPECT_EQ(Seen(client.Call(1)), failing.why);
-    EXPECT_EQ(Seen(client.Call(1, hours(1))), failing.why);
+  for (const auto& [why, serve] : FailingServers<BridgeType::Sync>()) {
+    const auto server = serve();
+    EXPECT_EQ(Seen(client.Call(1)), why);
+    EXPECT_EQ(Seen(client.Call(1, hours(1))), why);
     client.Call(1, Append());
     client.Call(1, hours(1), Append());
-    EXPECT_EQ(DrainAnswers(), (AllSeen{failing.why, failing.why}));
+    EXPECT_EQ(DrainAnswers(), (AllSeen{why, why}));
   }
 }
 
 TEST_F(Answers, OfFuturesSayWhyAServerHasNotAnswered) {
   constexpr auto kAsync = BridgeType::Async;
   zorvix::Client client(ServiceOf<kAsync>{"s"});
-  for (const auto& serve : FailingServers<kAsync>()) {
-    Failing failing = serve();
+  for (const auto& [why, serve] : FailingServers<kAsync>()) {
+    const auto failing = serve();
     auto answer = client.Call(1);
     ZorvixSpinOnce();
-    EXPECT_EQ(Seen(answer.get()), failing.why);
+    EXPECT_EQ(Seen(answer.get()), why);
   }
 
   std::optional server(zorvix::Server(ServiceOf<kAsync>{"s"}, Double));
@@ -241,7 +217,7 @@ TEST_F(Answers, MayBeGivenLaterOnAnotherThread) {
       std::optional server(serve());
       std::optional async_server(zorvix::Server(ServiceOf<BridgeType::Async>{"double"}, Keep()));
       TakeLog();
-      auto answer = std::async(std::launch::async, call);
+      auto answer = InBackground(call);
       EXPECT_TRUE(ComesTrue([&] {
         server_inbox_->Drain();
         ZorvixSpinOnce();
@@ -309,7 +285,7 @@ TEST_F(Answers, OfCallsWithTimeoutsWakeWhoWaitsInTime) {
     const auto begin = std::chrono::steady_clock::now();
     client.Call(1, milliseconds(500), Append());
     client.Call(2, milliseconds(20), Append());
-    EXPECT_FALSE(client_inbox_->Wait(milliseconds(0)));
+    EXPECT_FALSE(client_inbox_->Wait(milliseconds(-1)));
     EXPECT_FALSE(IsReadable(*client_inbox_));
 
     wait();
@@ -323,33 +299,6 @@ TEST_F(Answers, OfCallsWithTimeoutsWakeWhoWaitsInTime) {
   server_inbox_->Drain();
   for (const auto& reply : kept_) reply(1);
   EXPECT_EQ(DrainAnswers(), AllSeen()) << "all of them are late, or ignored";
-}
-
-// The thread waits already, without a timeout or for a later one.
-TEST_F(Answers, OfACallWithATimeoutReachAThreadThatWaitsAlready) {
-  const IntServer server(kService, Keep(), *server_inbox_);
-  const IntClient client(kService, *client_inbox_);
-  std::promise<Seen> seen;
-  zorvix::InboxThread thread(*client_inbox_);
-  client.Call(0, hours(1), Ignore);
-  LetOthersRun();
-
-  client.Call(1, milliseconds(1), [&](const Answer& answer) { seen.set_value(answer); });
-
-  EXPECT_EQ(seen.get_future().get(), Why::TimedOut);
-}
-
-TEST_F(Answers, OfACallWithATimeoutDoNotEndAWaitIfTheClientIsDestroyed) {
-  const IntServer server(kService, Keep(), *server_inbox_);
-  std::optional client(IntClient(kService, *client_inbox_));
-  client->Call(1, milliseconds(20), Append());
-  auto wait = BeginAndLetSleep([&] { return client_inbox_->Wait(hours(1)); });
-
-  client.reset();
-
-  EXPECT_EQ(wait.wait_for(milliseconds(40)), std::future_status::timeout);
-  client_inbox_->Post([] {});
-  EXPECT_TRUE(wait.get());
 }
 
 TEST_F(Answers, OfCallsWithTimeoutsAreTakenInTheNextDrain) {

@@ -1,8 +1,5 @@
-// Calls between threads: servers and clients with inboxes, calls, drains and stops with a limit.
-#include <zorvix/inspect.h>
-
+// Calls whose requests or answers are pending: servers and clients with inboxes, or queued.
 #include "bridge_test.h"
-#include "threads.h"
 
 namespace {
 
@@ -10,7 +7,6 @@ using std::chrono::hours;
 using std::chrono::milliseconds;
 using zorvix::Delivery;
 using zorvix::Inbox;
-using zorvix::InboxThread;
 using zorvix::KeepLast;
 using zorvix::Why;
 using Reply = zorvix::Reply<int>;
@@ -19,7 +15,6 @@ using Answers = std::vector<Answer>;
 using IntServer = zorvix::Server<int, int>;
 using IntClient = zorvix::Client<int, int>;
 
-constexpr auto kNoLimit = zorvix::Timeout::Forever();
 const zorvix::Service<int, int> kService{"double"};
 
 int Double(int number) { return 2 * number; }
@@ -37,11 +32,6 @@ const zorvix::Service<int, Acting> kActing{"acting"};
 Acting Act(int) { return {}; }
 
 using ActingServer = zorvix::Server<int, Acting>;
-
-bool IsAnythingPending() {
-  const auto handles = zorvix::Inspect();
-  return std::any_of(handles.begin(), handles.end(), [](auto& its) { return its.pending != 0; });
-}
 
 // A service whose requests are pending in one inbox, and its answers in another.
 class Calls : public Bridge {
@@ -194,39 +184,6 @@ TEST_F(Calls, CallableIsInvokedOnceWithTheReasonIfNobodyAnswers) {
   }
 }
 
-// One call is answered, one is in progress and one is pending. The first callable that is destroyed
-// lets the server go on. Hangs if a lock is held then.
-TEST_F(Calls, DestroyedClientDestroysAllItsCallablesOnItsOwnThread) {
-  std::future<void> drain;
-  std::vector<std::thread::id> destroyed_on;
-  const auto destroy = [&](std::nullptr_t) {
-    destroyed_on.push_back(std::this_thread::get_id());
-    client_inbox_->Wait(milliseconds(0));
-    HoldLog("");
-    if (drain.valid()) drain.get();
-  };
-  const auto log = [](int number) {
-    Log("serving");
-    return number;
-  };
-  const IntServer server(kService, log, *server_inbox_);
-  std::optional client(IntClient(kService, *client_inbox_));
-  for (const int number : {1, 2, 3}) {
-    client->Call(number, [owned = std::shared_ptr<void>(nullptr, destroy)](Answer) {
-      ADD_FAILURE() << "invoked";
-    });
-  }
-  server_inbox_->Drain(milliseconds(0));
-  HoldLog("serving");
-  drain = std::async(std::launch::async, [&] { server_inbox_->Drain(); });
-  WaitForLog("serving", 2);
-
-  client.reset();
-
-  EXPECT_EQ(destroyed_on, std::vector(3, std::this_thread::get_id()));
-  EXPECT_EQ(client_inbox_->Drain(), 0u);
-}
-
 TEST_F(Calls, CallablesAreDestroyedWithTheInboxOfTheirClientOrWithTheClient) {
   const auto answered = std::make_shared<int>();
   const auto late = std::make_shared<int>();
@@ -283,44 +240,6 @@ TEST_F(Calls, AnswerThatIsMovedMayDestroyItsClient) {
     EXPECT_FALSE(client.has_value());
     EXPECT_EQ(client_inbox_->Drain(), 1u) << "the task that the callable posts at its end";
   }
-}
-
-TEST_F(Calls, DestroyedClientWaitsUntilAnAnswerIsMoved) {
-  Acting::on_move = [] { Log("moving"); };
-  const zorvix::Server server(kActing, Act, *server_inbox_);
-  std::optional client(zorvix::Client(kActing, *client_inbox_));
-  client->Call(1, milliseconds(0), [](const auto&) { ADD_FAILURE() << "invoked"; });
-  HoldLog("moving");
-  auto drain = std::async(std::launch::async, [&] { server_inbox_->Drain(); });
-  WaitForLog("moving");
-  EXPECT_EQ(client_inbox_->Drain(), 0u) << "its time is over, but it is being answered";
-
-  auto end = std::async(std::launch::async, [&] { client.reset(); });
-
-  WaitForLog("a destructor waits for its callable to return, name: acting");
-  HoldLog("");
-  drain.get();
-  end.get();
-  EXPECT_EQ(client_inbox_->Drain(), 0u);
-}
-
-TEST_F(Calls, CallWhoseTimeIsOverWaitsWhileItsAnswerIsMoved) {
-  Acting::on_move = [] { Log("moving"); };
-  const ActingServer server(kActing, Act, *server_inbox_);
-  const zorvix::Client client(kActing);
-  HoldLog("moving");
-  auto answer = std::async(std::launch::async, [&] { return client.Call(1, milliseconds(20)); });
-  EXPECT_TRUE(ComesTrue(IsAnythingPending));
-  auto drain = std::async(std::launch::async, [&] { server_inbox_->Drain(); });
-  WaitForLog("moving");
-
-  EXPECT_EQ(answer.wait_for(milliseconds(40)), std::future_status::timeout);
-
-  EXPECT_EQ(client.Call(2, milliseconds(0)).why(), Why::TimedOut)
-      << "another thread drains the inbox";
-  HoldLog("");
-  EXPECT_TRUE(answer.get().has_value());
-  drain.get();
 }
 
 // Lets the moves of answers throw: in each round, one move more succeeds before. Calls
@@ -411,28 +330,6 @@ TEST_P(QueuedCalls, CallThatCouldOnlyWaitForItsOwnThreadReturnsNone) {
   EXPECT_EQ(DrainAnswers(), (Answers{0, 10})) << "a call that does not wait is answered";
 }
 
-// ThreadSanitizer sees a call that looks for its answer too late, since the flag orders nothing.
-TEST_F(Calls, CallReturnsNoneAtItsLimitAndIgnoresALateAnswer) {
-  std::atomic<bool> has_returned{false};
-  const auto answer_late = [&](int number) {
-    while (!has_returned.load(std::memory_order_relaxed)) std::this_thread::yield();
-    return Double(number);
-  };
-  const IntServer server(kService, answer_late, *server_inbox_);
-  const IntClient client(kService, *client_inbox_);
-  std::optional<InboxThread> thread(*server_inbox_);
-  const auto begin = std::chrono::steady_clock::now();
-
-  EXPECT_EQ(client.Call(1, milliseconds(20)), std::nullopt);
-  has_returned.store(true, std::memory_order_relaxed);
-
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(20));
-  client.Call(2, Append());
-  thread.reset();
-  EXPECT_EQ(DrainAnswers(), Answers{4});
-  EXPECT_EQ(Count(TakeLog(), "E"), 0u);
-}
-
 TEST_F(Calls, ServersWithoutInboxesAnswerBeforeCallReturnsAndTheCallableStillWaits) {
   int requests = 0;
   const IntServer server(kService, [&](int number) {
@@ -449,167 +346,6 @@ TEST_F(Calls, ServersWithoutInboxesAnswerBeforeCallReturnsAndTheCallableStillWai
 
   EXPECT_EQ(answers_, Answers());
   EXPECT_EQ(DrainAnswers(), (Answers{2, 20}));
-}
-
-TEST_P(QueuedCalls, WithoutALimitBlockUntilTheServerIsDrainedOrDestroyed) {
-  std::optional<IntServer> server;
-  const IntClient client(kService);
-  auto& plain = Service("double", BridgeType::Sync);
-  Zorvix::GetInstance().RegisterClient(plain);
-  const std::function<Answer()> calls[] = {[&] { return CallPlainly(plain); },
-                                           [&] { return client.Call(4); },
-                                           [&] { return client.Call(4, kNoLimit); }};
-  for (const auto& call : calls) {
-    server.emplace(Serve(Double));
-    auto answered = std::async(std::launch::async, [&] {
-      DrainServer();  // a call in a drain would not wait, but this is a former one
-      return call();
-    });
-    EXPECT_TRUE(ComesTrue(IsAnythingPending));
-    LetOthersRun();
-    DrainServer();
-    auto refused = std::async(std::launch::async, call);
-    EXPECT_TRUE(ComesTrue(IsAnythingPending));
-    server.reset();
-
-    EXPECT_EQ(answered.get(), 8);
-    EXPECT_EQ(refused.get(), std::nullopt);
-  }
-}
-
-// Builds and destroys servers of all kinds until there are no callers.
-void ServeInTurns(const std::atomic<int>& callers) {
-  const auto pause = [] { std::this_thread::sleep_for(milliseconds(1)); };
-  while (callers > 0) {
-    Inbox drained;
-    Inbox never_drained;
-    Inbox later;
-    const InboxThread thread(drained);
-    const InboxThread answering(later);
-    const auto answer_later = [&later](int number, Reply reply) {
-      if (number % 5 == 0) return;
-      later.Post([number, reply = std::move(reply)] { reply(Double(number)); });
-    };
-    std::optional server(IntServer(kService, Double, drained));
-    pause();
-    server.emplace(kService, Double, drained, KeepLast{1});
-    pause();
-    server.emplace(kService, Double, never_drained, KeepLast{2});
-    pause();
-    const auto busy = [is_busy = false](int number) mutable {
-      EXPECT_FALSE(std::exchange(is_busy, true));
-      is_busy = false;
-      return Double(number);
-    };
-    server.emplace(kService, busy, Delivery::Queued, KeepLast{2});
-    pause();
-    server.emplace(kService, Double);
-    pause();
-    server.emplace(kService, answer_later);
-    pause();
-    server.emplace(kService, answer_later, drained);
-    pause();
-    server.reset();
-  }
-}
-
-TEST_F(Calls, EachCallIsAnsweredExactlyOnceWhileServersComeAndGo) {
-  const IntClient client(kService);
-  const IntClient with_inbox(kService, *client_inbox_);
-  const auto owned = std::make_shared<int>();
-  const auto is_answered = [](int number, Answer answer) {
-    EXPECT_EQ(answer.value_or(Double(number)), Double(number));
-    return answer.has_value();
-  };
-  const auto call_blocking = [&](int number) { return is_answered(number, client.Call(number)); };
-  const auto call_with_limit = [&](int number) {
-    return is_answered(number, with_inbox.Call(number, milliseconds(number % 3)));
-  };
-  std::deque<int> invocations;  // of the callables, by the numbers of their calls
-  bool has_value = false;
-  const auto call_without_waiting = [&](int number) {
-    invocations.push_back(0);
-    with_inbox.Call(number, [&, number](Answer answer) {
-      ++invocations[static_cast<std::size_t>(number)];
-      has_value = is_answered(number, answer);
-    });
-    // Of a client that is destroyed before the next drain.
-    IntClient(kService, *client_inbox_).Call(number, [owned](Answer) { ADD_FAILURE(); });
-    client_inbox_->Drain();
-    return std::exchange(has_value, false);
-  };
-  Inbox timed_inbox;
-  const IntClient timed(kService, timed_inbox);
-  const auto call_with_timeout = [&](int number) {
-    int answers = 0;
-    bool has_answer = false;
-    timed.Call(number, milliseconds(number % 2), [&](Answer answer) {
-      ++answers;
-      has_answer = is_answered(number, answer);
-    });
-    while (answers == 0) {
-      timed_inbox.Wait(kNoLimit);
-      timed_inbox.Drain();
-    }
-    timed_inbox.Drain();
-    EXPECT_EQ(answers, 1);
-    return has_answer;
-  };
-  const IntClient queued(kService, Delivery::Queued);
-  std::size_t queued_calls = 0;
-  const auto call_queued = [&](int number) {
-    std::promise<bool> is_done;
-    queued.Call(number, [&](Answer answer) {
-      ++queued_calls;
-      is_done.set_value(is_answered(number, answer));
-    });
-    return is_done.get_future().get();
-  };
-  const zorvix::Workers workers(2);
-  std::atomic<int> callers{6};
-  const auto begin = [&](const auto& call) {
-    return std::async(std::launch::async, [&] {
-      int values = 0;
-      for (int number = 0; values < 200; ++number) values += call(number) ? 1 : 0;
-      --callers;
-    });
-  };
-
-  std::future<void> threads[] = {begin(call_blocking),        begin(call_with_limit),
-                                 begin(call_without_waiting), begin(call_queued),
-                                 begin(call_queued),          begin(call_with_timeout)};
-  ServeInTurns(callers);
-  for (auto& thread : threads) thread.get();
-  client_inbox_->Drain();
-
-  EXPECT_EQ(invocations, std::deque<int>(invocations.size(), 1));
-  EXPECT_EQ(owned.use_count(), 1) << "all callables are destroyed";
-}
-
-TEST_F(Calls, StopWithALimitLeavesTheRestInTheInboxInOrder) {
-  constexpr std::size_t kCount = 5000;
-  std::atomic<bool> slow{true};
-  std::atomic<std::size_t> done{0};
-  for (std::size_t number = 0; number < kCount; ++number) {
-    server_inbox_->Post([&, number] {
-      EXPECT_EQ(done++, number);
-      if (slow) std::this_thread::sleep_for(milliseconds(1));
-    });
-  }
-
-  for (const milliseconds limit : {milliseconds(0), milliseconds(20)}) {
-    const std::size_t done_before = done;
-    InboxThread thread(*server_inbox_);
-    EXPECT_TRUE(ComesTrue([&] { return done > done_before; }));
-    EXPECT_FALSE(thread.Stop(limit));
-    EXPECT_FALSE(thread.Stop(kNoLimit)) << "stopped already";
-  }
-
-  slow = false;
-  InboxThread thread(*server_inbox_);
-  EXPECT_TRUE(thread.Stop(kNoLimit));
-  EXPECT_TRUE(thread.Stop(milliseconds(0))) << "stopped already";
-  EXPECT_EQ(done, kCount);
 }
 
 }  // namespace

@@ -178,33 +178,6 @@ TEST_F(Bridge, InspectCountsWhatIsSentReceivedPendingAndDropped) {
   EXPECT_EQ(Count(Findings(), "its inbox is destroyed"), 5u);
 }
 
-TEST_F(Bridge, InspectSeesCompleteHandlesWhileOthersComeAndGo) {
-  std::atomic<bool> is_done{false};
-  const auto come_and_go = [&] {
-    Inbox inbox;
-    while (!is_done) {
-      const Ints subscriber(kTopic, ignore, inbox, KeepLast{2});
-      const IntServer server(kService, answer, inbox);
-      for (int number = 0; number < 3; ++number) zorvix::Publisher(kTopic).Publish(number);
-      inbox.Drain();
-    }
-  };
-  const zorvix::Holder holder(kState);
-  std::future<void> threads[] = {std::async(std::launch::async, come_and_go),
-                                 std::async(std::launch::async, come_and_go)};
-
-  std::size_t most = 0;
-  for (int round = 0; round < 300 || most < 5; ++round) {
-    const Lines lines = InspectLines();
-    most = std::max(most, lines.size());
-    EXPECT_EQ(Count(lines, "state Holder zorvix_test"), 1u);
-    EXPECT_EQ(Count(lines, " zorvix_test "), lines.size());
-  }
-  is_done = true;
-  for (auto& thread : threads) thread.get();
-  EXPECT_EQ(InspectLines(), Lines{"state Holder zorvix_test 0 0 0 0 0 0 0"});
-}
-
 TEST_F(Bridge, InspectCoversModulesThatAreLoadedApart) {
   const zorvix::Publisher publisher(kNeverDrained);
   const Module one("hidden");
@@ -231,123 +204,117 @@ TEST_F(Bridge, InspectCoversModulesThatAreLoadedApart) {
   EXPECT_EQ(InspectLines().size(), 1u);
 }
 
+using Handles = std::vector<std::shared_ptr<void>>;
+template <typename... Any>
+Handles All(Any... handles) {
+  return {std::make_shared<Any>(std::move(handles))...};
+}
+
 TEST_F(Bridge, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
-  using Handles = std::vector<std::shared_ptr<void>>;
-  const auto add = [](Handles& handles, auto handle) {
-    handles.push_back(std::make_shared<decltype(handle)>(std::move(handle)));
-  };
+  constexpr auto kOptional = zorvix::Audience::Optional;
   struct Row {
-    std::function<void(Handles&)> construct;
+    std::function<Handles()> construct;
     Lines findings;
   };
   const zorvix::Topic<int, BridgeType::Async> async{"t"};
   const zorvix::Topic<std::string> texts{"t"};
+  const zorvix::Service<int, std::string> text_service{"s"};
+  const zorvix::Service<int, int, BridgeType::SignleAsync> once{"s"};
+  const zorvix::State<int> other_case{"STATE"};
   const auto similar = [](const char* name) { return zorvix::Topic<int>{name}; };
   const Row rows[] = {
-      {[&](Handles& all) { add(all, zorvix::Publisher(kTopic)); }, {"t Publisher: no subscriber"}},
-      {[&](Handles& all) { add(all, zorvix::Publisher(kTopic, zorvix::Audience::Optional)); }, {}},
-      {[&](Handles& all) {
-         add(all, zorvix::Publisher(kTopic, zorvix::Audience::Optional));
-         add(all, Ints(similar("T"), ignore));
-       },
+      {[&] { return All(zorvix::Publisher(kTopic)); }, {"t Publisher: no subscriber"}},
+      {[&] { return All(zorvix::Publisher(kTopic, kOptional)); }, {}},
+      {[&] { return All(zorvix::Publisher(kTopic, kOptional), Ints(similar("T"), ignore)); },
        {"T Subscriber: no publisher; similar name: t (zorvix_test)",
         "t Publisher: no subscriber; similar name: T (zorvix_test)"}},
-      {[&](Handles& all) { add(all, Ints(kTopic, ignore)); }, {"t Subscriber: no publisher"}},
-      {[&](Handles& all) { add(all, IntClient(kService)); }, {"s Client: no server"}},
-      {[&](Handles& all) { add(all, IntServer(kService, answer)); }, {}},
-      {[&](Handles& all) { add(all, zorvix::Watcher(kState)); }, {"state Watcher: no holder"}},
-      {[&](Handles& all) { add(all, zorvix::Holder(kState)); }, {}},
+      {[&] { return All(Ints(kTopic, ignore)); }, {"t Subscriber: no publisher"}},
+      {[&] { return All(IntClient(kService)); }, {"s Client: no server"}},
+      {[&] { return All(IntServer(kService, answer)); }, {}},
+      {[&] { return All(zorvix::Watcher(kState)); }, {"state Watcher: no holder"}},
+      {[&] { return All(zorvix::Holder(kState)); }, {}},
       // Names: of another case, two edits away, three edits away, and short.
-      {[&](Handles& all) {
-         add(all, zorvix::Holder(kState));
-         add(all, zorvix::Watcher(zorvix::State<int>{"STATE"}));
-       },
+      {[&] { return All(zorvix::Holder(kState), zorvix::Watcher(other_case)); },
        {"STATE Watcher: no holder; similar name: state (zorvix_test)",
         "state Holder: no watcher; similar name: STATE (zorvix_test)"}},
-      {[&](Handles& all) {
-         add(all, zorvix::Publisher(similar("distance")));
-         add(all, Ints(similar("ditsance"), ignore));
+      {[&] {
+         return All(zorvix::Publisher(similar("distance")), Ints(similar("ditsance"), ignore));
        },
        {"distance Publisher: no subscriber; similar name: ditsance (zorvix_test)",
         "ditsance Subscriber: no publisher; similar name: distance (zorvix_test)"}},
-      {[&](Handles& all) {
-         add(all, zorvix::Publisher(similar("distance")));
-         add(all, Ints(similar("instances"), ignore));
-         add(all, Ints(similar("ab"), ignore));
-         add(all, zorvix::Publisher(similar("b")));
+      {[&] {
+         return All(zorvix::Publisher(similar("distance")), Ints(similar("instances"), ignore),
+                    Ints(similar("ab"), ignore), zorvix::Publisher(similar("b")));
        },
        {"ab Subscriber: no publisher", "b Publisher: no subscriber",
         "distance Publisher: no subscriber", "instances Subscriber: no publisher"}},
-      {[&](Handles& all) {
-         add(all, zorvix::Publisher(kTopic));
-         add(all, zorvix::Subscriber(async, ignore));
-       },
+      {[&] { return All(zorvix::Publisher(kTopic), zorvix::Subscriber(async, ignore)); },
        {"t Publisher: other kind: zorvix_test is Async; no subscriber",
         "t Subscriber: other kind: zorvix_test is Sync; no publisher"}},
-      {[&](Handles& all) {
-         add(all, zorvix::Publisher(kTopic));
-         add(all, Ints(kTopic, ignore));
-         add(all, zorvix::Subscriber(texts, ignore));
-         add(all, zorvix::Subscriber(texts, ignore, Delivery::Queued));
+      {[&] {
+         auto all =
+             All(zorvix::Publisher(kTopic), Ints(kTopic, ignore), zorvix::Subscriber(texts, ignore),
+                 zorvix::Subscriber(texts, ignore, Delivery::Queued));
          zorvix::Publisher(kTopic).Publish(1);
+         return all;
        },
        {"t Publisher: other message type: zorvix_test takes std::string",
         "t Subscriber: other message type: zorvix_test publishes int; "
         "rejected because of their type: 1",
         "t Subscriber: other message type: zorvix_test publishes int; "
         "rejected because of their type: 1"}},
-      {[&](Handles& all) {
-         add(all, IntClient(kService));
-         add(all, zorvix::Server(zorvix::Service<int, std::string>{"s"}, [](int) { return ""; }));
+      {[&] {
+         return All(IntClient(kService), zorvix::Server(text_service, [](int) { return ""; }));
        },
        {"s Client: other message type: zorvix_test serves int -> std::string",
         "s Server: other message type: zorvix_test calls with int -> int"}},
-      {[&](Handles& all) {
-         add(all, IntServer(kService, answer));
-         add(all, IntServer(kService, answer, Delivery::Queued));
+      {[&] {
+         return All(IntServer(kService, answer), IntServer(kService, answer, Delivery::Queued));
        },
        {"s Server: replaced by zorvix_test"}},
-      {[&](Handles& all) {
-         for (int i = 0; i < 2; ++i) add(all, zorvix::Holder(kState));
+      {[&] {
+         auto all = All(zorvix::Holder(kState), zorvix::Holder(kState));
          all.pop_back();
+         return all;
        },
        {}},
-      {[&](Handles& all) {
-         add(all, Ints(kTopic, ignore, Delivery::Queued, KeepLast{1}));
+      {[&] {
+         auto all = All(Ints(kTopic, ignore, Delivery::Queued, KeepLast{1}));
          for (int i = 0; i < 2; ++i) zorvix::Publisher(kTopic).Publish(i);
          ZorvixSpinOnce();
+         return all;
        },
        {"t Subscriber: no publisher"}},
       // The queue has been drained before.
-      {[&](Handles& all) {
-         add(all, Ints(kTopic, ignore, Delivery::Queued));
+      {[&] {
+         auto all = All(Ints(kTopic, ignore, Delivery::Queued));
          zorvix::Publisher(kTopic).Publish(1);
+         return all;
        },
        {"t Subscriber: no publisher"}},
-      {[&](Handles& all) {
-         const zorvix::Service<int, int, BridgeType::SignleAsync> once{"s"};
-         add(all, zorvix::Server(once, answer));
+      {[&] {
+         auto all = All(zorvix::Server(once, answer));
          zorvix::Client(once).Call(1);
          ZorvixSpinOnce();
+         return all;
        },
        {}},
       // Endpoints without a handle may be what is missing.
-      {[&](Handles& all) {
+      {[&] {
          Subscribed("t", BridgeType::Sync, {Subscriber([](auto&) {})});
          Service("s", BridgeType::Sync, Server([](auto&, auto&) {}));
-         add(all, zorvix::Publisher(kTopic));
-         add(all, IntClient(kService));
+         return All(zorvix::Publisher(kTopic), IntClient(kService));
        },
        {}},
-      {[&](Handles& all) {
-         add(all, IntServer(kService, answer));
+      {[&] {
+         auto all = All(IntServer(kService, answer));
          Service("s", BridgeType::Sync, Server([](auto&, auto&) {}));
+         return all;
        },
        {"s Server: replaced by a server without a handle"}},
   };
   for (const auto& row : rows) {
-    Handles handles;
-    row.construct(handles);
+    const Handles handles = row.construct();
     EXPECT_EQ(Findings(), row.findings);
   }
 }
@@ -495,13 +462,12 @@ TEST_F(Bridge, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
   const zorvix::InboxThread thread(busy);
   std::optional direct(Ints(blocking, block));
   const auto call = [](auto& service) { IntClient(service).Call(1, milliseconds(10500)); };
-  constexpr auto async = std::launch::async;
   HoldLog("held");
-  auto publish = std::async(async, [&] { zorvix::Publisher(blocking).Publish(1); });
-  auto call_busy = std::async(async, [&] { call(kService); });
+  auto publish = InBackground([&] { zorvix::Publisher(blocking).Publish(1); });
+  auto call_busy = InBackground([&] { call(kService); });
   WaitForLog("held", 2);
-  auto destroy = std::async(async, [&] { direct.reset(); });
-  auto call_own = std::async(async, [&] {
+  auto destroy = InBackground([&] { direct.reset(); });
+  auto call_own = InBackground([&] {
     own.Drain();
     call(in_own);
   });

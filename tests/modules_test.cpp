@@ -161,9 +161,9 @@ TEST_F(Modules, AreUnloadedWhenNoThreadIsInside) {
     HoldLog(use.held);
 
     BIND(module, Do)(use.module_has);
-    auto use_by_peer = std::async(std::launch::async, BIND(peer, Do), use.peer_does);
+    auto use_by_peer = InBackground(BIND(peer, Do), use.peer_does);
     WaitForLog(use.held);
-    auto unload = std::async(std::launch::async, [&] {
+    auto unload = InBackground([&] {
       BIND(module, Leave)();
       return module.Unload();
     });
@@ -204,48 +204,6 @@ TEST_F(Modules, AreNamedWhenTheirHandlesReplaceEachOther) {
   }
   EXPECT_TRUE(first.Unload());
   EXPECT_TRUE(second.Unload());
-}
-
-TEST_F(Modules, DeliverAllToManyQueuedSubscribers) {
-  const Module module("visible");
-
-  EXPECT_EQ(BIND(module, DeliverQueued)(200, 300), 200 * 300);
-
-  EXPECT_TRUE(module.Unload());
-}
-
-// 500 times, or what takes 15 seconds.
-TEST_F(Modules, AreLoadedAndUnloadedWhileOthersPublishCallAndSet) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-  const Module bridge("com.quenmar.zorvix");
-  const Module senders[] = {Module("hidden"), Module("visible")};
-  std::atomic<bool> stop{false};
-  std::vector<std::future<void>> threads;
-  for (const auto& sender : senders) {
-    threads.push_back(std::async(std::launch::async, BIND(sender, SendEachPayload), &stop));
-  }
-  auto spin = std::async(std::launch::async, BIND(bridge, ZorvixSpin), 2);
-
-  int rounds = 0;
-  for (; rounds < 500 && std::chrono::steady_clock::now() < end && !HasFailure(); ++rounds) {
-    EXPECT_TRUE(Module("statics").Unload());
-    const Module module("soaked");
-    std::atomic<int> invocations{0};
-    BIND(module, UseEachPayload)(&invocations);
-    EXPECT_TRUE(ComesTrue([&] { return invocations > 1000; }));
-    BIND(module, Leave)();
-    module.Unload();
-    // The senders have its values until they have set later ones.
-    EXPECT_TRUE(ComesTrue([&] { return !module.IsLoaded(); }));
-    TakeLog();
-  }
-
-  std::cout << rounds << " rounds" << std::endl;
-  stop = true;
-  for (auto& thread : threads) thread.get();
-  BIND(bridge, ZorvixStopSpin)();
-  spin.get();
-  for (const auto& sender : senders) EXPECT_TRUE(sender.Unload());
 }
 
 #ifndef __ANDROID__

@@ -186,6 +186,7 @@ struct Kind {
   const char* name;
   std::function<Handle(Inbox& inbox)> make;
   std::function<void()> use;
+  friend void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
 };
 const Kind kKinds[] = {
     {"Subscriber", [](auto&) { return Share(zorvix::Subscriber(kNumbers, Using())); },

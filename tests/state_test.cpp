@@ -3,7 +3,6 @@
 #include <zorvix/state.h>
 
 #include "bridge_test.h"
-#include "threads.h"
 
 namespace {
 
@@ -138,96 +137,6 @@ TEST_F(Bridge, WatcherWhoseCallableThrowsInItsConstructorDoesNotBlock) {
   EXPECT_EQ(Count(TakeLog(), "callable failed! error: bad luck, name: s"), 1u);
   contained = false;
   EXPECT_THROW(const Watcher fails(kState, fail), int);
-}
-
-TEST_F(Bridge, MovedFromHolderAndWatcherDoNothing) {
-  Numbers seen;
-  zorvix::Holder holder(kState);
-  Watcher watcher(kState, AppendTo(seen));
-
-  zorvix::Holder new_holder(std::move(holder));
-  const Watcher new_watcher(std::move(watcher));
-  holder.Set({1});
-  new_holder.Set({2});
-
-  EXPECT_FALSE(watcher.Latest() || watcher.WaitForValue());
-  EXPECT_EQ(new_watcher.WaitForValue(milliseconds(0)), new_watcher.Latest());
-  EXPECT_EQ(seen, Numbers{2});
-}
-
-TEST_F(Bridge, WaitForValueWakesEveryThreadThatWaitsHoweverLong) {
-  zorvix::Holder holder(kState);
-  const Watcher without_callable(kState);
-  const Watcher with_callable(kState, [](auto&) {});
-  EXPECT_EQ(with_callable.WaitForValue(milliseconds(1)), nullptr);
-  const auto wait = [&](int thread) {
-    const Watcher& watcher = thread < 2 ? without_callable : with_callable;
-    EXPECT_NE(thread % 2 == 0 ? watcher.WaitForValue(milliseconds::max()) : watcher.WaitForValue(),
-              nullptr);
-  };
-
-  ExpectWakesAll(wait, [&] { holder.Set({1}); });
-}
-
-TEST_F(Bridge, WatchersSeeTheValuesOfEachThreadInOrderAndTheLastInTheEnd) {
-  constexpr int kSetters = 2;
-  constexpr int kCount = 1000;
-  zorvix::Inbox inbox;
-  zorvix::Holder holder(kState);
-  std::atomic<int> setting{kSetters};
-  int latest[3][kSetters] = {};
-  const Value* last[3] = {};
-  const auto see = [&](int watcher) {
-    return [&, watcher](const Value& value) {
-      EXPECT_LT(std::exchange(latest[watcher][value.number % kSetters], value.number),
-                value.number);
-      last[watcher] = &value;
-    };
-  };
-  const Watcher direct(kState, see(0));
-  const Watcher with_inbox(kState, see(1), inbox);
-  const Watcher queued(kState, see(2), zorvix::Delivery::Queued);
-  std::optional<zorvix::Workers> workers(2);
-
-  OnThreads(kSetters + 1, [&](int thread) {
-    if (thread == kSetters) {
-      while (setting > 0) {
-        inbox.Drain();
-        static_cast<void>(direct.Latest());  // while it changes
-      }
-    } else {
-      for (int i = 1; i <= kCount; ++i) holder.Set({i * kSetters + thread});
-      --setting;
-    }
-  });
-  inbox.Drain();
-  workers.reset();
-  ZorvixSpinOnce();
-
-  EXPECT_EQ(direct.Latest(), with_inbox.Latest());
-  for (const auto* value : last) EXPECT_EQ(value, direct.Latest().get());
-}
-
-TEST_F(Bridge, EarlyAndLateWatcherAgreeWhenTwoThreadsSet) {
-  zorvix::Holder holder(kState);
-  const Watcher early(kState);
-  for (int round = 0; round < 500 && !HasFailure(); ++round) {
-    int shown = -1;
-    std::optional<Watcher> late;
-
-    OnThreads(3, [&](int thread) {
-      if (thread < 2) {
-        holder.Set({2 * round + thread});
-      } else {
-        late.emplace(kState, [&](const Value& value) {
-          EXPECT_NE(std::exchange(shown, value.number), value.number);
-        });
-      }
-    });
-
-    EXPECT_EQ(early.Latest(), late->Latest());
-    EXPECT_EQ(early.Latest()->number, shown);
-  }
 }
 
 }  // namespace
