@@ -206,6 +206,40 @@ TEST_F(Modules, AreNamedWhenTheirHandlesReplaceEachOther) {
   EXPECT_TRUE(second.Unload());
 }
 
+// 500 times, or what takes 15 seconds.
+TEST_F(Modules, AreLoadedAndUnloadedWhileOthersPublishCallAndSet) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+  const Module bridge("com.quenmar.zorvix");
+  const Module senders[] = {Module("hidden"), Module("visible")};
+  std::atomic<bool> stop{false};
+  std::vector<std::future<void>> threads;
+  for (const auto& sender : senders) {
+    threads.push_back(InBackground(BIND(sender, SendEachPayload), &stop));
+  }
+  auto spin = InBackground(BIND(bridge, ZorvixSpin), 2);
+
+  int rounds = 0;
+  for (; rounds < 500 && std::chrono::steady_clock::now() < end && !HasFailure(); ++rounds) {
+    EXPECT_TRUE(Module("statics").Unload());
+    const Module module("soaked");
+    std::atomic<int> invocations{0};
+    BIND(module, UseEachPayload)(&invocations);
+    EXPECT_TRUE(ComesTrue([&] { return invocations > 1000; }));
+    BIND(module, Leave)();
+    module.Unload();
+    // The senders have its values until they have set later ones.
+    EXPECT_TRUE(ComesTrue([&] { return !module.IsLoaded(); }));
+    TakeLog();
+  }
+
+  std::cout << rounds << " rounds" << std::endl;
+  stop = true;
+  for (auto& thread : threads) thread.get();
+  BIND(bridge, ZorvixStopSpin)();
+  spin.get();
+  for (const auto& sender : senders) EXPECT_TRUE(sender.Unload());
+}
+
 #ifndef __ANDROID__
 TEST_F(Modules, AreNotLoadedIfTheirHeadersAreOfAnotherVersion) {
   const Module same("statics");

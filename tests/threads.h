@@ -8,6 +8,7 @@
 #include <chrono>
 #include <future>
 #include <thread>
+#include <utility>
 
 // Waits until the condition is true. Returns false if it is still false after 30 s.
 template <typename Condition>
@@ -18,6 +19,11 @@ bool ComesTrue(const Condition& condition) {
     std::this_thread::yield();
   }
   return true;
+}
+
+// Gives other threads time to get as far as they can. No test may rely on it.
+inline void LetOthersRun() {
+  for (int i = 0; i < 300; ++i) std::this_thread::yield();
 }
 
 // Calls the function on a thread of its own.

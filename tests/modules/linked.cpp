@@ -173,6 +173,64 @@ void Watch(const Reading** newest) {
   Add(zorvix::Watcher(kState, [newest](const Reading& reading) { *newest = &reading; }));
 }
 
+void UseEachPayload(std::atomic<int>* invocations) {
+  zorvix::Inbox& inbox = AddInboxWithThread();
+  ForEachPayload([&](const std::string& name, auto payload) {
+    using Payload = decltype(payload);
+    const zorvix::Topic<Payload> topic{name};
+    const zorvix::Service<Payload, Payload> service{name};
+    const zorvix::State<Payload> state{name};
+    const auto use = [invocations](const Payload& got) {
+      ++*invocations;
+      return got;
+    };
+    Add(zorvix::Subscriber(topic, use));
+    Add(zorvix::Subscriber(topic, use, inbox));
+    Add(zorvix::Subscriber(topic, use, zorvix::Delivery::Queued, zorvix::KeepLast{2}));
+    Add(zorvix::Subscriber(
+        zorvix::Topic<Failure>{name}, [](const Failure&) {}, inbox));
+    Add(zorvix::Server(service, use));
+    Add(zorvix::Server(service, use, inbox));
+    Add(zorvix::Server(service, use, zorvix::Delivery::Queued));
+    Add(zorvix::Server(service, [&inbox](const Payload& got, const zorvix::Reply<Payload>& reply) {
+      inbox.Post([got, reply] { reply(got); });
+    }));
+    zorvix::Holder holder(state);
+    holder.Set(payload);
+    Add(std::move(holder));
+    Add(zorvix::Watcher(state, use));
+    Add(zorvix::Watcher(state, use, inbox));
+    Add(zorvix::Presence(service, [](auto&) {}));
+    zorvix::Client client(service, inbox);
+    client.Call(payload, [](const std::optional<Payload>&) {});
+    client.Call(payload, std::chrono::milliseconds(1), [](const std::optional<Payload>&) {});
+    Add(std::move(client));
+  });
+}
+
+void SendEachPayload(const std::atomic<bool>* stop) {
+  std::vector<std::future<void>> threads;
+  ForEachPayload([&](const std::string& name, auto payload) {
+    threads.push_back(std::async(std::launch::async, [=] {
+      using Payload = decltype(payload);
+      const zorvix::Service<Payload, Payload> service{name};
+      const zorvix::State<Payload> state{name};
+      const zorvix::Publisher publisher(zorvix::Topic<Payload>{name}, zorvix::Audience::Optional);
+      const zorvix::Client client(service);
+      const zorvix::Server server(service, [](const Payload& got) { return got; });
+#ifndef __SANITIZE_THREAD__  // It does not know the loader's lock: values may unload a module.
+      const zorvix::Watcher watcher(state);
+#endif
+      zorvix::Holder holder(state);
+      while (!*stop) {
+        publisher.Publish(payload);
+        client.Call(payload, std::chrono::milliseconds(1));
+        holder.Set(payload);
+      }
+    }));
+  });
+}
+
 void Subscribe() {
   const zorvix::Topic<int> never_drained{"never drained"};
   Add(zorvix::Subscriber(

@@ -57,6 +57,8 @@ extern "C" ZORVIX_EXPORT void Hold(int value);         // sets a state
 extern "C" ZORVIX_EXPORT void Watch(const Reading** newest);
 extern "C" ZORVIX_EXPORT void Subscribe();            // to "never drained", with a depth of 2
 extern "C" ZORVIX_EXPORT std::size_t CountHandles();  // as Inspect returns them
+extern "C" ZORVIX_EXPORT void UseEachPayload(std::atomic<int>* invocations);   // in every way
+extern "C" ZORVIX_EXPORT void SendEachPayload(const std::atomic<bool>* stop);  // until then
 extern "C" ZORVIX_EXPORT zorvix::Inbox* MakeInbox();
 extern "C" ZORVIX_EXPORT void Post(zorvix::Inbox* inbox);
 extern "C" ZORVIX_EXPORT void Leave();  // destroys all handles
