@@ -58,7 +58,9 @@ namespace {
 
 const auto ignore = [](const auto&) {};
 
-TEST_F(Bridge, SmallMessagesAndSyncCallsAllocateNothing) {
+using Allocations = Bridge;
+
+TEST_F(Allocations, SmallMessagesAndSyncCallsAllocateNothing) {
   const std::string name(60, 'n');
   const zorvix::Topic<int> topic{name};
   const zorvix::Service<int, int> service{name};
@@ -80,7 +82,7 @@ TEST_F(Bridge, SmallMessagesAndSyncCallsAllocateNothing) {
   EXPECT_EQ(allocations, 0u);
 }
 
-TEST_F(Bridge, PendingMessagesTakeBlocksOfMemoryThatAreGivenBack) {
+TEST_F(Allocations, PendingMessagesTakeBlocksOfMemoryThatAreGivenBack) {
   const zorvix::Topic<int> topic{"t"};
   const zorvix::Service<int, int> service{"s"};
   zorvix::Inbox inbox;
@@ -126,7 +128,7 @@ void FailEachAllocation(bool all_later, const Act& act, const Check& check) {
   }
 }
 
-TEST_F(Bridge, PresencesSeeHandlesThatAreDestroyedWithoutMemory) {
+TEST_F(Allocations, PresencesSeeHandlesThatAreDestroyedWithoutMemory) {
 #ifdef __SANITIZE_ADDRESS__
   const __lsan::ScopedDisabler leaks;  // the name stays registered
 #endif
@@ -228,7 +230,7 @@ TEST_P(Handles, ThatCannotBeConstructedLeaveNothingBehindAndAreDestroyedWithoutM
   }
 }
 
-TEST_F(Bridge, PendingMessageOfAQueuedSubscriberIsDeliveredWhicheverAllocationFails) {
+TEST_F(Allocations, PendingMessageOfAQueuedSubscriberIsDeliveredWhicheverAllocationFails) {
   const zorvix::Topic<int> topic{"t"};
   const zorvix::Publisher publisher(topic);
   std::size_t invocations = 0;
@@ -252,7 +254,7 @@ TEST_F(Bridge, PendingMessageOfAQueuedSubscriberIsDeliveredWhicheverAllocationFa
   EXPECT_GT(invocations, 1u);
 }
 
-TEST_F(Bridge, SetThatThrowsSetsNothingAndAnyOtherReachesAllWatchers) {
+TEST_F(Allocations, SetThatThrowsSetsNothingAndAnyOtherReachesAllWatchers) {
   const zorvix::State<int> state{std::string(1000, 's')};  // the bridge allocates for long names
   zorvix::Inbox inbox;
   int set = 0;

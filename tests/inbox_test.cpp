@@ -1,6 +1,8 @@
 // What inboxes and queued subscribers promise beyond the walk, such as fairness.
 #include <sys/prctl.h>
+#include <unistd.h>
 
+#include <iostream>
 #include <list>
 
 #include "bridge_test.h"
@@ -22,8 +24,10 @@ struct PublishesAtItsEnd {
   ~PublishesAtItsEnd() { zorvix::Publisher(kOther).Publish(0); }
 };
 
+using Inboxes = Bridge;
+
 // Hangs if a lock is held.
-TEST_F(Bridge, MessagesAreDestroyedUnderNoLock) {
+TEST_F(Inboxes, MessagesAreDestroyedUnderNoLock) {
   const zorvix::Topic<PublishesAtItsEnd> topic{"t"};
   const zorvix::Publisher publisher(topic);
   std::optional<Inbox> inbox(std::in_place);
@@ -50,7 +54,7 @@ TEST_F(Bridge, MessagesAreDestroyedUnderNoLock) {
 }
 
 // With a look at all pending messages for each subscriber, this would take longer than a test may.
-TEST_F(Bridge, ManyPendingMessagesOfManySubscribersAreDiscardedInLinearTime) {
+TEST_F(Inboxes, ManyPendingMessagesOfManySubscribersAreDiscardedInLinearTime) {
   for (const bool inbox_first : {true, false}) {
     std::optional<Inbox> inbox(std::in_place);
     std::vector<zorvix::Subscriber<int>> subscribers;
@@ -67,7 +71,7 @@ TEST_F(Bridge, ManyPendingMessagesOfManySubscribersAreDiscardedInLinearTime) {
   }
 }
 
-TEST_F(Bridge, EachWorkerMayInvokeAQueuedSubscriberWhileOthersAreBusy) {
+TEST_F(Inboxes, EachWorkerMayInvokeAQueuedSubscriberWhileOthersAreBusy) {
   constexpr int kCount = 12;
   std::list<zorvix::Subscriber<int>> subscribers;
   for (int i = 0; i < kCount; ++i) {
@@ -84,7 +88,7 @@ TEST_F(Bridge, EachWorkerMayInvokeAQueuedSubscriberWhileOthersAreBusy) {
 }
 
 // What is pending for the first one when its task begins, and what arrives meanwhile.
-TEST_F(Bridge, QueuedSubscriberGetsItsTurnAfterAtMost64InvocationsOfAnother) {
+TEST_F(Inboxes, QueuedSubscriberGetsItsTurnAfterAtMost64InvocationsOfAnother) {
   int sent_to_itself = 0;
   int invocations = 0;
   int invocations_before = -1;
@@ -108,7 +112,7 @@ TEST_F(Bridge, QueuedSubscriberGetsItsTurnAfterAtMost64InvocationsOfAnother) {
   EXPECT_EQ(invocations, 340);
 }
 
-TEST_F(Bridge, DepthOfNothingIsRefused) {
+TEST_F(Inboxes, DepthOfNothingIsRefused) {
   const KeepLast nothing{0};
   Inbox inbox;
 
@@ -119,7 +123,7 @@ TEST_F(Bridge, DepthOfNothingIsRefused) {
 }
 
 // Room is made for a message before its type is known.
-TEST_F(Bridge, MessageOfAnotherTypeLeavesNoGapAmongTheOthers) {
+TEST_F(Inboxes, MessageOfAnotherTypeLeavesNoGapAmongTheOthers) {
   Inbox inbox;
   std::vector<int> received;
   const zorvix::Subscriber subscriber(
@@ -138,7 +142,7 @@ TEST_F(Bridge, MessageOfAnotherTypeLeavesNoGapAmongTheOthers) {
   EXPECT_EQ(received, published);
 }
 
-TEST_F(Bridge, PostedTasksAreNeverDropped) {
+TEST_F(Inboxes, PostedTasksAreNeverDropped) {
   Inbox inbox;
   int done = 0;
 
@@ -148,7 +152,7 @@ TEST_F(Bridge, PostedTasksAreNeverDropped) {
   EXPECT_EQ(done, 300);
 }
 
-TEST_F(Bridge, InboxThreadHasTheInboxsNameOrItsOwnInAtMost15Bytes) {
+TEST_F(Inboxes, InboxThreadHasTheInboxsNameOrItsOwnInAtMost15Bytes) {
   const std::pair<const char*, const char*> rows[] = {{"", "inbox"},
                                                       {"tiles", "tiles"},
                                                       {"loads the map's tiles", "loads the map's"},
@@ -163,6 +167,21 @@ TEST_F(Bridge, InboxThreadHasTheInboxsNameOrItsOwnInAtMost15Bytes) {
 
     EXPECT_STREQ(name, expected);
   }
+}
+
+TEST_F(Inboxes, ThreadThatIsStoppedByItsCallableEndsTheProcess) {
+  const auto stop_in_callable = [] {
+    HoldLog("InboxThread");
+    Inbox inbox;
+    zorvix::InboxThread thread(inbox);
+    inbox.Post([&] { thread.Stop(); });
+    WaitForLog("InboxThread");
+    std::cerr << TakeLog().back();
+    HoldLog("");
+    pause();
+  };
+
+  EXPECT_DEATH(stop_in_callable(), "an InboxThread is stopped by a callable it invokes");
 }
 
 }  // namespace

@@ -85,7 +85,9 @@ Lines Findings() {
   return lines;
 }
 
-TEST_F(Bridge, InspectListsEachHandleOnceAsLongAsItLives) {
+using Inspection = Bridge;
+
+TEST_F(Inspection, InspectListsEachHandleOnceAsLongAsItLives) {
   {
     Inbox inbox;
     const zorvix::Publisher publisher(kTopic, zorvix::Audience::Optional);
@@ -117,7 +119,7 @@ TEST_F(Bridge, InspectListsEachHandleOnceAsLongAsItLives) {
   EXPECT_EQ(InspectLines(), Lines());
 }
 
-TEST_F(Bridge, InspectCountsWhatIsSentReceivedPendingAndDropped) {
+TEST_F(Inspection, InspectCountsWhatIsSentReceivedPendingAndDropped) {
   std::optional<Inbox> inbox(std::in_place);
   const zorvix::Topic<int> a{"a"};
   const zorvix::Topic<int> b{"b"};
@@ -178,7 +180,7 @@ TEST_F(Bridge, InspectCountsWhatIsSentReceivedPendingAndDropped) {
   EXPECT_EQ(Count(Findings(), "its inbox is destroyed"), 5u);
 }
 
-TEST_F(Bridge, InspectCoversModulesThatAreLoadedApart) {
+TEST_F(Inspection, InspectCoversModulesThatAreLoadedApart) {
   const zorvix::Publisher publisher(kNeverDrained);
   const Module one("hidden");
   const Module two("visible");
@@ -210,7 +212,7 @@ Handles All(Any... handles) {
   return {std::make_shared<Any>(std::move(handles))...};
 }
 
-TEST_F(Bridge, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
+TEST_F(Inspection, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
   constexpr auto kOptional = zorvix::Audience::Optional;
   struct Row {
     std::function<Handles()> construct;
@@ -319,7 +321,7 @@ TEST_F(Bridge, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
   }
 }
 
-TEST_F(Bridge, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
+TEST_F(Inspection, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
   const zorvix::Service<int, int> queued_service{"queued service"};
   const zorvix::Topic<int> other_topic{"u"};
   std::atomic<bool> is_over{false};
@@ -376,7 +378,7 @@ TEST_F(Bridge, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
   EXPECT_EQ(find(both[1]).thread, 0);
 }
 
-TEST_F(Bridge, DropsAreLoggedAtMostOnceASecondForEachHandleAndInAll) {
+TEST_F(Inspection, DropsAreLoggedAtMostOnceASecondForEachHandleAndInAll) {
   Inbox inbox;
   std::optional subscriber(Ints(kTopic, ignore, inbox, KeepLast{2}));
   std::optional client(IntClient(kService, inbox, KeepLast{2}));
@@ -417,7 +419,7 @@ Lines PublishFor(milliseconds time, const std::function<void()>& step) {
   return TakeLog();
 }
 
-TEST_F(Bridge, QueueThatNoThreadDrainsIsLoggedOnceUntilItIsDrained) {
+TEST_F(Inspection, QueueThatNoThreadDrainsIsLoggedOnceUntilItIsDrained) {
   const std::string line = "no thread drains the queue, kind: ";
   const Ints queued(kTopic, ignore, Delivery::Queued, KeepLast{1});
   const Ints other(kTopic, ignore, Delivery::Queued, KeepLast{1});
@@ -442,7 +444,7 @@ TEST_F(Bridge, QueueThatNoThreadDrainsIsLoggedOnceUntilItIsDrained) {
 }
 
 // Takes 11 seconds, in which a line of the log holds two callables.
-TEST_F(Bridge, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
+TEST_F(Inspection, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
   const zorvix::Topic<int> blocking{"blocking"};
   const zorvix::Service<int, int> in_own{"in own"};
   const auto block = [](int number) {
@@ -525,7 +527,7 @@ void InvokeEachKind(const std::function<void()>& callable) {
   ZorvixSpinOnce();
 }
 
-TEST_F(Bridge, SlowLogNamesEachCallableThatTakesLonger) {
+TEST_F(Inspection, SlowLogNamesEachCallableThatTakesLonger) {
   const SlowLog slow(milliseconds(1));
   InvokeEachKind([] {});
   TakeLog();
@@ -543,7 +545,7 @@ TEST_F(Bridge, SlowLogNamesEachCallableThatTakesLonger) {
   EXPECT_EQ(Count(log, "a callable took 0 ms") + Count(log, "a callable took 2 ms"), 0u);
 }
 
-TEST_F(Bridge, SmallestLimitCountsAndMeasuringStopsWithTheLastSlowLog) {
+TEST_F(Inspection, SmallestLimitCountsAndMeasuringStopsWithTheLastSlowLog) {
   std::optional<SlowLog> high;
   std::optional<SlowLog> low;
   bool has_built = false;
@@ -574,7 +576,7 @@ TEST_F(Bridge, SmallestLimitCountsAndMeasuringStopsWithTheLastSlowLog) {
   EXPECT_EQ(zorvix::Inspect().at(0).invocations, 6u);
 }
 
-TEST_F(Bridge, MeasuredTaskMayDestroyItsInboxAndThrow) {
+TEST_F(Inspection, MeasuredTaskMayDestroyItsInboxAndThrow) {
   const SlowLog slow(milliseconds(0));
   std::optional<Inbox> inbox("frames");
   inbox->Post([&] {

@@ -38,7 +38,9 @@ Handle AddServer() {
   return Share(zorvix::Server(kService, [](int) { return 0; }));
 }
 
-TEST_F(Bridge, PresenceSeesEveryHandleOfItsKindAndNameAndNoOther) {
+using Presences = Bridge;
+
+TEST_F(Presences, PresenceSeesEveryHandleOfItsKindAndNameAndNoOther) {
   using Callable = std::function<void(const Matched&)>;
   struct Row {
     const char* name;
@@ -78,7 +80,7 @@ TEST_F(Bridge, PresenceSeesEveryHandleOfItsKindAndNameAndNoOther) {
   }
 }
 
-TEST_F(Bridge, PresenceIsInvokedOnceItsCounterpartIsRegisteredOrUnregistered) {
+TEST_F(Presences, PresenceIsInvokedOnceItsCounterpartIsRegisteredOrUnregistered) {
   const zorvix::Publisher publisher(kTopic);
   const auto publish = [&](const Matched& now) {
     EXPECT_EQ(publisher.Publish(1), now.count != 0) << Text(now);
@@ -88,7 +90,7 @@ TEST_F(Bridge, PresenceIsInvokedOnceItsCounterpartIsRegisteredOrUnregistered) {
   for (int i = 0; i < 2; ++i) AddSubscriber();
 }
 
-TEST_F(Bridge, PresenceInDrainsSkipsNoChangeInItsTotals) {
+TEST_F(Presences, PresenceInDrainsSkipsNoChangeInItsTotals) {
   zorvix::Inbox inbox;
   const auto drain = [&] {
     ZorvixSpinOnce();
@@ -117,7 +119,7 @@ TEST_F(Bridge, PresenceInDrainsSkipsNoChangeInItsTotals) {
   EXPECT_EQ(queued_seen, seen);
 }
 
-TEST_F(Bridge, PresenceMayChangeWhatItCountsAndDestroyItself) {
+TEST_F(Presences, PresenceMayChangeWhatItCountsAndDestroyItself) {
   Lines seen;
   std::vector<Handle> added;
   auto owned = std::make_shared<int>();
@@ -143,7 +145,7 @@ TEST_F(Bridge, PresenceMayChangeWhatItCountsAndDestroyItself) {
   EXPECT_EQ(others, Lines(3, "1 of 2"));
 }
 
-TEST_F(Bridge, PresenceSeesHandlesOfModulesThatAreLoadedApart) {
+TEST_F(Presences, PresenceSeesHandlesOfModulesThatAreLoadedApart) {
   const Module one("hidden");
   const Module two("visible");
   Lines seen;
@@ -158,7 +160,7 @@ TEST_F(Bridge, PresenceSeesHandlesOfModulesThatAreLoadedApart) {
   EXPECT_TRUE(one.Unload() && two.Unload());
 }
 
-TEST_F(Bridge, WaitForServerEndsWithAServerHandleOrAfterItsTime) {
+TEST_F(Presences, WaitForServerEndsWithAServerHandleOrAfterItsTime) {
   const zorvix::Client client(kService);
   Service("name", BridgeType::Sync, Server([](auto&, auto&) {}));
   const Presence presence(kService);
@@ -171,7 +173,7 @@ TEST_F(Bridge, WaitForServerEndsWithAServerHandleOrAfterItsTime) {
   EXPECT_FALSE(client.WaitForServer(milliseconds(0)));
 }
 
-TEST_F(Bridge, WaitForServerWithoutLimitIsRefusedInADrainOfTheClientsInbox) {
+TEST_F(Presences, WaitForServerWithoutLimitIsRefusedInADrainOfTheClientsInbox) {
   zorvix::Inbox inbox;
   const zorvix::Client client(kService, inbox);
   const std::string error = "a callable waits without limit for a server";

@@ -20,7 +20,9 @@ auto AppendTo(Numbers& numbers) {
   return [&](const Value& value) { numbers.push_back(value.number); };
 }
 
-TEST_F(Bridge, LateWatcherHasTheLatestValueWhenItsConstructorReturns) {
+using States = Bridge;
+
+TEST_F(States, LateWatcherHasTheLatestValueWhenItsConstructorReturns) {
   Numbers seen;
   zorvix::Holder holder(kState);
   for (const int number : {1, 2}) holder.Set({number});
@@ -32,7 +34,7 @@ TEST_F(Bridge, LateWatcherHasTheLatestValueWhenItsConstructorReturns) {
   EXPECT_EQ(without_callable.Latest(), watcher.Latest());
 }
 
-TEST_F(Bridge, WatchersAreInvokedInDrainsWithTheLatestValueOnly) {
+TEST_F(States, WatchersAreInvokedInDrainsWithTheLatestValueOnly) {
   zorvix::Inbox inbox;
   Numbers seen;
   Numbers queued_seen;
@@ -52,7 +54,7 @@ TEST_F(Bridge, WatchersAreInvokedInDrainsWithTheLatestValueOnly) {
   EXPECT_EQ(queued_seen, seen);
 }
 
-TEST_F(Bridge, WatchersKeepTheValueOfAHolderUntilAnotherOneSetsALater) {
+TEST_F(States, WatchersKeepTheValueOfAHolderUntilAnotherOneSetsALater) {
   Numbers seen;
   std::optional holder(zorvix::Holder{kState});
   const Watcher watcher(kState, AppendTo(seen));
@@ -70,7 +72,7 @@ TEST_F(Bridge, WatchersKeepTheValueOfAHolderUntilAnotherOneSetsALater) {
   EXPECT_EQ(seen, (Numbers{1, 1, 2, 3}));
 }
 
-TEST_F(Bridge, LateWatcherHasTheValueOfTheLatestHolderThatStillExists) {
+TEST_F(States, LateWatcherHasTheValueOfTheLatestHolderThatStillExists) {
   const auto number = [] { return Watcher(kState).Latest()->number; };
   zorvix::Holder first(kState);
   first.Set({1});
@@ -85,7 +87,7 @@ TEST_F(Bridge, LateWatcherHasTheValueOfTheLatestHolderThatStillExists) {
   EXPECT_EQ(number(), 3);
 }
 
-TEST_F(Bridge, HolderWithoutWatchersLogsNothing) {
+TEST_F(States, HolderWithoutWatchersLogsNothing) {
   zorvix::Holder holder(kState);
 
   holder.Set({1});
@@ -93,7 +95,7 @@ TEST_F(Bridge, HolderWithoutWatchersLogsNothing) {
   EXPECT_EQ(TakeLog(), Lines{});
 }
 
-TEST_F(Bridge, ValueOfAnotherTypeIsLoggedForEarlyAndLateWatchers) {
+TEST_F(States, ValueOfAnotherTypeIsLoggedForEarlyAndLateWatchers) {
   const Watcher early(kState);
   zorvix::Holder holder(zorvix::State<int>{"s"});
   TakeLog();
@@ -106,7 +108,7 @@ TEST_F(Bridge, ValueOfAnotherTypeIsLoggedForEarlyAndLateWatchers) {
   EXPECT_FALSE(early.Latest() || late.Latest());
 }
 
-TEST_F(Bridge, ValueIsSetAndShownThoughAWatcherThrowsAndDestroysItself) {
+TEST_F(States, ValueIsSetAndShownThoughAWatcherThrowsAndDestroysItself) {
   Numbers seen;
   zorvix::Holder holder(kState);
   std::optional<Watcher> watcher;
@@ -124,7 +126,7 @@ TEST_F(Bridge, ValueIsSetAndShownThoughAWatcherThrowsAndDestroysItself) {
   EXPECT_EQ(Watcher(kState).Latest()->number, 3);
 }
 
-TEST_F(Bridge, WatcherWhoseCallableThrowsInItsConstructorDoesNotBlock) {
+TEST_F(States, WatcherWhoseCallableThrowsInItsConstructorDoesNotBlock) {
   zorvix::Holder holder(kState);
   holder.Set({1});
   bool contained = true;

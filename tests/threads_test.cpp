@@ -17,7 +17,9 @@ const zorvix::Topic<int, BridgeType::Async> kAsync{"async"};
 const auto log_running = Subscriber([](auto&) { Log("running"); });
 const auto serve_running = Server([](auto&, auto&) { Log("running"); });
 
-TEST_F(Bridge, SleepingWorkerWakesAndDrainsTheQueue) {
+using Threads = Bridge;
+
+TEST_F(Threads, SleepingWorkerWakesAndDrainsTheQueue) {
   auto& other = Subscribed("other", BridgeType::Async, {Subscriber([](auto&) {})});
   auto& topic = Subscribed("t", BridgeType::Async, {Subscriber([&](auto&) {
                              for (int i = 0; i < 2; ++i) ZorvixPublish(other, 1);
@@ -37,7 +39,7 @@ TEST_F(Bridge, SleepingWorkerWakesAndDrainsTheQueue) {
 }
 
 // The publication needs two workers, which sleep.
-TEST_F(Bridge, CallbacksAreInvokedByManyThreadsAtTheSameTime) {
+TEST_F(Threads, CallbacksAreInvokedByManyThreadsAtTheSameTime) {
   auto& topic = Subscribed("t", BridgeType::Async, {log_running, log_running});
   auto& service = Service("s", BridgeType::Async, serve_running);
   auto& sync_topic = Subscribed("t", BridgeType::Sync, {log_running});
@@ -60,7 +62,7 @@ TEST_F(Bridge, CallbacksAreInvokedByManyThreadsAtTheSameTime) {
 }
 
 // Their tasks do not get into the queue, since a thread that logs an overflow is held in it.
-TEST_F(Bridge, OneShotsAreUsedUpBeforeTheyAreQueued) {
+TEST_F(Threads, OneShotsAreUsedUpBeforeTheyAreQueued) {
   auto& topic = Subscribed("t", BridgeType::SignleAsync, {log_running});
   auto& service = Service("s", BridgeType::SignleAsync, serve_running);
   const std::function<void()> rows[] = {[&] { ZorvixPublish(topic, 1); },
@@ -81,7 +83,7 @@ TEST_F(Bridge, OneShotsAreUsedUpBeforeTheyAreQueued) {
   ZorvixSpinOnce();
 }
 
-TEST_F(Bridge, QueueHolds100TasksForEachWorker) {
+TEST_F(Threads, QueueHolds100TasksForEachWorker) {
   auto& topic = Subscribed("t", BridgeType::Async, {log_running});
   for (const std::size_t count : {0u, 3u, 1u}) {
     TakeLog();
@@ -101,13 +103,13 @@ TEST_F(Bridge, QueueHolds100TasksForEachWorker) {
   }
 }
 
-TEST_F(Bridge, ThereMustBeAWorker) {
+TEST_F(Threads, ThereMustBeAWorker) {
   EXPECT_THROW(zorvix::Workers(0).Stop(), std::invalid_argument);
 
   EXPECT_EQ(TakeLog(), Lines());
 }
 
-TEST_F(Bridge, EmptyQueueIsPolledWithoutItsLock) {
+TEST_F(Threads, EmptyQueueIsPolledWithoutItsLock) {
   auto& topic = Subscribed("t", BridgeType::Async, {log_running});
   HoldLog("event queue size: 0");  // which is logged with the queue locked
   ZorvixPublish(topic, 1);
@@ -120,7 +122,7 @@ TEST_F(Bridge, EmptyQueueIsPolledWithoutItsLock) {
 }
 
 // The stop is called by a task, so it waits for its own thread.
-TEST_F(Bridge, StopGivesUpAfter200MillisecondsAndSpinWaitsForIt) {
+TEST_F(Threads, StopGivesUpAfter200MillisecondsAndSpinWaitsForIt) {
   auto& topic = Subscribed("t", BridgeType::Async, {Subscriber([](auto&) { ZorvixStopSpin(); })});
   const zorvix::Workers workers(1);
   ZorvixPublish(topic, 1);
@@ -137,7 +139,7 @@ TEST_F(Bridge, StopGivesUpAfter200MillisecondsAndSpinWaitsForIt) {
   EXPECT_LE(std::stod(timeout[-2].substr(12)), 200);
 }
 
-TEST_F(Bridge, StopThatHasGivenUpStillEndsTheWorkers) {
+TEST_F(Threads, StopThatHasGivenUpStillEndsTheWorkers) {
   auto& topic = Subscribed("t", BridgeType::Async, {Subscriber([](auto&) { ZorvixStopSpin(); })});
   auto spin = InBackground(ZorvixSpin, 1);
 
@@ -149,7 +151,7 @@ TEST_F(Bridge, StopThatHasGivenUpStillEndsTheWorkers) {
 
 // Whether the stop comes between a look at the flag and the wait is a matter of luck, hence the
 // rounds. Whether a task is posted just before a worker's last drain is, too, and no test sees it.
-TEST_F(Bridge, StopEndsAWorkerWhateverItDoes) {
+TEST_F(Threads, StopEndsAWorkerWhateverItDoes) {
   for (int round = 0; round < 1000; ++round) {
     TakeLog();
     auto spin = InBackground(ZorvixSpin, 1);
@@ -163,7 +165,7 @@ TEST_F(Bridge, StopEndsAWorkerWhateverItDoes) {
   }
 }
 
-TEST_F(Bridge, WorkersAreLeftToOtherOwnersUntilTheLastOneIsDestroyed) {
+TEST_F(Threads, WorkersAreLeftToOtherOwnersUntilTheLastOneIsDestroyed) {
   auto& topic = Subscribed("t", BridgeType::Async, {log_running});
   std::optional<zorvix::Workers> first(1);
   std::optional<zorvix::Workers> last(1);
@@ -181,7 +183,7 @@ TEST_F(Bridge, WorkersAreLeftToOtherOwnersUntilTheLastOneIsDestroyed) {
   EXPECT_EQ(Count(TakeLog(), "Spin exit."), 2u);
 }
 
-TEST_F(Bridge, WorkersThatWaitForATaskSaySoAndNameNoCallableThatHasReturned) {
+TEST_F(Threads, WorkersThatWaitForATaskSaySoAndNameNoCallableThatHasReturned) {
   const zorvix::Subscriber returns(kAsync, [](int) {});
   auto& topic = Subscribed("t", BridgeType::Async, {log_running});
   std::optional<zorvix::Workers> workers(1);
@@ -308,7 +310,7 @@ std::size_t UseAllEndpoints(const std::string& thread, std::atomic<std::size_t>&
   return queued;
 }
 
-TEST_F(Bridge, EachMessageAndCallIsReceivedOrDroppedWhileOthersUseTheBridge) {
+TEST_F(Threads, EachMessageAndCallIsReceivedOrDroppedWhileOthersUseTheBridge) {
   std::atomic<std::size_t> queued{0};
   std::atomic<std::size_t> received{0};
   // Many subscribers, so that changing their list takes longer.

@@ -24,7 +24,9 @@ int Fail(int number) {
   return number;
 }
 
-TEST_F(Bridge, MovedFromHandlesDoNothing) {
+using Typed = Bridge;
+
+TEST_F(Typed, MovedFromHandlesDoNothing) {
   int received = 0;
   zorvix::Publisher publisher(kTopic);
   zorvix::Subscriber subscriber(kTopic, [&](int) { ++received; });
@@ -54,7 +56,7 @@ TEST_F(Bridge, MovedFromHandlesDoNothing) {
   EXPECT_EQ(new_client.Call(1), 2);
 }
 
-TEST_F(Bridge, MessageOfAnotherTypeIsLoggedInsteadOfDelivered) {
+TEST_F(Typed, MessageOfAnotherTypeIsLoggedInsteadOfDelivered) {
   zorvix::Inbox inbox;
   const zorvix::Subscriber direct(kTopic, Fail);
   const zorvix::Subscriber with_inbox(kTopic, Fail, inbox);
@@ -68,7 +70,7 @@ TEST_F(Bridge, MessageOfAnotherTypeIsLoggedInsteadOfDelivered) {
             2u);
 }
 
-TEST_F(Bridge, OnlyTheFirstSubscriberOfAQueuedTopicGetsAMessage) {
+TEST_F(Typed, OnlyTheFirstSubscriberOfAQueuedTopicGetsAMessage) {
   std::vector<int> received;
   const auto append = [&](int number) { received.push_back(number); };
   const zorvix::Subscriber first(kQueuedTopic, append);
@@ -82,7 +84,7 @@ TEST_F(Bridge, OnlyTheFirstSubscriberOfAQueuedTopicGetsAMessage) {
 }
 
 // The bridge finds a subscriber by an address, which another one could get.
-TEST_F(Bridge, UsedUpSubscriberOfAOneShotTopicRemovesNoLaterOne) {
+TEST_F(Typed, UsedUpSubscriberOfAOneShotTopicRemovesNoLaterOne) {
   const zorvix::Topic<int, BridgeType::SignleAsync> topic{"t"};
   const zorvix::Publisher publisher(topic);
   int received = 0;
@@ -107,7 +109,7 @@ std::optional<int> Ask(int number) {
   return answer;
 }
 
-TEST_F(Bridge, CallIsAnsweredWithNoneWithoutAServerThatAnswers) {
+TEST_F(Typed, CallIsAnsweredWithNoneWithoutAServerThatAnswers) {
   const auto serve = [](int number) {
     if (number == 1) throw std::runtime_error("bad luck");
     if (number == 2) throw number;
@@ -136,7 +138,7 @@ std::optional<int> AskQueued() {
 const auto one = [](int) { return short{1}; };  // is converted
 const auto two = [](int) { return 2; };
 
-TEST_F(Bridge, LatestServerThatStillExistsAnswers) {
+TEST_F(Typed, LatestServerThatStillExistsAnswers) {
   std::array order{0, 1, 2};
   do {
     SCOPED_TRACE(testing::PrintToString(order));
@@ -154,7 +156,7 @@ TEST_F(Bridge, LatestServerThatStillExistsAnswers) {
   } while (std::next_permutation(order.begin(), order.end()));
 }
 
-TEST_F(Bridge, ServerSharesItsNameWithParticipantsWithoutHandles) {
+TEST_F(Typed, ServerSharesItsNameWithParticipantsWithoutHandles) {
   Endpoint client = MakeControl("s", BridgeModule::Service, BridgeType::Async);
   ZorvixRegisterClient(client);
   std::optional server(QueuedServer(kQueuedService, one));
@@ -170,7 +172,7 @@ TEST_F(Bridge, ServerSharesItsNameWithParticipantsWithoutHandles) {
   ZorvixUnregisterClient(client);
 }
 
-TEST_F(Bridge, MoveAssignmentEndsTheOldRegistrationAndLeavesNoneBehind) {
+TEST_F(Typed, MoveAssignmentEndsTheOldRegistrationAndLeavesNoneBehind) {
   const auto ignore = [](auto&) {};
   const auto expect_moved = [](auto make) {
     auto handle = make("old");
@@ -192,7 +194,7 @@ TEST_F(Bridge, MoveAssignmentEndsTheOldRegistrationAndLeavesNoneBehind) {
   expect_moved([](Name name) { return zorvix::Presence(zorvix::Topic<int>{name}); });
 }
 
-TEST_F(Bridge, PublisherWithOptionalAudienceLogsNothing) {
+TEST_F(Typed, PublisherWithOptionalAudienceLogsNothing) {
   const zorvix::Publisher publisher(zorvix::Topic<std::any>{"t"}, zorvix::Audience::Optional);
 
   EXPECT_TRUE(publisher.Publish({})) << "an empty std::any is a message like any other";

@@ -342,7 +342,9 @@ class Walk {
   Endpoint controls_[6];
 };
 
-TEST_F(Bridge, DoesWhatTheModelDoes) {
+using BridgeWalk = Bridge;
+
+TEST_F(BridgeWalk, DoesWhatTheModelDoes) {
   static std::list<Walk<Zorvix>> real;  // never destroyed, since their Controls have callbacks
   const unsigned first = Seed();
   for (unsigned seed = first; seed != first + 12; ++seed) {
