@@ -10,8 +10,6 @@
 
 namespace {
 
-using zorvix::Delivery;
-
 const zorvix::Topic<int> kTopic{"t"};
 const zorvix::Topic<int, BridgeType::Async> kQueuedTopic{"t"};
 const zorvix::Service<int, int> kService{"s"};
