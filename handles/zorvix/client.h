@@ -62,33 +62,34 @@ class [[nodiscard]] Client {
   // answer that is pending. A call beyond that is not made: its callable is invoked with
   // Why::Dropped, in its turn. Logs a WARN with the first such call, and one with their number when
   // nothing is pending any more. A depth of 0 throws std::invalid_argument.
-  // REQUIRES: a Sync service.
+  // REQUIRES: a Sync service; others are a compile error.
   [[nodiscard]] Client(const Service<Request, Response, kType>& service, Delivery delivery,
                        KeepLast keep = {1000})
       : state_(Make(service, detail::At<kType>(delivery), keep)) {}
 
   // Invokes the callables of its calls in drains of `inbox`. `keep` limits them in the same way.
-  // REQUIRES: a Sync service.
+  // REQUIRES: a Sync service; others are a compile error.
   [[nodiscard]] Client(const Service<Request, Response, kType>& service, Inbox& inbox,
                        KeepLast keep = {1000})
       : state_(Make(service, detail::At<kType>(inbox), keep)) {}
 
   // Blocks until the server has answered: on this thread, where the bridge's queue is drained, in a
-  // drain of the server's inbox, or with a Reply. Returns the answer. If the server could only
-  // answer after the calling callable has returned, logs an ERROR and returns Why::WouldDeadlock.
+  // drain of the server's inbox, or with a Reply. Returns the answer.
+  //
+  // If this thread is in a drain of the server's own inbox, or in the callable of the queued server
+  // itself, logs an ERROR and returns Why::WouldDeadlock. Other deadlocks are not noticed, and
+  // block forever: nobody but this thread drains the server's inbox; two threads that drain inboxes
+  // call servers in each other's inbox; a callable on a worker calls a queued server, or waits for
+  // a future, while no other worker is free.
   //
   // Async or SignleAsync service: does not block, and returns a std::future of the answer. It
   // becomes ready when the bridge's queue is drained, or with Why::Dropped if the queue has dropped
   // the call.
-  //
-  // That is noticed if this thread is in a drain of the server's own inbox, or in the callable of
-  // the queued server itself. Two other cases block forever: two threads that drain inboxes call
-  // servers in each other's inbox; and a callable on a worker calls a queued server, or waits for a
-  // future, while no other worker is free.
   auto Call(Request request) const;
 
   // Does the same for a Sync service, but returns Why::TimedOut after `timeout`. A late answer is
-  // ignored. A direct server is invoked on this thread and is not interrupted.
+  // ignored. A direct server is invoked on this thread and is not interrupted: its answer counts,
+  // however long it takes.
   Answer<Response> Call(Request request, Timeout timeout) const;
 
   // Invokes callable(Answer<Response>) later, with the answer, in a drain of the client's inbox, or
@@ -115,7 +116,8 @@ class [[nodiscard]] Client {
 
   // Blocks until the service has a server handle, of any module, and returns true. Returns false
   // after `timeout`, which is forever by default. When it has returned, the server may be destroyed
-  // already. Servers that are registered through zorvix.h are not seen.
+  // already, and it may have other types. Servers that are registered through zorvix.h are not
+  // seen.
   //
   // Without a timeout, it is refused in a drain of the client's own inbox or queue, which could do
   // nothing else meanwhile: if there is no server, logs an ERROR and returns false.

@@ -49,7 +49,8 @@ class ZORVIX_EXPORT Inbox {
 
   // Discards what is pending. Handles may outlive their inbox: what arrives for them later is
   // ignored, and the callers of pending requests get Why::Destroyed. A callable of a drain may
-  // destroy the inbox.
+  // destroy the inbox, unless an InboxThread drains it. Remove the descriptor from your loop
+  // before: it is closed here, or with the last handle.
   // REQUIRES: no other thread is inside a function of it.
   ~Inbox();
   Inbox(const Inbox&) = delete;

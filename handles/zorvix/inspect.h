@@ -31,9 +31,8 @@
 namespace zorvix {
 
 enum class Problem {
-  // There is no counterpart. Says so, too, if only its name is similar, or if it is of another
-  // BridgeType. Not found if there are endpoints of that name that were registered without a
-  // handle.
+  // The handle has no counterpart. The text also names those with a similar name, or with the same
+  // name and another BridgeType. Not reported if endpoints without a handle have this name.
   NoSubscriber,
   NoPublisher,
   NoServer,
@@ -115,9 +114,9 @@ ZORVIX_EXPORT std::vector<HandleInfo> Inspect();
 ZORVIX_EXPORT std::ostream& operator<<(std::ostream& out, const std::vector<HandleInfo>& handles);
 
 // While an object exists, each invocation of a handle's callable or of a posted task that takes
-// longer than the limit is logged as a WARN, with kind, name, module and milliseconds, and
-// HandleInfo::longest is kept. If there are several objects, the smallest limit applies. Without
-// an object, no clock is read.
+// longer than the limit is logged as a WARN when it ends, with kind, name, module and milliseconds,
+// and HandleInfo::longest is kept. If there are several objects, the smallest limit applies.
+// Without an object, no clock is read.
 class ZORVIX_EXPORT SlowLog {
  public:
   // With a `limit` of zero, or a negative one, each invocation is logged; with Timeout::Forever(),

@@ -62,7 +62,8 @@ class [[nodiscard]] Presence {
   // which blocks meanwhile, and first inside this constructor. If another thread is inside the
   // callable then, the counterpart's function returns, and that thread invokes the callable again.
   // An exception that is no std::exception ends the process, except in the first invocation, where
-  // it leaves this constructor. With Delivery::Queued, where the bridge's queue is drained.
+  // it leaves this constructor. It must not take locks that others hold while they construct or
+  // destroy counterparts. With Delivery::Queued, where the bridge's queue is drained.
   template <typename Of, typename Callable,
             bridge::BridgeType kType = detail::Counted<Of>::kBridgeType,
             detail::IfCallable<Callable> = 0>

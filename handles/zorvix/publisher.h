@@ -33,7 +33,7 @@ class [[nodiscard]] Publisher {
   [[nodiscard]] explicit Publisher(const Topic<Message, kType>& topic)
       : state_(detail::MakePublisher({topic.name, kType}, typeid(Message), Audience::Expected)) {}
 
-  // REQUIRES: a Sync topic.
+  // REQUIRES: a Sync topic; others are a compile error.
   [[nodiscard]] Publisher(const Topic<Message, kType>& topic, Audience audience)
       : state_(detail::MakePublisher({topic.name, kType}, typeid(Message),
                                      detail::Checked<kType>(audience))) {}
@@ -49,7 +49,8 @@ class [[nodiscard]] Publisher {
   // Returns false, and logs a WARN, if there was no subscriber. True does not mean that anybody
   // took the message: it may be of another type than a subscriber expects, which is logged, or its
   // inbox may be destroyed. With Audience::Optional, returns true. A moved-from publisher returns
-  // false. Throws std::bad_alloc, or what moving the message throws, before anybody has it.
+  // false. Throws std::bad_alloc, or what moving the message throws, before anybody has it; and
+  // what a direct callable throws that is no std::exception.
   bool Publish(Message message) const {
     return state_ != nullptr &&
            detail::Publish(*state_, std::any(std::in_place_type<Message>, std::move(message)));

@@ -64,7 +64,7 @@ class [[nodiscard]] Server {
   // request at a time. At most `keep` requests are pending, 100 by default: if there are more, the
   // oldest is dropped, and its caller gets Why::Dropped. Requests that are pending when the server
   // is destroyed get Why::Destroyed.
-  // REQUIRES: a Sync service.
+  // REQUIRES: a Sync service; others are a compile error.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable,
                        Delivery delivery, KeepLast keep = {})
@@ -72,7 +72,7 @@ class [[nodiscard]] Server {
 
   // Does the same in drains of `inbox`. Requests that are pending when the inbox is destroyed, and
   // later ones, get Why::Destroyed, too.
-  // REQUIRES: a Sync service.
+  // REQUIRES: a Sync service; others are a compile error.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable,
                        Inbox& inbox, KeepLast keep = {})

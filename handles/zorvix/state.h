@@ -1,5 +1,5 @@
 // States: named values of which every watcher has the latest, even a watcher that is constructed
-// late (a retained topic with conflation).
+// late, as long as there is a holder (a retained topic with conflation).
 //
 //   #include <zorvix/state.h>
 //
@@ -16,11 +16,11 @@
 //
 // Holder: Set. Watcher: Latest, WaitForValue.
 //
-// A watcher that is constructed after Set has returned has that value or a later one when its
-// constructor returns. A watcher that is constructed before there is a holder has the values that
-// are set later. When the holder is destroyed, watchers keep the latest value; watchers that are
-// constructed afterwards have no value until another holder sets one. Setting an equal value again
-// is a new value.
+// A watcher that is constructed after the only holder's Set has returned has that value or a later
+// one when its constructor returns. A watcher that is constructed before there is a holder has the
+// values that are set later. When the holder is destroyed, watchers keep the latest value; watchers
+// that are constructed afterwards have no value until another holder sets one. Setting an equal
+// value again is a new value.
 //
 // Values are shared by all watchers, not copied; their type need not be copyable. A watcher of
 // another type ignores them, which is logged. As long as others have values of a holder whose type
@@ -60,8 +60,9 @@ class [[nodiscard]] Holder {
   // callable, and even in that of a watcher of this state, which is then invoked again when it has
   // returned. If several threads set values at the same time, all watchers end with the same one.
   //
-  // If it throws std::bad_alloc, the value is not set. If a direct watcher throws an exception that
-  // is no std::exception, it leaves Set: the value is set, but other watchers may not have it.
+  // If it throws std::bad_alloc, or what moving the value throws, the value is not set. If a direct
+  // watcher throws an exception that is no std::exception, it leaves Set: the value is set, but
+  // other watchers may not have it.
   void Set(Value value) {
     if (state_ == nullptr) return;
     detail::Set(*state_, ::new Value(std::move(value)), detail::kDestroyValue<Value>);
@@ -94,7 +95,8 @@ class [[nodiscard]] Watcher {
   // With Delivery::Direct, the default, on the thread that sets the value. If another thread is
   // inside the callable then, Set returns, and that thread invokes the callable again with the
   // latest value. A value that exists already is passed in the constructor, on this thread, unless
-  // another thread is passing it. With Delivery::Queued, where the bridge's queue is drained.
+  // another thread is passing it: what it throws there that is no std::exception leaves the
+  // constructor. With Delivery::Queued, where the bridge's queue is drained.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Watcher(const State<Value>& state, Callable callable,
                         Delivery delivery = Delivery::Direct)

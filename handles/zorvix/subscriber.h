@@ -41,7 +41,7 @@ class [[nodiscard]] Subscriber {
   // With Delivery::Queued, invokes the callable where the bridge's queue is drained, in order and
   // one at a time, with any number of workers (similar to a strand of Boost.Asio or a
   // folly::SerialExecutor). At most `keep` messages are pending: 100 by default.
-  // REQUIRES: a Sync topic.
+  // REQUIRES: a Sync topic; others are a compile error.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable, Delivery delivery,
                            KeepLast keep = {})
@@ -49,7 +49,7 @@ class [[nodiscard]] Subscriber {
 
   // Invokes the callable in drains of `inbox`, in order. At most `keep` messages are pending: 100
   // by default. If the inbox is destroyed first, messages are ignored.
-  // REQUIRES: a Sync topic.
+  // REQUIRES: a Sync topic; others are a compile error.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable, Inbox& inbox,
                            KeepLast keep = {})

@@ -53,10 +53,10 @@
 //
 // Exceptions: a std::exception that a callable throws is caught and logged. Any other exception
 // propagates to the code that published, called or drained, and ends the process on a worker or an
-// InboxThread; other receivers of the same message may not get it then. If a message cannot be
-// copied for one subscriber, that is logged, and the others get it. A constructor that throws has
-// no effect; it throws what allocations throw, and what
-// its comment says. A destructor never throws; if there is no memory to unregister a name, the name
+// InboxThread; other receivers of the same message may not get it then. A call has no answer, but
+// Why::Threw. If a message cannot be copied for one subscriber, that is logged, and the others get
+// it. A constructor that throws has no effect; it throws what allocations throw, and what its
+// comment says. A destructor never throws; if there is no memory to unregister a name, the name
 // stays registered, with a WARN, and nothing is delivered to it.
 //
 // Lifetime: once the destructor of a handle has returned, its callable is destroyed, is not running
@@ -64,7 +64,8 @@
 // earlier. The destructor therefore blocks while another thread is inside the callable; after one
 // second it logs a WARN with the endpoint's name. Do not destroy a handle while holding a lock that
 // its callable takes, and do not let two callables destroy each other's handles. A callable may
-// destroy its own handle: it is destroyed itself when it has returned.
+// destroy its own handle: it is destroyed itself when it has returned. Destructors of messages and
+// callables may use handles, but those of messages of Async and SignleAsync topics must not.
 //
 // Moving: a handle may be moved, not copied. Move assignment destroys the old registration, as the
 // destructor does. No other thread may be inside a function of a handle that is moved or destroyed.

@@ -3,11 +3,12 @@
 //   #include <zorvix/workers.h>
 //
 //   #include <chrono>
+//   #include <cstdlib>
 //
 //   int main() {
 //     zorvix::Workers workers(2);
 //     // ... load the modules, run the app ...
-//     return workers.Stop(std::chrono::seconds(5)) ? 0 : 1;
+//     if (!workers.Stop(std::chrono::seconds(5))) std::_Exit(1);  // the destructor would wait
 //   }
 #ifndef ZORVIX_WORKERS_H_
 #define ZORVIX_WORKERS_H_

@@ -92,7 +92,7 @@ class Function {
 
   template <typename Object>
   static constexpr bool kIsSmall =
-      sizeof(Object) <= kBufferSize&& std::is_nothrow_move_constructible_v<Object> &&
+      (sizeof(Object) <= kBufferSize) && std::is_nothrow_move_constructible_v<Object> &&
       alignof(Object) <= alignof(std::max_align_t);
   template <typename Object>
   static Object& In(void* buffer) {
