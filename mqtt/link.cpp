@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 
@@ -40,6 +41,8 @@ Link& Self(void* self) { return *static_cast<Link*>(self); }
 
 // Keeps the client library from ignoring SIGPIPE in the whole process.
 mosquitto* NewClient(const std::string& client_id, Link* link) {
+  static std::mutex mutex;  // of all connections, or one would restore what another one has changed
+  const std::lock_guard lock(mutex);
   struct sigaction before {};
   sigaction(SIGPIPE, nullptr, &before);
   auto* const client = mosquitto_new(client_id.c_str(), /*clean_session=*/false, link);

@@ -831,6 +831,11 @@ TEST_F(Mqtt, TheProcessKeepsItsSignals) {
     if (sigismember(&mask, SIGPIPE) == 0 && action.sa_handler == SIG_DFL) Log("signals");
   });
 
+  // Their threads begin at about the same time.
+  std::list<Connection> others;
+  for (int i = 0; i < 50; ++i) others.emplace_back(For(broker, "y/"));
+
+  WaitForLog("MQTT connected", 52);
   line.publisher.Publish("text");
 
   WaitForLog("got signals");
