@@ -15,7 +15,7 @@
 //     std::string Title(int track) const {  // blocks
 //       return client_.Call(track, std::chrono::seconds(1)).value_or("unknown");
 //     }
-//     void ShowTitle(int track) {  // does not block
+//     void ShowTitle(int track) {  // does not wait, except for a direct server
 //       client_.Call(track, [this](const zorvix::Answer<std::string>& title) {
 //         shown_ = title ? *title : zorvix::NameOf(title.why());
 //       });

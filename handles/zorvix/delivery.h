@@ -21,7 +21,7 @@ namespace zorvix {
 enum class Delivery {
   Direct,  // on the thread that publishes, calls or sets, while it does so; see typed.h
   Queued,  // where the bridge's queue is drained: on a worker, or in SpinOnce. The bound of that
-           // queue drops none of a handle's messages: only their own KeepLast does
+           // queue drops none of their messages: only the KeepLast of the handle does
 };
 
 // How many messages, or requests, of one handle may be pending (ROS 2's history and depth). When

@@ -59,8 +59,8 @@ class ZORVIX_EXPORT Inbox {
   // Invokes the callables for what is pending now, on this thread. What arrives meanwhile is left
   // to the next drain. Returns how many it has invoked: 0 while another drain is in progress, even
   // on this thread.
-  // REQUIRES: the process has not been forked since the inbox was constructed. Both processes would
-  // share the descriptor.
+  // REQUIRES: this process is not the child of a fork after the inbox was constructed. It would
+  // share the descriptor with its parent.
   std::size_t Drain();
 
   // As Drain(), but invokes no further callable once `timeout` is over. It invokes at least one.

@@ -120,7 +120,8 @@ ZORVIX_EXPORT std::ostream& operator<<(std::ostream& out, const std::vector<Hand
 class ZORVIX_EXPORT SlowLog {
  public:
   // With a `limit` of zero, or a negative one, each invocation is logged; with Timeout::Forever(),
-  // no invocation is logged, but HandleInfo::longest is kept. Any thread may construct it.
+  // no invocation is logged, but HandleInfo::longest is kept. Any thread may construct and
+  // destroy it. Does not block.
   [[nodiscard]] explicit SlowLog(Timeout limit);
   ~SlowLog();
   SlowLog(const SlowLog&) = delete;

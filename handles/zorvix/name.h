@@ -26,7 +26,7 @@ namespace zorvix {
 class EndpointName {
  public:
   // Takes any array of char.
-  // REQUIRES: `literal` exists as long as the name is used.
+  // REQUIRES: `literal` exists as long as the topic, service or state. Handles copy it.
   template <std::size_t kSize>
   constexpr EndpointName(const char (&literal)[kSize]) : text_(literal) {}
 

@@ -46,7 +46,7 @@
 namespace zorvix {
 
 // Answers each call with what callable(const Request&) returns, which is converted to Response. If
-// the callable throws, the caller gets Why::Threw.
+// the callable throws anything, the caller gets Why::Threw.
 //
 // Or invokes callable(const Request&, Reply<Response>), which answers with the reply, refuses the
 // call, or keeps the reply to answer later; see answer.h. A caller without a handle waits for the
@@ -55,7 +55,7 @@ template <typename Request, typename Response, bridge::BridgeType kType = bridge
 class [[nodiscard]] Server {
  public:
   // Invokes the callable directly, on the caller's thread. Several threads may do so at the same
-  // time.
+  // time. For an Async or SignleAsync service, where the bridge's queue is drained.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Server(const Service<Request, Response, kType>& service, Callable callable)
       : state_(Make(service, callable, {}, {})) {}

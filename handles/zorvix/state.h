@@ -56,9 +56,10 @@ class [[nodiscard]] Holder {
   [[nodiscard]] explicit Holder(const State<Value>& state)
       : state_(detail::MakeHolder({state.name}, typeid(Value))) {}
 
-  // Sets the value, and blocks while direct watchers are invoked. Any thread may call it, also in a
-  // callable, and even in that of a watcher of this state, which is then invoked again when it has
-  // returned. If several threads set values at the same time, all watchers end with the same one.
+  // Sets the value, invokes direct watchers, and blocks meanwhile, but does not wait for those that
+  // other threads are invoking. Any thread may call it, also in a callable, and even in that of a
+  // watcher of this state, which is then invoked again when it has returned. If several threads set
+  // values at the same time, all watchers end with the same one.
   //
   // If it throws std::bad_alloc, or what moving the value throws, the value is not set. If a direct
   // watcher throws an exception that is no std::exception, it leaves Set: the value is set, but

@@ -33,7 +33,8 @@ template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 class [[nodiscard]] Subscriber {
  public:
   // Invokes the callable directly, on the publisher's thread, with the publisher's object. Several
-  // threads may do so at the same time.
+  // threads may do so at the same time. For an Async or SignleAsync topic, where the bridge's queue
+  // is drained.
   template <typename Callable, detail::IfCallable<Callable> = 0>
   [[nodiscard]] Subscriber(const Topic<Message, kType>& topic, Callable callable)
       : state_(Make(topic, callable, {}, {})) {}

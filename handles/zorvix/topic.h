@@ -23,7 +23,8 @@ namespace zorvix {
 //
 // kType is the topic kind of the plain interface, for modules that move to handles one by one. An
 // endpoint that is registered through zorvix.h matches handles of the same topic kind. Of the kinds
-// Async and SignleAsync, callables are invoked where the bridge's queue is drained.
+// Async and SignleAsync, callables are invoked where the bridge's queue is drained. The first
+// message or call of the kind SignleAsync removes its receivers.
 template <typename Message, bridge::BridgeType kType = bridge::BridgeType::Sync>
 struct Topic {
   static_assert(detail::kIsValue<Message>, "a message must be a value, to be copied and moved");

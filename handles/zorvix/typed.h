@@ -52,12 +52,13 @@
 // drain that has invoked it returns, and before its handle's destructor returns on another thread.
 //
 // Exceptions: a std::exception that a callable throws is caught and logged. Any other exception
-// propagates to the code that published, called or drained, and ends the process on a worker or an
-// InboxThread; other receivers of the same message may not get it then. A call has no answer, but
-// Why::Threw. If a message cannot be copied for one subscriber, that is logged, and the others get
-// it. A constructor that throws has no effect; it throws what allocations throw, and what its
-// comment says. A destructor never throws; if there is no memory to unregister a name, the name
-// stays registered, with a WARN, and nothing is delivered to it.
+// propagates to the code that published, set or drained, and ends the process on a worker or an
+// InboxThread; other receivers of the same message may not get it then. A call ends with Why::Threw
+// either way, and what a direct server throws does not leave it. If a message cannot be copied for
+// one subscriber, that is logged, and the others get it. A constructor that throws has no effect;
+// it throws what allocations throw, and what its comment says. A destructor never throws; if there
+// is no memory to unregister a name, the name stays registered, with a WARN, and nothing is
+// delivered to it.
 //
 // Lifetime: once the destructor of a handle has returned, its callable is destroyed, is not running
 // on any other thread and is not invoked again, not even for messages that were published or queued
@@ -72,7 +73,8 @@
 // A moved-from handle does nothing.
 //
 // Unloading: once all handles and inboxes of a module have been destroyed, dlclose may unload it.
-// Where others still need code of the module, the library keeps it loaded, and logs why.
+// Where others still need code of the module, the library keeps it loaded, and logs why. It cannot
+// see code inside a message, such as a std::function: destroy such messages before.
 //
 // Exit: the bridge is destroyed at process exit, before every static object that existed when the
 // bridge was first used. Destroy handles before. A function-local static handle in a function that

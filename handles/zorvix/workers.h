@@ -21,8 +21,8 @@ namespace zorvix {
 // Drains the bridge's queue on worker threads. Stop: ends them.
 //
 // There may be several objects, even of several modules. All workers drain the one queue, and go on
-// until the last object is stopped or destroyed. Zorvix::StopSpin ends all workers of the process
-// at once, whichever object has started them. A static object is destroyed at process exit before
+// until the last object is stopped or destroyed. Zorvix::StopSpin asks all workers of the process
+// to end, whichever object has started them. A static object is destroyed at process exit before
 // the bridge.
 class ZORVIX_EXPORT Workers {
  public:
@@ -31,8 +31,9 @@ class ZORVIX_EXPORT Workers {
   // its workers have not ended, they begin up to 0.2 s later, and this object owns the old workers,
   // too.
   //
-  // Throws std::invalid_argument if `count` is 0, and std::system_error if the thread cannot be
-  // started. A worker that cannot be started ends the process.
+  // Any thread may construct it. Throws std::invalid_argument if `count` is 0, and
+  // std::system_error if the thread cannot be started. A worker that cannot be started ends the
+  // process.
   [[nodiscard]] explicit Workers(unsigned long count);
 
   // As Stop().
