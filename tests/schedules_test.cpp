@@ -755,10 +755,15 @@ TEST(Schedules, StopLogsCallablesWhileHandlesAreDestroyed) {
     const zorvix::Subscriber queued(kNumbers, last_long, Delivery::Queued);
     std::optional<zorvix::Workers> workers(std::in_place, 1);
     Publishing(1)();
+    const auto begin = Clock::now();
     WaitingFor(has_begun)();
     bridge::stops = 0;
 
-    InParallel({[&] { workers.reset(); }, [] { const zorvix::Presence listed(kService); }});
+    InParallel({[&] {
+                  workers.reset();
+                  Expect(Clock::now() < begin + milliseconds(1600), "it ends with the workers");
+                },
+                [] { const zorvix::Presence listed(kService); }});
     ZorvixSpinOnce();
 
     Expect(bridge::stops <= 2, "workers are stopped at most once a second");
