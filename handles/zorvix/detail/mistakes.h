@@ -47,11 +47,11 @@ constexpr Kind kKind<State<Value>> = Kind::kState;
 template <typename Wanted>
 constexpr bool kIsUnknown = false;
 template <>
-constexpr bool kIsUnknown<Topic<Unknown, bridge::BridgeType::Sync>> = true;
+inline constexpr bool kIsUnknown<Topic<Unknown, bridge::BridgeType::Sync>> = true;
 template <>
-constexpr bool kIsUnknown<Service<Unknown, Unknown, bridge::BridgeType::Sync>> = true;
+inline constexpr bool kIsUnknown<Service<Unknown, Unknown, bridge::BridgeType::Sync>> = true;
 template <>
-constexpr bool kIsUnknown<State<Unknown>> = true;
+inline constexpr bool kIsUnknown<State<Unknown>> = true;
 
 // Whether a handle of Wanted can be constructed with Given. Unknown: any kind will do.
 template <typename Wanted, typename Given>
