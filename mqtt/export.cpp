@@ -40,9 +40,10 @@ void Outbox::Push(const StreamPointer& stream, std::string text) {
 void Outbox::Append(Outgoing message) {
   auto& stream = *message.stream;
   auto& waiting = stream.waiting;
-  waiting.push_back(messages_.insert(messages_.end(), std::move(message)));
+  const auto added = messages_.insert(messages_.end(), std::move(message));
   ++stream.pending;
   ++pending_;
+  waiting.push_back(added);
   if (waiting.size() <= stream.depth) return;
   if (stream.kind == Kind::kTopic) ++stream.dropped;
   messages_.splice(waiting[0], messages_, waiting[1]);

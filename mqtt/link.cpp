@@ -97,6 +97,12 @@ Failure Link::Prepare(const Credentials& credentials) {
     return mosquitto_will_set_v5(client, will_topic.c_str(), static_cast<int>(will.text.size()),
                                  will.text.data(), /*qos=*/1, will.retained, nullptr);
   };
+  const auto set_tls = [&] {
+    if (!tls_) return 0;
+    const int error = mosquitto_int_option(client, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0);
+    if (error != MOSQ_ERR_SUCCESS) return error;
+    return mosquitto_void_option(client, MOSQ_OPT_SSL_CTX, tls_.get());
+  };
   for (const int error : {
            mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5),
            // The broker has a limit of its own.
@@ -105,8 +111,7 @@ Failure Link::Prepare(const Credentials& credentials) {
            mosquitto_threaded_set(client, true),
            mosquitto_username_pw_set(client, TextOrNull(username), TextOrNull(password)),
            set_will(),
-           tls_ ? mosquitto_int_option(client, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0) : 0,
-           tls_ ? mosquitto_void_option(client, MOSQ_OPT_SSL_CTX, tls_.get()) : 0,
+           set_tls(),
            SetConnectProperties(),
        }) {
     if (error != MOSQ_ERR_SUCCESS) return Reason{kOptions, mosquitto_strerror(error)};
