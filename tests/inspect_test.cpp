@@ -101,7 +101,6 @@ TEST_F(Inspection, InspectListsEachHandleOnceAsLongAsItLives) {
     const IntServer moved_server(std::move(server));
     const IntClient moved_client(std::move(client));
     const zorvix::Workers workers(2);
-    WaitForLog("Spin loop once lock.", 2);
 
     const Lines expected = {
         "inbox Inbox zorvix_test 1 0 0 0 all 0 0",
