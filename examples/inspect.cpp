@@ -1,4 +1,4 @@
-// Seven faults that apps have, all at once, and the table that names each in its last column.
+// Seven faults that apps have, in one program, and the table that names each in its last column.
 #include <zorvix/inspect.h>
 #include <zorvix/state.h>
 #include <zorvix/typed.h>

@@ -458,7 +458,7 @@ TEST_F(Mqtt, RefusesWhatCannotWork) {
     EXPECT_THROW(const Export out(connection, topic, Text), std::invalid_argument);
     EXPECT_THROW(const Import in(connection, topic, Text), std::invalid_argument);
   }
-  // Before 2.0.16, packets of whoever answers could crash it.
+  // Before 2.0.16, packets of any host that answers could crash it.
   const auto version =
       reinterpret_cast<int (*)(int*, int*, int*)>(dlsym(RTLD_DEFAULT, "mosquitto_lib_version"));
   if (version(nullptr, nullptr, nullptr) < 2'000'016) {

@@ -46,7 +46,7 @@ class QueuedStrand final : public Strand {
   const Element::iterator position_ = element_.begin();  // in whichever list it is
 };
 
-// Has a list of strands that are ready, and posts tasks for them to the bridge's queue: at most 8
+// Has a list of strands that are ready, and posts tasks for them to the bridge's queue: about 8
 // at a time, however many strands are ready. A task takes the first strand and drains it, for a
 // bounded number of invocations, so that other strands and other tasks of the queue get their turn.
 // There is one in the process, which is never destroyed.

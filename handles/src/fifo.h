@@ -23,11 +23,11 @@ class Fifo {
 
   std::size_t size() const { return size_; }
 
-  // Makes room for one more element. Throws std::bad_alloc.
+  // Allocates memory for one more element, if need be. Throws std::bad_alloc.
   void MakeRoom() {
     if (next_ == end_of_last_) AddBlock();
   }
-  // Where the next element is to be written. There must be room. Push then adds it.
+  // Where the next element is to be written, after MakeRoom. Push then adds it.
   void* next() const { return next_; }
   void Push() noexcept {
     next_ += element_size_;

@@ -48,7 +48,7 @@ class Inside {
 
   // A number and a thread, as one value.
   std::uint64_t state() const { return state_.load(std::memory_order_relaxed); }
-  static int Thread(std::uint64_t state) { return static_cast<int>(state & kThread); }  // 0: none
+  static int Thread(std::uint64_t state) { return static_cast<int>(state & kThread); }  // or 0
   int thread() const { return Thread(state()); }
 
  private:
@@ -150,7 +150,7 @@ class Listed {
   std::list<Record*>::iterator position_;
 };
 
-// Android's functions for tracing, or null where there are none.
+// Android's functions for tracing, or null pointers on a platform without them.
 struct Trace {
   static Trace LookUp();
   bool IsOn() const { return is_on != nullptr && is_on(); }
