@@ -1,5 +1,8 @@
 #include "gate.h"
 
+#include <algorithm>
+#include <chrono>
+
 #include "waits.h"
 
 namespace zorvix::detail {
@@ -15,11 +18,17 @@ void Gate::NotifyLeft() {
 }
 
 void Gate::WaitForOthers(const Record& record, std::uint32_t own_passes, const Callable* callable) {
+  // The first thread writes that it leaves, and then reads whether the gate is closed, which the
+  // processor may do in the other order. Then there is no notification.
+  constexpr std::chrono::milliseconds kLongestWait(1);
   const auto have_left = [&](Clock::time_point until) {
     Lock lock(mutex_);
-    bool is_over = false;
-    while (inside_ != kClosed + own_passes && !is_over) is_over = !left_.WaitUntil(lock, until);
-    return inside_ == kClosed + own_passes;
+    while (HasOthers(own_passes)) {
+      const auto now = Clock::now();
+      if (now >= until) return false;
+      left_.WaitUntil(lock, std::min(until, now + kLongestWait));
+    }
+    return true;
   };
   const auto log = [&](int seconds, auto) {
     // The record follows one invocation, perhaps that of this thread.
@@ -37,8 +46,8 @@ void Gate::Close(const Record& record, Callable* callable) {
     outermost = own;
     ++own_passes;
   }
-  inside_ += kClosed;
-  if (inside_ != kClosed + own_passes) WaitForOthers(record, own_passes, callable);
+  is_closed_ = true;
+  if (HasOthers(own_passes)) WaitForOthers(record, own_passes, callable);
   if (callable == nullptr) return;
   if (own_passes == 0) {
     callable->Reset();

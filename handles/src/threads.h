@@ -34,15 +34,30 @@ std::string NameOfThread(int thread);
 // Returns such as "4711 (decoder)".
 std::string DescribeThread(int thread);
 
+// Remembers the first thread that has asked. A later thread with the same id takes its place.
+class FirstThread {
+ public:
+  bool IsThisThread() {
+    const int thread = ThisThread();
+    int first = thread_.load(std::memory_order_relaxed);
+    if (first == 0 && thread_.compare_exchange_strong(first, thread, std::memory_order_relaxed)) {
+      return true;
+    }
+    return first == thread;
+  }
+
+ private:
+  std::atomic<int> thread_{0};
+};
+
 // A number that threads add to. The first of them does so without an atomic read-modify-write.
 class Counter {
  public:
   void Add() {
-    const int thread = ThisThread();
-    if (first_.load(std::memory_order_relaxed) == thread) {
-      AddFirst();
+    if (first_.IsThisThread()) {
+      by_first_.store(by_first_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     } else {
-      AddOther(thread);
+      by_others_.fetch_add(1, std::memory_order_relaxed);
     }
   }
   std::uint64_t Get() const {
@@ -50,19 +65,7 @@ class Counter {
   }
 
  private:
-  void AddFirst() {
-    by_first_.store(by_first_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  }
-  void AddOther(int thread) {
-    int nobody = 0;
-    if (first_.compare_exchange_strong(nobody, thread, std::memory_order_relaxed)) {
-      AddFirst();
-    } else {
-      by_others_.fetch_add(1, std::memory_order_relaxed);
-    }
-  }
-
-  std::atomic<int> first_{0};  // a later thread with the same id continues
+  FirstThread first_;
   std::atomic<std::uint64_t> by_first_{0};
   std::atomic<std::uint64_t> by_others_{0};
 };
