@@ -7,6 +7,13 @@
 #include <fstream>
 
 namespace zorvix::detail {
+namespace {
+
+// The thread of a forked child has an id of its own.
+[[maybe_unused]] const int has_handler =
+    pthread_atfork(nullptr, nullptr, [] { this_thread_id = 0; });
+
+}  // namespace
 
 void NameThread(std::string_view name) {
   constexpr std::size_t kMostBytes = 15;
