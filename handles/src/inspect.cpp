@@ -44,10 +44,13 @@ void DescribeInvocation(detail::Row& row, detail::Record& record, detail::Clock:
     record.seen_inside = inside;
     record.seen_at = now;
   }
-  row.info.running_for = now - record.seen_at;
-  if (record.began_inside != inside) return;
-  row.is_running_time_exact = true;
-  row.info.running_for = now.time_since_epoch() - std::chrono::nanoseconds(record.began);
+  std::chrono::nanoseconds since = record.seen_at.time_since_epoch();
+  if (record.began_inside == inside) {
+    row.is_running_time_exact = true;
+    since = std::chrono::nanoseconds(record.began);
+  }
+  // It may have begun after `now`.
+  row.info.running_for = std::max<std::chrono::nanoseconds>(now.time_since_epoch() - since, {});
 }
 
 void DescribePlace(detail::Row& row, const detail::Record& record) {

@@ -45,7 +45,8 @@ class MatchQueue final : public LatestQueue<Matched> {
   }
   Counts Count() const override {
     Counts counts = LatestQueue::Count();
-    counts.counterparts = Latest().count;
+    const Lock lock(mutex_);
+    if (has_begun_) counts.counterparts = value_.count;
     return counts;
   }
 
