@@ -207,7 +207,7 @@ TEST_F(Modules, AreNamedWhenTheirHandlesReplaceEachOther) {
 }
 
 // 500 times, or what takes 15 seconds.
-TEST_F(Modules, AreLoadedAndUnloadedWhileOthersPublishCallAndSet) {
+TEST_F(Modules, AreLoadedAndUnloadedWhileOthersPublishCallSetAndInspect) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
   const Module bridge("com.quenmar.zorvix");
   const Module senders[] = {Module("hidden"), Module("visible")};
@@ -216,6 +216,9 @@ TEST_F(Modules, AreLoadedAndUnloadedWhileOthersPublishCallAndSet) {
   for (const auto& sender : senders) {
     threads.push_back(InBackground(BIND(sender, SendEachPayload), &stop));
   }
+  threads.push_back(InBackground([&stop, inspect = BIND(senders[0], CountHandles)] {
+    while (!stop) inspect();
+  }));
   auto spin = InBackground(BIND(bridge, ZorvixSpin), 2);
 
   int rounds = 0;
