@@ -237,7 +237,7 @@ TEST_F(Inspection, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
       {[&] { return All(IntServer(kService, answer)); }, {}},
       {[&] { return All(zorvix::Watcher(kState)); }, {"state Watcher: no holder"}},
       {[&] { return All(zorvix::Holder(kState)); }, {}},
-      // Names: of another case, two edits away, three edits away, and short.
+      // Names: of another case, two edits away, three edits away, short, and similar but right.
       {[&] { return All(zorvix::Holder(kState), zorvix::Watcher(other_case)); },
        {"STATE Watcher: no holder; similar name: state (zorvix_test)",
         "state Holder: no watcher; similar name: STATE (zorvix_test)"}},
@@ -252,6 +252,12 @@ TEST_F(Inspection, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
        },
        {"ab Subscriber: no publisher", "b Publisher: no subscriber",
         "distance Publisher: no subscriber", "instances Subscriber: no publisher"}},
+      {[&] {
+         return All(zorvix::Publisher(similar("left")), Ints(similar("left"), ignore),
+                    zorvix::Publisher(similar("leg"), kOptional), zorvix::Presence(similar("leg")),
+                    zorvix::Presence(similar("let")));
+       },
+       {"let Presence: no subscriber; similar name: left (zorvix_test)"}},
       {[&] { return All(zorvix::Publisher(kTopic), zorvix::Subscriber(async, ignore)); },
        {"t Publisher: other kind: zorvix_test is Async; no subscriber",
         "t Subscriber: other kind: zorvix_test is Sync; no publisher"}},
@@ -326,14 +332,20 @@ TEST_F(Inspection, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
 TEST_F(Inspection, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
   const zorvix::Service<int, int> queued_service{"queued service"};
   const zorvix::Topic<int> other_topic{"u"};
+  const zorvix::Topic<int> idle_topic{"idle"};
+  std::atomic<int> caller{0};
   std::atomic<bool> is_over{false};
-  const auto wait = [&](int) {
-    EXPECT_TRUE(ComesTrue([&] { return is_over.load(); }));
+  std::atomic<bool> has_second{false};
+  const auto wait = [&](int number) {
+    if (number == 2) has_second = true;
+    EXPECT_TRUE(ComesTrue([&] { return number == 1 ? has_second.load() : is_over.load(); }));
     return 0;
   };
   const IntServer server(queued_service, wait, Delivery::Queued);
   const Ints direct(kTopic, wait);
   const zorvix::Publisher publisher(other_topic);
+  const zorvix::Publisher idle_publisher(idle_topic);
+  const Ints idle(idle_topic, ignore, Delivery::Queued);
   const Ints pending(other_topic, ignore, Delivery::Queued);
   const Ints repeated(other_topic,
                       [](int) { EXPECT_EQ(Count(Findings(), "u Subscriber: running"), 0u); });
@@ -343,14 +355,6 @@ TEST_F(Inspection, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
       function();
     });
   };
-  std::thread threads[] = {
-      on_thread("caller", [&] { IntClient(queued_service).Call(1); }),
-      on_thread("publisher", [] { zorvix::Publisher(kTopic).Publish(1); }),
-      on_thread("drainer",
-                [&] {
-                  while (!is_over) ZorvixSpinOnce();
-                }),
-  };
   const auto find = [](const std::string& which) {
     for (const auto& handle : zorvix::Inspect()) {
       if (handle.name + ' ' + handle.kind == which) return handle;
@@ -358,23 +362,45 @@ TEST_F(Inspection, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
     return zorvix::HandleInfo();
   };
   const std::string both[] = {"queued service Server", "t Subscriber"};
-  for (const auto& which : both) {
+  const auto wait_until_inside = [&](const std::string& which) {
     EXPECT_TRUE(ComesTrue([&] { return find(which).thread != 0; })) << which;
-  }
+  };
+  std::thread first = on_thread("first", [] { zorvix::Publisher(kTopic).Publish(1); });
+  wait_until_inside(both[1]);
+  std::thread threads[] = {
+      on_thread("caller",
+                [&] {
+                  caller = gettid();
+                  IntClient(queued_service).Call(3);
+                }),
+      on_thread("publisher", [] { zorvix::Publisher(kTopic).Publish(2); }),
+      on_thread("drainer",
+                [&] {
+                  while (!is_over) ZorvixSpinOnce();
+                }),
+  };
+  first.join();
+  wait_until_inside(both[0]);
+  const IntServer later(queued_service, answer);
   publisher.Publish(1);
-  EXPECT_EQ(Findings(), Lines());
+  EXPECT_EQ(Findings(), Lines{"queued service Server: replaced by zorvix_test"});
   EXPECT_EQ(find(both[0]).thread_name, "drainer");
   EXPECT_EQ(find("queued Queue").thread, find(both[0]).thread);
 
   std::this_thread::sleep_for(milliseconds(1000));
   publisher.Publish(1);
-  const auto text = [&](const std::string& which) {
-    return which + ": running for at least 1 s on thread " + std::to_string(find(which).thread);
+  idle_publisher.Publish(1);
+  const auto running = [&](const std::string& which) {
+    return "running for at least 1 s on thread " + std::to_string(find(which).thread);
   };
-  EXPECT_EQ(
-      Findings(),
-      (Lines{"queued Queue: not drained for 1 s", text(both[0]) + " (drainer), calls that wait: 1",
-             text(both[1]) + " (publisher)", "u Subscriber: not drained for 1 s"}));
+  const std::string waiting =
+      "calls that wait: 1, for 1 s on thread " + std::to_string(caller) + " (caller)";
+  EXPECT_EQ(Findings(),
+            (Lines{"queued Queue: not drained for 1 s", "queued service Client: " + waiting,
+                   "queued service Server: replaced by zorvix_test; " + running(both[0]) +
+                       " (drainer); " + waiting,
+                   "t Subscriber: " + running(both[1]) + " (publisher)",
+                   "u Subscriber: not drained for 1 s"}));
   is_over = true;
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(find(both[1]).thread, 0);
@@ -458,6 +484,7 @@ TEST_F(Inspection, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
   Inbox busy("busy");
   Inbox slow("slow");
   Inbox discards("discards");
+  const IntClient lonely(zorvix::Service<int, int>{"nobody"});
   zorvix::Holder holder(kState);
   const zorvix::Watcher with_own(kState, ignore, own);
   const Ints with_busy(kTopic, ignore, busy, zorvix::KeepAll());
@@ -475,6 +502,8 @@ TEST_F(Inspection, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
     own.Drain();
     call(in_own);
   });
+  auto wait = InBackground([&] { lonely.WaitForServer(milliseconds(10500)); });
+  const IntServer later(kService, answer);
   zorvix::Publisher(kTopic).Publish(1);
 
   const Lines log = PublishFor(milliseconds(10900), [&] {
@@ -491,15 +520,18 @@ TEST_F(Inspection, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
                                  "module: zorvix_test, thread: ",
                                  "a call waits for its answer, name: in own, kind: Server, module: "
                                  "zorvix_test, pending in an inbox that no thread drains, inbox: "
-                                 "own, last drained by this thread"}) {
+                                 "own, last drained by this thread",
+                                 "a client waits for a server, name: nobody, module: zorvix_test, "
+                                 "for "}) {
     EXPECT_EQ(Count(log, line), 2u) << line;
   }
   EXPECT_EQ(Count(log, " (blocked), for 1 s"), 2u);
   EXPECT_EQ(Count(log, " (blocked), for 10 s"), 2u);
-  EXPECT_EQ(Count(log, ", for 10 s"), 5u);
+  EXPECT_EQ(Count(log, ", for 10 s"), 6u);
   EXPECT_EQ(Count(log, "no thread drains an inbox, inbox: own, kind: Watcher, name: state, "), 1u);
   EXPECT_EQ(Count(log, "messages are pending while a callable runs, kind: Server, name: s, "), 1u);
-  EXPECT_EQ(Count(log, "W("), 8u) << "nothing about the inboxes that are always behind or empty";
+  EXPECT_EQ(Count(log, "replaces another"), 1u);
+  EXPECT_EQ(Count(log, "W("), 11u) << "nothing about the inboxes that are always behind or empty";
 }
 
 // Has each kind of callable invoked once: directly, from an inbox and from the bridge's queue.

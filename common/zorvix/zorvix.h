@@ -27,7 +27,7 @@
 #define ZORVIX_ZORVIX_H_
 
 // Major * 10000 + minor * 100 + patch.
-#define ZORVIX_VERSION 50000
+#define ZORVIX_VERSION 50100
 
 #if __cplusplus < 201703L
 #error "zorvix: compile every file as C++17 or later (-std=c++17)"

@@ -14,6 +14,7 @@
 #include "inbox.h"
 #include "sync.h"
 #include "waiting_reply.h"
+#include "waits.h"
 
 namespace zorvix::detail {
 namespace {
@@ -158,7 +159,7 @@ Owned<ClientState> MakeClient(const Endpoint& endpoint, const std::type_info& re
 void CallAndWait(ClientState& client, const std::any& request, const AnswerType& type,
                  const AnswerSlot& slot, Timeout timeout) {
   const Section section("Call", client.name);
-  WaitingOffer offer(type, slot, client.name, client.module);
+  WaitingOffer offer(type, slot, client.name, &client.record);
   const auto end = Deadline(timeout);
   client.record.sent.Add();
   CallNow(client.participant.control, request, offer);
@@ -200,7 +201,14 @@ bool WaitForServer(const ClientState& client, Timeout timeout) {
   const bool is_refused =
       timeout.IsForever() && queue != nullptr && queue->strand().IsDrainedByThisThread();
   const auto end = Deadline(is_refused ? Timeout(Clock::duration::zero()) : timeout);
-  const bool has_server = WaitForServerOf(client.participant, end);
+  bool has_server = false;
+  const auto wait = [&](Clock::time_point until) {
+    has_server = WaitForServerOf(client.participant, until);
+    return has_server;
+  };
+  WaitAndLog(end, wait, [&](int seconds, auto) {
+    LogWaiting("a client waits for a server", client, seconds);
+  });
   if (is_refused && !has_server) {
     BRIDGE_LOG(bridge::kLogError,
                "a callable waits without limit for a server, and nothing else can be invoked "

@@ -1,5 +1,6 @@
 #include "findings.h"
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <unordered_map>
@@ -17,19 +18,27 @@ struct Pairing {
   std::string missing_text;
   bool is_needed;          // a missing counterpart is wrong even if there is none of a similar name
   std::string gives_type;  // what a counterpart does with its type
+  std::string thread;      // on which a direct callable is invoked
 };
 
-const Pairing* FindPairing(const std::string& kind) {
+const Pairing* FindPairing(const Row& row) {
   static const auto& pairings = *new std::vector<Pairing>{
-      {"Publisher", "Subscriber", Problem::NoSubscriber, "no subscriber", true, "takes"},
-      {"Subscriber", "Publisher", Problem::NoPublisher, "no publisher", true, "publishes"},
-      {"Client", "Server", Problem::NoServer, "no server", true, "serves"},
-      {"Server", "Client", Problem::NoClient, "no client", false, "calls with"},
-      {"Watcher", "Holder", Problem::NoHolder, "no holder", true, "sets"},
-      {"Holder", "Watcher", Problem::NoWatcher, "no watcher", false, "takes"},
+      {"Publisher", "Subscriber", Problem::NoSubscriber, "no subscriber", true, "takes", ""},
+      {"Subscriber", "Publisher", Problem::NoPublisher, "no publisher", true, "publishes",
+       "the publisher's thread"},
+      {"Client", "Server", Problem::NoServer, "no server", true, "serves", ""},
+      {"Server", "Client", Problem::NoClient, "no client", false, "calls with",
+       "the caller's thread"},
+      {"Watcher", "Holder", Problem::NoHolder, "no holder", true, "sets", "the holder's thread"},
+      {"Holder", "Watcher", Problem::NoWatcher, "no watcher", false, "takes", ""},
+      {"Presence", "Subscriber", Problem::NoSubscriber, "no subscriber", false, "",
+       "the subscriber's thread"},
+      {"Presence", "Server", Problem::NoServer, "no server", false, "", "the server's thread"},
+      {"Presence", "Holder", Problem::NoHolder, "no holder", false, "", "the holder's thread"},
   };
   for (const Pairing& pairing : pairings) {
-    if (pairing.kind == kind) return &pairing;
+    const bool is_counted = row.counted_kind == nullptr || row.counted_kind == pairing.counterpart;
+    if (pairing.kind == row.info.kind && is_counted) return &pairing;
   }
   return nullptr;
 }
@@ -60,12 +69,11 @@ class Finder {
     for (Row& row : rows) {
       if (row.name != nullptr) names_[row.name].push_back(&row);
     }
+    for (Row& row : rows) CountCounterparts(row);
   }
 
   void FindIn(Row& row) const {
-    if (const Pairing* const pairing = FindPairing(row.info.kind)) {
-      FindCounterparts(row, *pairing);
-    }
+    if (const Pairing* const pairing = FindPairing(row)) FindCounterparts(row, *pairing);
     if (row.info.rejected != 0) {
       Add(row, Problem::Rejected,
           "rejected because of their type: " + std::to_string(row.info.rejected));
@@ -73,6 +81,7 @@ class Finder {
     FindReplacement(row);
     FindPending(row);
     FindRunning(row);
+    FindWaits(row);
     FindSlow(row);
     if (row.info.dropped != 0 && row.info.depth != 1) Add(row, Problem::Drops, "drops");
   }
@@ -82,13 +91,20 @@ class Finder {
     row.info.findings.push_back({problem, text});
   }
 
+  void CountCounterparts(Row& row) const {
+    const Pairing* const pairing = FindPairing(row);
+    if (pairing == nullptr) return;
+    for (const Row* other : names_.at(row.name)) {
+      if (other->info.kind == pairing->counterpart) ++row.info.counterparts;
+    }
+  }
+
   void FindCounterparts(Row& row, const Pairing& pairing) const {
     long participants = 0;
     const Row* other_type = nullptr;
     for (const Row* other : names_.at(row.name)) {
       participants += other->own_participants;
-      if (other->info.kind != pairing.counterpart) continue;
-      ++row.info.counterparts;
+      if (other->info.kind != pairing.counterpart || row.info.type.empty()) continue;
       if (TypesOf(other->info) != TypesOf(row.info) && other_type == nullptr) other_type = other;
     }
     if (other_type != nullptr) {
@@ -104,14 +120,16 @@ class Finder {
   void AddMissing(Row& row, const Pairing& pairing) const {
     // A publisher that participates twice does not expect subscribers.
     const bool is_optional = row.info.kind == "Publisher" && row.own_participants == 2;
+    const bool is_needed = pairing.is_needed && !is_optional;
+    const bool is_lonely_presence = row.counted_kind != nullptr && names_.at(row.name).size() == 1;
     const Row* similar = nullptr;
     const Row* other_kind = nullptr;
     for (const Row& other : rows_) {
       if (other.info.kind != pairing.counterpart) continue;
       if (other.info.name == row.info.name) {
         other_kind = &other;
-      } else if (similar == nullptr && AreSimilar(other.info.name, row.info.name)) {
-        similar = &other;
+      } else if (AreSimilar(other.info.name, row.info.name)) {
+        similar = MoreLikely(similar, other, is_needed || is_lonely_presence);
       }
     }
     std::string text = pairing.missing_text;
@@ -120,10 +138,18 @@ class Finder {
           "other kind: " + other_kind->info.module + " is " + NameOf(other_kind->bridge_type));
     } else if (similar != nullptr) {
       text += "; similar name: " + similar->info.name + " (" + similar->info.module + ")";
-    } else if (is_optional || !pairing.is_needed) {
+    } else if (!is_needed) {
       return;
     }
     Add(row, pairing.missing, text);
+  }
+
+  // Returns the handle of a similar name that is more likely meant, or null. One that has
+  // counterparts, as "wheel/left" next to "wheel/leg", is meant only if something must be wrong.
+  static const Row* MoreLikely(const Row* similar, const Row& other, bool is_wrong) {
+    const bool lacks_counterpart = other.info.counterparts == 0;
+    if (similar == nullptr) return lacks_counterpart || is_wrong ? &other : nullptr;
+    return lacks_counterpart && similar->info.counterparts != 0 ? &other : similar;
   }
 
   void FindReplacement(Row& row) const {
@@ -142,7 +168,7 @@ class Finder {
   void FindPending(Row& row) const {
     if (row.drains.is_shut) Add(row, Problem::InboxDestroyed, "its inbox is destroyed");
     if (row.strand == nullptr && !row.is_queued) return;
-    if (row.info.pending == 0 || row.drains.is_in_progress) return;
+    if (row.info.pending == 0 || row.drains.is_in_progress || row.drains.is_awaited) return;
     if (row.drains.drainer == 0) {
       if (row.is_queued && CountWorkers() == 0) {
         Add(row, Problem::NoWorkers, "no workers");
@@ -151,9 +177,9 @@ class Finder {
       }
       return;
     }
-    const auto since = now_ - row.drains.latest_at;
-    if (since >= std::chrono::seconds(row.is_queued ? 1 : 10)) {
-      Add(row, Problem::NotDrained, "not drained for " + Seconds(since));
+    const auto time = now_ - std::max(row.drains.latest_at, row.drains.pending_since);
+    if (time >= std::chrono::seconds(row.is_queued ? 1 : 10)) {
+      Add(row, Problem::NotDrained, "not drained for " + Seconds(time));
     }
   }
 
@@ -163,16 +189,21 @@ class Finder {
     if (!row.is_running_time_exact) text += "at least ";
     text += Seconds(*row.info.running_for) + " on thread " + std::to_string(row.info.thread) +
             " (" + row.info.thread_name + ")";
-    if (row.info.waiting != 0) text += ", calls that wait: " + std::to_string(row.info.waiting);
     Add(row, Problem::Running, text);
+  }
+
+  static void FindWaits(Row& row) {
+    if (!row.info.waiting_for || *row.info.waiting_for < std::chrono::seconds(1)) return;
+    Add(row, Problem::CallsWait,
+        "calls that wait: " + std::to_string(row.info.waiting) + ", for " +
+            Seconds(*row.info.waiting_for) + " on thread " + DescribeThread(row.waiting_thread));
   }
 
   void FindSlow(Row& row) const {
     if (slow_limit_ == 0 || row.info.longest.count() <= slow_limit_) return;
     std::string text = "slow: " + std::to_string(row.info.longest.count() / 1'000'000) + " ms";
-    if (row.info.place == "direct") {
-      text += row.info.kind == "Server" ? " on the caller's thread" : " on the publisher's thread";
-    }
+    const Pairing* const pairing = FindPairing(row);
+    if (row.info.place == "direct" && pairing != nullptr) text += " on " + pairing->thread;
     Add(row, Problem::Slow, text);
   }
 

@@ -21,7 +21,8 @@ struct Row {
   std::size_t position = 0;  // in the order of construction
   const Record* record = nullptr;
   const Record* adopter = nullptr;  // the record of the row that shows this one
-  Name name = nullptr;              // its address is the same for all handles that can match
+  const char* counted_kind = nullptr;
+  Name name = nullptr;  // its address is the same for all handles that can match
   bridge::BridgeType bridge_type = bridge::BridgeType::Sync;
   const Strand* strand = nullptr;
   bool is_queued = false;  // drained by the bridge's queue, or that queue itself
@@ -30,6 +31,7 @@ struct Row {
   long participants = 0;
   long own_participants = 0;
   bool is_running_time_exact = false;
+  int waiting_thread = 0;  // that of `info.waiting_for`
 };
 
 // Sets what needs more than one row: counterparts and findings. `slow_limit` as in records.h.

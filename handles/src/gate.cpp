@@ -31,9 +31,8 @@ void Gate::WaitForOthers(const Record& record, std::uint32_t own_passes, const C
     return true;
   };
   const auto log = [&](int seconds, auto) {
-    // The record follows one invocation, perhaps that of this thread.
-    const int thread = callable != nullptr ? record.inside.thread() : 0;
-    LogWaitingDestructor(record, thread == ThisThread() ? 0 : thread, seconds);
+    const int thread = callable == nullptr ? 0 : record.inside.Thread(ThisThread());
+    LogWaitingDestructor(record, thread, seconds);
   };
   WaitAndLog(kNever, have_left, log);
 }

@@ -25,7 +25,6 @@ void UpdateSmallestSlowLimit(const std::multiset<std::int64_t>& limits) {
 // Under the mutex of the list, so that the handle and its module exist.
 void DescribeCounts(HandleInfo& info, const detail::Record& record) {
   const detail::Counts counts = record.Count();
-  info.counterparts = counts.counterparts;
   info.sent = record.sent.Get() + counts.sent;
   info.received = record.received.Get() + counts.received;
   info.rejected = record.rejected.Get() + counts.rejected;
@@ -36,21 +35,25 @@ void DescribeCounts(HandleInfo& info, const detail::Record& record) {
   info.longest = std::chrono::nanoseconds(record.longest);
 }
 
-void DescribeInvocation(detail::Row& row, detail::Record& record, detail::Clock::time_point now) {
-  const std::uint64_t inside = record.inside.state();
-  row.info.thread = detail::Inside::Thread(inside);
-  if (row.info.thread == 0) return;
-  if (record.seen_inside != inside) {
-    record.seen_inside = inside;
-    record.seen_at = now;
+// Keeps the longest of those in progress.
+void DescribeInvocation(detail::Row& row, detail::Invocation& invocation,
+                        detail::Clock::time_point now) {
+  const std::uint64_t state = invocation.state;
+  const int thread = detail::Invocation::Thread(state);
+  if (thread == 0) return;
+  if (invocation.seen_state != state) {
+    invocation.seen_state = state;
+    invocation.seen_at = now;
   }
-  std::chrono::nanoseconds since = record.seen_at.time_since_epoch();
-  if (record.began_inside == inside) {
-    row.is_running_time_exact = true;
-    since = std::chrono::nanoseconds(record.began);
-  }
+  const bool is_exact = invocation.began_state == state;
+  std::chrono::nanoseconds since = invocation.seen_at.time_since_epoch();
+  if (is_exact) since = std::chrono::nanoseconds(invocation.began);
   // It may have begun after `now`.
-  row.info.running_for = std::max<std::chrono::nanoseconds>(now.time_since_epoch() - since, {});
+  const auto time = std::max<std::chrono::nanoseconds>(now.time_since_epoch() - since, {});
+  if (row.info.running_for && *row.info.running_for >= time) return;
+  row.info.thread = thread;
+  row.info.running_for = time;
+  row.is_running_time_exact = is_exact;
 }
 
 void DescribePlace(detail::Row& row, const detail::Record& record) {
@@ -69,6 +72,7 @@ detail::Row Describe(detail::Record& record, detail::Clock::time_point now) {
   detail::Row row;
   row.record = &record;
   row.adopter = record.adopter;
+  row.counted_kind = record.counted_kind;
   row.info.kind = record.kind;
   row.info.name = record.name;
   row.info.module = record.module;
@@ -84,17 +88,21 @@ detail::Row Describe(detail::Record& record, detail::Clock::time_point now) {
   }
   if (record.server != nullptr) row.info.is_active = record.server->IsActive();
   DescribeCounts(row.info, record);
-  DescribeInvocation(row, record, now);
+  for (auto& invocation : record.inside.invocations()) DescribeInvocation(row, invocation, now);
   DescribePlace(row, record);
   return row;
 }
 
-// Counts the callers of a server.
-void CountWait(const detail::WaitingReply& wait, std::vector<detail::Row>& rows) {
+// Counts a wait for the client and for the server.
+void CountWait(const detail::WaitingReply& wait, std::vector<detail::Row>& rows,
+               detail::Clock::time_point now) {
   for (auto& row : rows) {
-    const bool is_asked = row.info.kind == "Server" && row.info.is_active &&
-                          row.bridge_type == bridge::BridgeType::Sync;
-    if (is_asked && row.info.name == wait.service) ++row.info.waiting;
+    if (row.record != wait.client && row.record != wait.server) continue;
+    ++row.info.waiting;
+    const auto time = std::max<std::chrono::nanoseconds>(now - wait.since(), {});
+    if (row.info.waiting_for && *row.info.waiting_for >= time) continue;
+    row.info.waiting_for = time;
+    row.waiting_thread = wait.thread();
   }
 }
 
@@ -123,7 +131,9 @@ bool AddToQueue(detail::Row& row, detail::Row& queue) {
   if (!row.is_queued) return false;
   row.drains.drainer = queue.drains.drainer;
   row.drains.latest_at = std::max(row.drains.latest_at, queue.drains.latest_at);
+  if (row.info.pending == 0) return true;
   queue.info.pending += row.info.pending;
+  queue.drains.pending_since = std::min(queue.drains.pending_since, row.drains.pending_since);
   return true;
 }
 
@@ -136,6 +146,7 @@ void DescribeDrains(std::vector<detail::Row>& rows, detail::Clock::time_point no
   const detail::QueueDrains drains = detail::LookAtQueueDrains();
   queue.drains.drainer = drains.drainer;
   queue.drains.latest_at = drains.latest_at;
+  queue.drains.pending_since = detail::kNever;
   bool is_used = queue.info.counterparts != 0;
   for (auto& row : rows) {
     if (row.info.kind == "Inbox") DescribeInbox(row, rows, now);
@@ -206,7 +217,7 @@ std::vector<HandleInfo> Inspect() {
       rows.push_back(Describe(*record, now));
       rows.back().position = rows.size();
     }
-    for (const auto* wait : process.waits) CountWait(*wait, rows);
+    for (const auto* wait : process.waits) CountWait(*wait, rows, now);
   }
   DescribeDrains(rows, now);
   for (auto& row : rows) {

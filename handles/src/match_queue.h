@@ -43,12 +43,6 @@ class MatchQueue final : public LatestQueue<Matched> {
       return has_begun_;
     });
   }
-  Counts Count() const override {
-    Counts counts = LatestQueue::Count();
-    const Lock lock(mutex_);
-    if (has_begun_) counts.counterparts = value_.count;
-    return counts;
-  }
 
  private:
   bool has_begun_ ZORVIX_GUARDED_BY(mutex_) = false;

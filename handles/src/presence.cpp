@@ -9,6 +9,21 @@
 
 namespace zorvix::detail {
 
+namespace {
+
+const char* KindOf(Counterparts counterparts) {
+  switch (counterparts) {
+    case Counterparts::kSubscribers:
+      return "Subscriber";
+    case Counterparts::kServers:
+      return "Server";
+    default:
+      return "Holder";
+  }
+}
+
+}  // namespace
+
 struct PresenceState {
   PresenceState(const Endpoint& endpoint, Counterparts counterparts,
                 std::shared_ptr<MatchQueue> its_queue)
@@ -19,7 +34,7 @@ struct PresenceState {
                                                        : bridge::BridgeModule::Service,
             endpoint.type),
         watch(participant.control.get(), closer.queue),
-        listed(Describe(*closer.queue)) {}
+        listed(Describe(*closer.queue, counterparts)) {}
 
   struct Closer {
     ~Closer() { queue->Close(); }
@@ -31,8 +46,9 @@ struct PresenceState {
   const Listed listed;
 
  private:
-  Record& Describe(Record& record) const {
+  Record& Describe(Record& record, Counterparts counterparts) const {
     record.participant = &participant;
+    record.counted_kind = KindOf(counterparts);
     return record;
   }
 };

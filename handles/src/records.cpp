@@ -9,7 +9,7 @@
 #include <utility>
 
 // What modules need to be loaded: see erasure.h.
-const int zorvix_handles_5_0 = 0;
+const int zorvix_handles_5_1 = 0;
 
 namespace zorvix::detail {
 
@@ -91,9 +91,9 @@ void Section::Begin(const char* kind, const std::string& name) {
 
 void Measured::Start() {
   start_ = Clock::now();
-  if (!is_first_) return;
-  record_.began = std::chrono::nanoseconds(start_.time_since_epoch()).count();
-  record_.began_inside = record_.inside.state();
+  if (invocation_ == nullptr) return;
+  invocation_->began = std::chrono::nanoseconds(start_.time_since_epoch()).count();
+  invocation_->began_state = invocation_->state.load();
 }
 
 void Measured::Finish() {

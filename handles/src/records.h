@@ -7,9 +7,11 @@
 #include <zorvix/detail/listing.h>
 #include <zorvix/timeout.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <exception>
+#include <iterator>
 #include <list>
 #include <set>
 #include <string>
@@ -29,33 +31,67 @@ struct ServerRegistration;
 class Strand;
 class WaitingReply;
 
-// Which invocation of a callable is in progress. If several are, which only a handle without a
-// strand allows, it follows the first of them.
-class Inside {
- public:
-  // Returns whether this invocation is the first of those in progress. Then End must follow.
-  bool Begin() {
-    const std::uint64_t last = state_.load(std::memory_order_relaxed);
-    if ((last & kThread) != 0) return false;
-    const auto thread = static_cast<std::uint64_t>(ThisThread());
-    state_.store((last + kNumber) | thread, std::memory_order_relaxed);
-    return true;
-  }
-  void End() {
-    const std::uint64_t state = state_.load(std::memory_order_relaxed);
-    state_.store(state & ~kThread, std::memory_order_relaxed);
-  }
+// An invocation of a callable, or the room for one.
+struct Invocation {
+  // A number and the thread that is inside, or 0, as one value.
+  std::atomic<std::uint64_t> state{0};
+  // While a SlowLog exists:
+  std::atomic<std::int64_t> began{0};         // when the invocation began, in nanoseconds ...
+  std::atomic<std::uint64_t> began_state{0};  // ... which is this one
 
-  // A number and a thread, as one value.
-  std::uint64_t state() const { return state_.load(std::memory_order_relaxed); }
-  static int Thread(std::uint64_t state) { return static_cast<int>(state & kThread); }  // or 0
-  int thread() const { return Thread(state()); }
+  // What Inspect saw last. Guarded by the mutex of the list.
+  std::uint64_t seen_state = 0;
+  Clock::time_point seen_at;
 
- private:
   // Linux has at most 2^22 threads.
   static constexpr std::uint64_t kNumber = std::uint64_t{1} << 24;
   static constexpr std::uint64_t kThread = kNumber - 1;
-  std::atomic<std::uint64_t> state_{0};
+  static int Thread(std::uint64_t state) { return static_cast<int>(state & kThread); }
+};
+
+// The invocations of a callable that are in progress. Several threads may be inside one without a
+// strand: those beyond the fourth are not followed.
+class Inside {
+ public:
+  // Returns null if it does not follow this invocation. Otherwise End must follow.
+  Invocation* Begin() {
+    const auto thread = static_cast<std::uint64_t>(ThisThread());
+    if (!first_.IsThisThread()) return BeginAsOther(thread);
+    Invocation& invocation = invocations_[0];
+    const std::uint64_t last = invocation.state.load(std::memory_order_relaxed);
+    if ((last & Invocation::kThread) != 0) return nullptr;  // this one is nested
+    invocation.state.store((last + Invocation::kNumber) | thread, std::memory_order_relaxed);
+    return &invocation;
+  }
+  static void End(Invocation& invocation) {
+    const std::uint64_t state = invocation.state.load(std::memory_order_relaxed);
+    invocation.state.store(state & ~Invocation::kThread, std::memory_order_relaxed);
+  }
+
+  // Returns a thread that is inside, other than `except`, or 0.
+  int Thread(int except = 0) const {
+    for (const Invocation& invocation : invocations_) {
+      const int thread = Invocation::Thread(invocation.state.load(std::memory_order_relaxed));
+      if (thread != 0 && thread != except) return thread;
+    }
+    return 0;
+  }
+  auto& invocations() { return invocations_; }
+
+ private:
+  Invocation* BeginAsOther(std::uint64_t thread) {
+    for (auto* invocation = &invocations_[1]; invocation != std::end(invocations_); ++invocation) {
+      std::uint64_t last = invocation->state.load(std::memory_order_relaxed);
+      if ((last & Invocation::kThread) != 0) continue;
+      const std::uint64_t state = (last + Invocation::kNumber) | thread;
+      const auto order = std::memory_order_relaxed;
+      if (invocation->state.compare_exchange_strong(last, state, order)) return invocation;
+    }
+    return nullptr;
+  }
+
+  FirstThread first_;
+  std::array<Invocation, 4> invocations_;  // the first one is that of the first thread
 };
 
 // What is known of one handle. What an invocation writes is read by Inspect and by lines of the
@@ -84,6 +120,7 @@ struct Record {
   const std::type_info* message_type = nullptr;  // or of requests or values
   const std::type_info* response_type = nullptr;
   const Participant* participant = nullptr;  // with the name of its counterparts
+  const char* counted_kind = nullptr;        // of a presence: the kind of its counterparts
   long own_participants = 1;                 // the endpoints of that name that are the handle's
   const ServerRegistration* server = nullptr;
   const Strand* strand = nullptr;  // in which the callable is invoked, if in any
@@ -93,14 +130,7 @@ struct Record {
   Counter rejected;  // because of their type
   Counter invocations;
   Inside inside;
-  // While a SlowLog exists, nanoseconds:
-  std::atomic<std::int64_t> longest{0};
-  std::atomic<std::int64_t> began{0};          // when the invocation began ...
-  std::atomic<std::uint64_t> began_inside{0};  // ... which is this one
-
-  // What Inspect saw last. Guarded by the mutex of the list.
-  std::uint64_t seen_inside = 0;
-  Clock::time_point seen_at;
+  std::atomic<std::int64_t> longest{0};  // while a SlowLog exists, nanoseconds
 
   // The row of another library that shows this record, if any. Guarded by the mutex of the list.
   const Record* adopter = nullptr;
@@ -186,13 +216,13 @@ class Measured {
   explicit Measured(Record& record)
       : section_(record.kind, record.name),
         record_(record),
-        is_first_(record.inside.Begin()),
+        invocation_(record.inside.Begin()),
         limit_(smallest_slow_limit.load(std::memory_order_relaxed)) {
     record_.invocations.Add();
     if (limit_ != 0) Start();
   }
   ~Measured() {
-    if (is_first_) record_.inside.End();
+    if (invocation_ != nullptr) Inside::End(*invocation_);
     if (limit_ != 0) Finish();
   }
   Measured(const Measured&) = delete;
@@ -204,7 +234,7 @@ class Measured {
 
   const Section section_;
   Record& record_;
-  const bool is_first_;
+  Invocation* const invocation_;
   const std::int64_t limit_;
   Clock::time_point start_;
 };

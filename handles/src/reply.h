@@ -14,6 +14,8 @@
 
 namespace zorvix::detail {
 
+struct Record;
+
 // Throws what moving the answer throws: the slot then says so.
 inline void WriteOutcome(const AnswerSlot& slot, const Outcome& outcome) {
   if (slot.why != nullptr) *slot.why = outcome.write == nullptr ? outcome.why : Why::Threw;
@@ -101,8 +103,9 @@ class Offer : public CurrentReply {
   std::shared_ptr<ReplyTarget> Keep() final { return std::make_shared<LaterReply>(Take()); }
 
   const AnswerType& type;
-  const char* const client;  // its module, or null if it has no handle
-  const Caller caller;       // this thread
+  const char* const client;        // its module, or null if it has no handle
+  const Caller caller;             // this thread
+  const Record* server = nullptr;  // the handle that has got the offer, if any. Only compared.
 
  protected:
   ~Offer() = default;

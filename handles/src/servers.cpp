@@ -54,6 +54,7 @@ void Answer(std::any& response, const AnswerType& answer_type, Gate& gate, Modul
 
 void AnswerDirectly(Direct& direct, const std::type_info& answer_type, const std::any& any,
                     Offer& offer) {
+  offer.server = &direct;
   const Gate::Pass pass(direct.gate());
   if (!pass.admitted()) {
     offer.Settle(NoAnswer(Why::Destroyed));
@@ -77,6 +78,7 @@ void AnswerDirectly(Direct& direct, const std::type_info& answer_type, const std
 }
 
 void AnswerInStrand(MessageQueue& queue, const std::any& request, Offer& offer) {
+  offer.server = &queue;
   if (offer.caller == Caller::kWaits && queue.strand().IsDrainedByThisThread()) {
     BRIDGE_LOG(bridge::kLogError,
                "a callable calls a server that could only answer after that callable returns, "

@@ -15,6 +15,7 @@
 
 #include "endpoint.h"
 #include "gate.h"
+#include "waits.h"
 #include "watch_queue.h"
 
 namespace zorvix::detail {
@@ -201,7 +202,15 @@ Owned<WatcherState> MakeWatcher(const Endpoint& endpoint, const std::type_info& 
 std::shared_ptr<const void> Latest(const WatcherState& watcher) { return watcher.queue().Latest(); }
 
 std::shared_ptr<const void> WaitForValue(const WatcherState& watcher, Timeout timeout) {
-  return watcher.queue().WaitForValue(Deadline(timeout));
+  WatchQueue& queue = watcher.queue();
+  std::shared_ptr<const void> value;
+  const auto wait = [&](Clock::time_point until) {
+    value = queue.WaitForValue(until);
+    return value != nullptr;
+  };
+  WaitAndLog(Deadline(timeout), wait,
+             [&](int seconds, auto) { LogWaiting("a watcher waits for a value", queue, seconds); });
+  return value;
 }
 
 }  // namespace zorvix::detail

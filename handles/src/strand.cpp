@@ -135,7 +135,7 @@ void Strand::ExpireTimeouts() {
 
 Strand::Drains Strand::LookAtDrains() const {
   const Lock lock(mutex_);
-  return {pending_, drainer_, draining_, drained_at_, shut_};
+  return {pending_, drainer_, draining_, waiting_ != 0, drained_at_, became_pending_at_, shut_};
 }
 
 std::optional<Running> Strand::FindRunning() const {

@@ -79,7 +79,9 @@ class Strand : public std::enable_shared_from_this<Strand> {
     std::size_t pending = 0;  // of all queues
     int drainer = 0;          // the thread of the latest drain, or 0
     bool is_in_progress = false;
-    Clock::time_point latest_at;  // when the latest one that is over ended
+    bool is_awaited = false;          // a thread waits until it is ready
+    Clock::time_point latest_at;      // when the latest one that is over ended
+    Clock::time_point pending_since;  // when something became pending after nothing was
     bool is_shut = false;
   };
   Drains LookAtDrains() const;
@@ -131,6 +133,7 @@ class Strand : public std::enable_shared_from_this<Strand> {
   Turn last_turn_ ZORVIX_GUARDED_BY(mutex_) = 0;
   std::size_t queues_ ZORVIX_GUARDED_BY(mutex_) = 0;
   std::size_t pending_ ZORVIX_GUARDED_BY(mutex_) = 0;  // of all queues
+  Clock::time_point became_pending_at_ ZORVIX_GUARDED_BY(mutex_);
   bool shut_ ZORVIX_GUARDED_BY(mutex_) = false;
   std::size_t waiting_ ZORVIX_GUARDED_BY(mutex_) = 0;  // threads in Wait
   Condition became_ready_;
@@ -281,7 +284,7 @@ inline Turn Queue::TakeTurn() noexcept {
 inline Turn Queue::AddTurn(bool is_first) noexcept {
   const Turn turn = TakeTurn();
   strand_->mutex_.AssertHeld();
-  ++strand_->pending_;
+  if (++strand_->pending_ == 1) strand_->became_pending_at_ = CoarseNow();
   if (is_first) {
     strand_->agenda_.Add(turn, this);
     strand_->UpdateReadiness();

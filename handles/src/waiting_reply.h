@@ -18,9 +18,9 @@ namespace zorvix::detail {
 // Another thread writes the answer into the waiting thread's slot.
 class WaitingReply final : public SharedReply {
  public:
-  // `its_module` is that of the client, or null if it has no handle.
-  WaitingReply(const AnswerSlot& slot, std::string its_service, const char* its_module)
-      : service(std::move(its_service)), module(its_module), slot_(slot) {}
+  WaitingReply(const AnswerSlot& slot, std::string its_service, const Record* its_client,
+               const Record* its_server)
+      : service(std::move(its_service)), client(its_client), server(its_server), slot_(slot) {}
 
   void Settle(const Outcome& outcome) override {
     {
@@ -54,8 +54,12 @@ class WaitingReply final : public SharedReply {
   }
 
   const std::string service;
-  const char* const module;
+  // Only compared, since they may be destroyed meanwhile.
+  const Record* const client;  // null if it has no handle
+  const Record* const server;
+  // To be called under the mutex of the process:
   int thread() const { return thread_; }
+  Clock::time_point since() const { return since_; }
 
  private:
   enum class State { kWaiting, kSettling, kSettled, kAbandoned };
@@ -75,6 +79,7 @@ class WaitingReply final : public SharedReply {
       Process& process = Process::Get();
       const Lock lock(process.mutex);
       reply.thread_ = ThisThread();
+      reply.since_ = CoarseNow();
       process.waits.splice(process.waits.end(), reply.element_);
     }
     ~Shown() {
@@ -93,6 +98,7 @@ class WaitingReply final : public SharedReply {
   std::list<const WaitingReply*> element_{this};
   const std::list<const WaitingReply*>::iterator position_ = element_.begin();
   int thread_ = 0;
+  Clock::time_point since_;
   const AnswerSlot slot_;
   Mutex mutex_;
   Condition settled_;
@@ -102,10 +108,13 @@ class WaitingReply final : public SharedReply {
 // The offer of a thread that waits for the answer.
 class WaitingOffer final : public Offer {
  public:
-  // `module` is that of the client, or null if it has no handle.
+  // `its_client` is null if it has no handle.
   WaitingOffer(const AnswerType& its_type, const AnswerSlot& slot, const std::string& service,
-               const char* module)
-      : Offer(its_type, module, Caller::kWaits), slot_(slot), service_(service) {}
+               const Record* its_client)
+      : Offer(its_type, its_client == nullptr ? nullptr : its_client->module, Caller::kWaits),
+        slot_(slot),
+        service_(service),
+        client_(its_client) {}
   // After an exception, the server may still have the reply.
   ~WaitingOffer() { Wait(Clock::time_point()); }
   WaitingOffer(const WaitingOffer&) = delete;
@@ -118,12 +127,13 @@ class WaitingOffer final : public Offer {
  private:
   void Write(const Outcome& outcome) override { WriteOutcome(slot_, outcome); }
   ReplyOwner Share() override {
-    reply_ = std::make_shared<WaitingReply>(slot_, service_, client);
+    reply_ = std::make_shared<WaitingReply>(slot_, service_, client_, server);
     return ReplyOwner(reply_);
   }
 
   const AnswerSlot slot_;
   const std::string& service_;  // exists until Share
+  const Record* const client_;
   std::shared_ptr<WaitingReply> reply_;
 };
 

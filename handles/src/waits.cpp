@@ -2,7 +2,6 @@
 
 #include <new>
 #include <optional>
-#include <string_view>
 
 #include "dispatcher.h"
 #include "endpoint.h"
@@ -32,7 +31,7 @@ std::string LastDrain(int drainer) {
 // What is known of the server that a call waits for.
 struct Served {
   Served(const Record& record, const Strand* strand)
-      : server(record, record.inside.thread()), has_pending(record.Count().pending != 0) {
+      : server(record, record.inside.Thread()), has_pending(record.Count().pending != 0) {
     if (strand == nullptr) return;
     place = strand->place;
     is_queued = strand->IsDrainedByTasks();
@@ -48,17 +47,13 @@ struct Served {
   std::optional<Running> running;  // in the server's strand
 };
 
-std::optional<Served> FindServer(const std::string& service) {
+std::optional<Served> FindServer(const Record* server) {
   Process& process = Process::Get();
   const Lock lock(process.mutex);
-  const Record* found = nullptr;
   for (const Record* const record : process.records) {
-    if (record->server == nullptr || std::string_view(record->kind) != "Server") continue;
-    if (record->name != service) continue;
-    if (found == nullptr || record->server->IsActive()) found = record;
+    if (record == server) return std::optional<Served>(std::in_place, *record, record->strand);
   }
-  if (found == nullptr) return std::nullopt;
-  return std::optional<Served>(std::in_place, *found, found->strand);
+  return std::nullopt;
 }
 
 // Says why a request is still pending, if that is known.
@@ -78,8 +73,8 @@ std::string DescribePending(const Served& served, Clock::time_point called_at) {
 }
 
 std::string DescribeServer(const WaitingReply& call, Clock::time_point called_at) {
-  const auto served = FindServer(call.service);
-  if (!served) return ", the server has no handle";
+  const auto served = FindServer(call.server);
+  if (!served) return ", the server has no handle any more";
   const std::string text = std::string(", kind: Server, module: ") + served->server.module;
   if (served->server.thread != 0) return text + ThreadPart(served->server.thread);
   if (!served->has_pending) return text + ", the server has taken the request";
@@ -93,7 +88,7 @@ std::vector<Running> RunningInTasks() {
   Process& process = Process::Get();
   const Lock lock(process.mutex);
   for (const Record* const record : process.records) {
-    const int thread = record->inside.thread();
+    const int thread = record->inside.Thread();
     const bool is_task = record->invoker == Record::Invoker::kTask;
     if (is_task && thread != 0) running.emplace_back(*record, thread);
   }
@@ -114,6 +109,11 @@ void LogWaitingDestructor(const Record& record, int thread, int seconds) noexcep
              "a destructor waits for its callable to return, name: %s, kind: %s, module: %s%s, "
              "for %d s",
              record.name.c_str(), record.kind, record.module, ThreadPart(thread).c_str(), seconds);
+}
+
+void LogWaiting(const char* what, const Record& record, int seconds) noexcept {
+  BRIDGE_LOG(bridge::kLogWarn, "%s, name: %s, module: %s, for %d s", what, record.name.c_str(),
+             record.module, seconds);
 }
 
 void LogWaitingCall(const WaitingReply& call, int seconds, Clock::time_point start) noexcept {

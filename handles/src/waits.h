@@ -56,6 +56,7 @@ std::string ThreadPart(int thread) noexcept;
 
 // Log one WARN. `thread`: the one that is inside the callable, or 0 if that is not known.
 void LogWaitingDestructor(const Record& record, int thread, int seconds) noexcept;
+void LogWaiting(const char* what, const Record& record, int seconds) noexcept;
 void LogWaitingCall(const WaitingReply& call, int seconds, Clock::time_point start) noexcept;
 
 // `pushed`: a handle with something pending. Throw std::bad_alloc.

@@ -117,10 +117,11 @@ class [[nodiscard]] Client {
   // Blocks until the service has a server handle, of any module, and returns true. Returns false
   // after `timeout`, which is forever by default. When it has returned, the server may be destroyed
   // already, and it may have other types. Servers that are registered through zorvix.h are not
-  // seen.
+  // seen. Logs a WARN after 1, 10 and 100 seconds.
   //
-  // Without a timeout, it is refused in a drain of the client's own inbox or queue, which could do
-  // nothing else meanwhile: if there is no server, logs an ERROR and returns false.
+  // Without a timeout, it is refused in drains of the client's own inbox, and in the callables of a
+  // queued client, since nothing else could be invoked there meanwhile: if there is no server, logs
+  // an ERROR and returns false.
   // REQUIRES: another thread constructs the server.
   bool WaitForServer(Timeout timeout = Timeout::Forever()) const {
     return state_ != nullptr && detail::WaitForServer(*state_, timeout);

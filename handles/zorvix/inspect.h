@@ -32,7 +32,8 @@ namespace zorvix {
 
 enum class Problem {
   // The handle has no counterpart. The text also names those with a similar name, or with the same
-  // name and another BridgeType. Not reported if endpoints without a handle have this name.
+  // name and another BridgeType. Not reported if endpoints without a handle have this name, and for
+  // a Presence only if there is a similar name and nothing else has its own.
   NoSubscriber,
   NoPublisher,
   NoServer,
@@ -45,10 +46,11 @@ enum class Problem {
   Replaced,   // another server or holder is asked
   Drops,      // the queue was full; not for KeepLast{1}, where that is intended
   Running,    // for a second or longer
+  CallsWait,  // of a client or server: blocking calls have been waiting for a second
   Slow,       // its longest invocation exceeds the limit of a SlowLog
   // Something is pending, but no thread takes it:
   NeverDrained,
-  NotDrained,  // for a second by the bridge's queue, for ten seconds by an inbox
+  NotDrained,  // and has been pending for a second in the bridge's queue, or for ten in an inbox
   NoWorkers,
   InboxDestroyed,
 };
@@ -87,16 +89,20 @@ struct HandleInfo {
   std::size_t depth = 0;    // of KeepLast; the largest number: KeepAll; 0: there is no queue
   std::size_t dropped = 0;
 
-  // The thread that is inside the callable, or that drains the inbox or queue, or was the last to
-  // do so. 0: there was no such thread.
+  // The thread that is inside the callable, for longest if there are several. Of an inbox and of
+  // the queue, the one that drains it or was the last to do so. 0: there is no such thread.
   int thread = 0;
   std::string thread_name;
   // For how long it has been inside the callable: exact if a SlowLog existed when it entered,
-  // otherwise the time since Inspect first saw it there. std::nullopt: it is not inside.
+  // otherwise the time since Inspect first saw it there. std::nullopt: no thread is inside. Of
+  // those that are inside a direct callable, up to four are known.
   std::optional<std::chrono::nanoseconds> running_for;
   std::chrono::nanoseconds longest{0};  // invocation while a SlowLog lived
 
-  std::size_t waiting = 0;  // threads in blocking calls, which wait for the server's answer
+  // Of a client and of a server: threads in blocking calls, which wait for the server's answer, and
+  // for how long the first of them has been waiting.
+  std::size_t waiting = 0;
+  std::optional<std::chrono::nanoseconds> waiting_for;
   // Of an inbox and of the queue, whose drains are seen if they invoke tasks of handles: how long
   // ago the last one was. std::nullopt: there was no drain.
   std::optional<std::chrono::nanoseconds> drained_ago;

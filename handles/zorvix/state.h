@@ -115,7 +115,7 @@ class [[nodiscard]] Watcher {
   }
 
   // Blocks until there is a value, and returns the latest one. Returns null after `timeout`, which
-  // is forever by default, if there is no value yet.
+  // is forever by default, if there is no value yet. Logs a WARN after 1, 10 and 100 seconds.
   // REQUIRES: another thread sets the value.
   std::shared_ptr<const Value> WaitForValue(Timeout timeout = Timeout::Forever()) const {
     if (state_ == nullptr) return nullptr;

@@ -24,7 +24,7 @@
 
 // Names the interface between these headers and the library. A module that was compiled with the
 // headers of another minor version needs another symbol, so the loader refuses to load it.
-extern "C" ZORVIX_EXPORT const int zorvix_handles_5_0;
+extern "C" ZORVIX_EXPORT const int zorvix_handles_5_1;
 
 namespace zorvix {
 
@@ -32,7 +32,7 @@ namespace detail ZORVIX_EXPORT {
 
 // A module that has handles.
 struct Module {
-  const int* interface = &zorvix_handles_5_0;
+  const int* interface = &zorvix_handles_5_1;
   // Written by the library:
   std::atomic<std::uint32_t> load_number{0};  // another one each time that it is loaded
   std::atomic<const char*> name{nullptr};     // its file name, such as "libhud.so"

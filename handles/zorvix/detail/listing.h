@@ -21,7 +21,6 @@ struct Counts {
   std::uint64_t sent = 0;
   std::uint64_t received = 0;
   std::uint64_t rejected = 0;
-  std::size_t counterparts = 0;
 };
 
 class ZORVIX_EXPORT Listing {
