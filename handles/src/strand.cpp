@@ -147,12 +147,14 @@ std::optional<Running> Strand::FindRunning() const {
 void Strand::LookAtPending() {
   const auto now = CoarseNow();
   if (pushes_.looks++ == 0) {
-    pending_since_ = now;
+    // The time at which something was taken is known only if a drain has ended since then.
+    const bool nothing_was_taken = !draining_ && became_pending_at_ >= drained_at_;
+    not_taken_since_ = nothing_was_taken ? became_pending_at_ : now;
     is_late_logged_ = false;
   }
   pushes_.until_look = 1 << std::min(pushes_.looks, 4);
   const std::chrono::seconds patience(IsDrainedByTasks() ? 1 : 10);
-  if (!is_late_logged_ && now - pending_since_ >= patience) is_late_ = true;
+  if (!is_late_logged_ && now - not_taken_since_ >= patience) is_late_ = true;
 }
 
 void Strand::LogLate(const Record& pushed) noexcept {
@@ -164,7 +166,7 @@ void Strand::LogLate(const Record& pushed) noexcept {
       const Lock lock(mutex_);
       if (pushes_.looks == 0 || is_late_logged_) return;
       is_late_logged_ = true;  // meanwhile
-      backlog = {pending_, drainer_, pending_since_, CoarseNow() - pending_since_};
+      backlog = {pending_, drainer_, not_taken_since_, CoarseNow() - not_taken_since_};
       if (invoking_ != nullptr) running.emplace(*invoking_, drainer_);
     }
     const bool is_logged = running ? LogRunning(*running, backlog) : LogUndrained(pushed, backlog);

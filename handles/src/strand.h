@@ -114,7 +114,7 @@ class Strand : public std::enable_shared_from_this<Strand> {
   void SetReady(bool ready) ZORVIX_REQUIRES(mutex_);
   void SetTimer() ZORVIX_REQUIRES(mutex_);
   void ExpireTimeouts() ZORVIX_REQUIRES(mutex_);
-  // At every so many pushes, looks how long something has been pending. No clock is read for most
+  // At every so many pushes, looks how long nothing has been taken. No clock is read for most
   // messages, and no thread or timer is needed.
   void LookAtPending() ZORVIX_REQUIRES(mutex_);
   // To be called under no lock when a look has set `is_late_`. `pushed`: a handle with something
@@ -132,8 +132,8 @@ class Strand : public std::enable_shared_from_this<Strand> {
   Agenda agenda_ ZORVIX_GUARDED_BY(mutex_);
   Turn last_turn_ ZORVIX_GUARDED_BY(mutex_) = 0;
   std::size_t queues_ ZORVIX_GUARDED_BY(mutex_) = 0;
-  std::size_t pending_ ZORVIX_GUARDED_BY(mutex_) = 0;  // of all queues
-  Clock::time_point became_pending_at_ ZORVIX_GUARDED_BY(mutex_);
+  std::size_t pending_ ZORVIX_GUARDED_BY(mutex_) = 0;              // of all queues
+  Clock::time_point became_pending_at_ ZORVIX_GUARDED_BY(mutex_);  // when nothing else was
   bool shut_ ZORVIX_GUARDED_BY(mutex_) = false;
   std::size_t waiting_ ZORVIX_GUARDED_BY(mutex_) = 0;  // threads in Wait
   Condition became_ready_;
@@ -151,8 +151,9 @@ class Strand : public std::enable_shared_from_this<Strand> {
     int looks = 0;
   };
   Pushes pushes_ ZORVIX_GUARDED_BY(mutex_);
-  Clock::time_point pending_since_ ZORVIX_GUARDED_BY(mutex_);  // at the first look
-  bool is_late_logged_ ZORVIX_GUARDED_BY(mutex_) = false;      // since then
+  // As known at the first look: the latest time since which nothing was taken.
+  Clock::time_point not_taken_since_ ZORVIX_GUARDED_BY(mutex_);
+  bool is_late_logged_ ZORVIX_GUARDED_BY(mutex_) = false;  // since then
   std::atomic<bool> is_late_{false};
   Queue* invoking_ ZORVIX_GUARDED_BY(mutex_) = nullptr;
   std::shared_ptr<const void> kept_ ZORVIX_GUARDED_BY(mutex_);  // see Shut

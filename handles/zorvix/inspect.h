@@ -122,7 +122,7 @@ ZORVIX_EXPORT std::ostream& operator<<(std::ostream& out, const std::vector<Hand
 // While an object exists, each invocation of a handle's callable or of a posted task that takes
 // longer than the limit is logged as a WARN when it ends, with kind, name, module and milliseconds,
 // and HandleInfo::longest is kept. If there are several objects, the smallest limit applies.
-// Without an object, no clock is read.
+// Without an object, invocations read no clock.
 class ZORVIX_EXPORT SlowLog {
  public:
   // With a `limit` of zero, or a negative one, each invocation is logged; with Timeout::Forever(),
