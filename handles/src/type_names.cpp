@@ -56,8 +56,11 @@ std::string NameOfType(const std::type_info& type) {
   for (const char* const in : {"std::__cxx11::", "std::__1::", "std::__ndk1::"}) {
     ReplaceAll(name, in, "std::");
   }
-  ReplaceAll(name, "std::basic_string<char, std::char_traits<char>, std::allocator<char> >",
-             "std::string");
+  // Some demanglers write "> >".
+  for (const char* const end : {" >", ">"}) {
+    const std::string characters = "char, std::char_traits<char>, std::allocator<char>";
+    ReplaceAll(name, "std::basic_string<" + characters + end, "std::string");
+  }
   return name;
 }
 
