@@ -1,7 +1,7 @@
 // exit_test: ends while workers run. Their owners are static objects that are constructed before
 // the bridge is first used, and must stop them before the bridge is destroyed. exit_test pending:
 // ends while a message of a queued subscriber is pending, and a thread may be posting its task.
-// exit_test late: destroys a handle after the bridge.
+// exit_test late: destroys two handles after the bridge.
 #include <zorvix/typed.h>
 #include <zorvix/zorvix_flat.h>
 
@@ -32,10 +32,12 @@ static void LeavePending() {
 
 // Constructed before the bridge.
 static std::optional<zorvix::Publisher<int>> late;
+static std::optional<zorvix::Publisher<int>> later;
 
 int main(int count, char** arguments) {
   if (count > 1 && arguments[1] == std::string("late")) {
     late.emplace(zorvix::Topic<int>{"t"});
+    later.emplace(zorvix::Topic<int>{"t"});
   } else if (count > 1) {
     LeavePending();
   } else {
