@@ -59,13 +59,24 @@ TEST_F(Typed, MessageOfAnotherTypeIsLoggedInsteadOfDelivered) {
   const zorvix::Subscriber direct(kTopic, Fail);
   const zorvix::Subscriber with_inbox(kTopic, Fail, inbox);
 
-  zorvix::Publisher(zorvix::Topic<char>{"t"}).Publish('x');
+  const zorvix::Publisher of_that_name(kTopic);
+  const zorvix::Publisher of_that_type(zorvix::Topic<char>{"u"});
+  auto control = MakeControl("t", BridgeModule::Topic, BridgeType::Sync);
+  ZorvixRegisterPublisher(control);
+  const auto publish_and_expect = [&](const std::string& publisher) {
+    ZorvixPublish(control, 'x');
+    EXPECT_EQ(Count(TakeLog(),
+                    "E: error: bad any_cast: the message is a char, the subscriber takes an int, "
+                    "publisher: " +
+                        publisher + ", subscriber: zorvix_test, "),
+              2u);
+  };
 
+  publish_and_expect("without a handle");
+  const zorvix::Publisher publisher(zorvix::Topic<char>{"t"});
+  publish_and_expect("zorvix_test");
+  ZorvixUnregisterPublisher(control);
   EXPECT_EQ(inbox.Drain(), 0u);
-  EXPECT_EQ(Count(TakeLog(),
-                  "E: error: bad any_cast: the message is a char, the subscriber takes an int, "
-                  "publisher: zorvix_test, subscriber: zorvix_test, "),
-            2u);
 }
 
 TEST_F(Typed, OnlyTheFirstSubscriberOfAQueuedTopicGetsAMessage) {
