@@ -31,7 +31,7 @@ struct ServerRegistration;
 class Strand;
 class WaitingReply;
 
-// An invocation of a callable, or the room for one.
+// The invocation of a callable that is in progress, if there is one.
 struct Invocation {
   // A number and the thread that is inside, or 0, as one value.
   std::atomic<std::uint64_t> state{0};
