@@ -248,10 +248,12 @@ TEST_P(SchedulesOf, CallableIsNotInvokedAfterItsHandle) {
 TEST(Schedules, CallableThatDestroysItsHandleWaitsForOtherThreads) {
   Explore([] {
     std::atomic<int> others{0};
+    const zorvix::Subscriber between(kTexts, [](const std::string&) { Publishing(0)(); });
     std::optional<zorvix::Subscriber<int>> subscriber(
         std::in_place, kNumbers, [&, captured = Captured()](int number) {
           if (number == 3) {
-            Publishing(0)();  // nested
+            zorvix::Publisher(kTexts).Publish("");  // nested, with another gate between
+            Expect(Captured::existing == 1, "the outermost invocation keeps the callable");
             captured.Use();
           } else if (number == 0) {
             subscriber.reset();
@@ -259,6 +261,7 @@ TEST(Schedules, CallableThatDestroysItsHandleWaitsForOtherThreads) {
             captured.Use();
           } else {
             ++others;
+            if (number == 1) Publishing(4)();  // nested
             captured.Use();
             --others;
           }
