@@ -179,7 +179,7 @@ struct Registered {
 
  private:
   static Record& Describe(Record& record, const Subscription& subscription) {
-    record.participant = &subscription.participant;
+    if (record.participant == nullptr) record.participant = &subscription.participant;
     return record;
   }
   static Record& Describe(Record& record, const ServerRegistration& server) {

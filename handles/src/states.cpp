@@ -122,8 +122,7 @@ struct HolderState : Record {
  private:
   Record& Describe(const std::type_info& type) {
     message_type = &type;
-    participant = &publisher;
-    own_participants = 2;  // the publisher and its audience
+    participant = &server.participant;
     Record::server = &server;
     return *this;
   }
@@ -134,8 +133,8 @@ struct WatcherState {
   WatcherState(const Endpoint& endpoint, const std::string& state_name,
                std::shared_ptr<WatchQueue> queue, Function push)
       : client(state_name, bridge::BridgeModule::Service, bridge::BridgeType::Sync),
-        receiver(std::move(queue), {state_name, bridge::BridgeType::Sync, endpoint.module},
-                 std::move(push)) {}
+        receiver(Describe(std::move(queue), client),
+                 {state_name, bridge::BridgeType::Sync, endpoint.module}, std::move(push)) {}
   WatchQueue& queue() const { return static_cast<WatchQueue&>(*receiver.closer.receiver); }
 
   // Pushes the holder's version, if there is a holder. One that is constructed later publishes what
@@ -154,6 +153,14 @@ struct WatcherState {
 
   const Participant client;
   const Registered<Subscription> receiver;
+
+ private:
+  // The handles of a state match by the name of its service, which its presences have, too.
+  static std::shared_ptr<WatchQueue> Describe(std::shared_ptr<WatchQueue> queue,
+                                              const Participant& client) {
+    queue->participant = &client;
+    return queue;
+  }
 };
 
 void Destroyer::operator()(HolderState* state) const { delete state; }
