@@ -243,8 +243,12 @@ TEST_F(Inspection, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
       {[&] { return All(zorvix::Watcher(kState)); }, {"state Watcher: no holder"}},
       {[&] { return All(zorvix::Holder(kState)); }, {}},
       // Names: of another case, two edits away, three edits away, short, and similar but right.
-      {[&] { return All(zorvix::Holder(kState), zorvix::Watcher(other_case)); },
-       {"STATE Watcher: no holder; similar name: state (zorvix_test)",
+      {[&] {
+         return All(zorvix::Holder(kState), zorvix::Watcher(other_case),
+                    zorvix::Presence(other_case));
+       },
+       {"STATE Presence: no holder; similar name: state (zorvix_test)",
+        "STATE Watcher: no holder; similar name: state (zorvix_test)",
         "state Holder: no watcher; similar name: STATE (zorvix_test)"}},
       {[&] {
          return All(zorvix::Publisher(similar("distance")), Ints(similar("distance_2"), ignore));
@@ -260,9 +264,12 @@ TEST_F(Inspection, InspectSaysWhatIsWrongAndClaimsNothingThatItCannotKnow) {
       {[&] {
          return All(zorvix::Publisher(similar("left")), Ints(similar("left"), ignore),
                     zorvix::Publisher(similar("leg"), kOptional), zorvix::Presence(similar("leg")),
-                    zorvix::Presence(similar("let")));
+                    zorvix::Presence(similar("let")), Ints(similar("lift"), ignore),
+                    zorvix::Publisher(similar("loft")));
        },
-       {"let Presence: no subscriber; similar name: left (zorvix_test)"}},
+       {"let Presence: no subscriber; similar name: lift (zorvix_test)",
+        "lift Subscriber: no publisher; similar name: loft (zorvix_test)",
+        "loft Publisher: no subscriber; similar name: lift (zorvix_test)"}},
       {[&] { return All(zorvix::Publisher(kTopic), zorvix::Subscriber(async, ignore)); },
        {"t Publisher: other kind: zorvix_test is Async; no subscriber",
         "t Subscriber: other kind: zorvix_test is Sync; no publisher"}},
@@ -339,15 +346,19 @@ TEST_F(Inspection, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
   const zorvix::Topic<int> other_topic{"u"};
   const zorvix::Topic<int> idle_topic{"idle"};
   std::atomic<int> caller{0};
+  std::atomic<int> asker{0};
   std::atomic<bool> is_over{false};
   std::atomic<bool> has_second{false};
+  std::atomic<bool> may_leave{false};
   const auto wait = [&](int number) {
     if (number == 0) return 0;
     if (number == 2) has_second = true;
-    EXPECT_TRUE(ComesTrue([&] { return number == 1 ? has_second.load() : is_over.load(); }));
+    EXPECT_TRUE(ComesTrue([&] { return number == 1 ? may_leave.load() : is_over.load(); }));
     return 0;
   };
   const IntServer server(queued_service, wait, Delivery::Queued);
+  std::optional<zorvix::Reply<int>> kept;
+  const IntServer keeps(kService, [&](int, zorvix::Reply<int> reply) { kept = std::move(reply); });
   const Ints direct(kTopic, wait);
   const zorvix::Publisher publisher(other_topic);
   const zorvix::Publisher idle_publisher(idle_topic);
@@ -371,6 +382,12 @@ TEST_F(Inspection, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
   const auto wait_until_inside = [&](const std::string& which) {
     EXPECT_TRUE(ComesTrue([&] { return find(which).thread != 0; })) << which;
   };
+  const auto call = [&](auto& thread, const char* name, const auto& service) {
+    return on_thread(name, [&] {
+      thread = gettid();
+      IntClient(service).Call(3);
+    });
+  };
   std::thread first = on_thread("first", [] { zorvix::Publisher(kTopic).Publish(1); });
   wait_until_inside(both[1]);
   std::thread second = on_thread("publisher", [] {
@@ -380,14 +397,14 @@ TEST_F(Inspection, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
     }
     zorvix::Publisher(kTopic).Publish(2);
   });
+  EXPECT_TRUE(ComesTrue([&] { return has_second.load(); }));
+  EXPECT_EQ(find(both[1]).thread_name, "first") << "it has been inside for longer";
+  may_leave = true;
   first.join();
   std::thread threads[] = {
       std::move(second),
-      on_thread("caller",
-                [&] {
-                  caller = gettid();
-                  IntClient(queued_service).Call(3);
-                }),
+      call(asker, "asker", kService),
+      call(caller, "caller", queued_service),
       on_thread("drainer",
                 [&] {
                   while (!is_over) ZorvixSpinOnce();
@@ -409,15 +426,19 @@ TEST_F(Inspection, InspectShowsWhichThreadIsInsideACallableAndForHowLong) {
   const auto running = [&](const std::string& which) {
     return "running for at least 1 s on thread " + std::to_string(find(which).thread);
   };
-  const std::string waiting =
-      "calls that wait: 1, for 1 s on thread " + std::to_string(caller) + " (caller)";
+  const auto waiting = [](int thread, const std::string& name) {
+    return "calls that wait: 1, for 1 s on thread " + std::to_string(thread) + " (" + name + ")";
+  };
   EXPECT_EQ(Findings(),
-            (Lines{"queued Queue: not drained for 1 s", "queued service Client: " + waiting,
+            (Lines{"queued Queue: not drained for 1 s",
+                   "queued service Client: " + waiting(caller, "caller"),
                    "queued service Server: replaced by zorvix_test; " + running(both[0]) +
-                       " (drainer); " + waiting,
+                       " (drainer); " + waiting(caller, "caller"),
+                   "s Client: " + waiting(asker, "asker"), "s Server: " + waiting(asker, "asker"),
                    "t Subscriber: " + running(both[1]) + " (publisher)",
                    "u Subscriber: not drained for 1 s"}));
   is_over = true;
+  (*kept)(1);
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(find(both[1]).thread, 0);
 }
@@ -532,6 +553,8 @@ TEST_F(Inspection, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
     call(in_own);
   });
   auto wait = InBackground([&] { lonely.WaitForServer(milliseconds(10500)); });
+  auto wait_for_value = InBackground(
+      [] { zorvix::Watcher(zorvix::State<int>{"unset"}).WaitForValue(milliseconds(10500)); });
   const IntServer later(kService, answer);
   zorvix::Publisher(kTopic).Publish(1);
 
@@ -551,17 +574,19 @@ TEST_F(Inspection, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
                                  "zorvix_test, pending in an inbox that no thread drains, inbox: "
                                  "own, last drained by this thread",
                                  "a client waits for a server, name: nobody, module: zorvix_test, "
+                                 "for ",
+                                 "a watcher waits for a value, name: unset, module: zorvix_test, "
                                  "for "}) {
     EXPECT_EQ(Count(log, line), 2u) << line;
   }
   EXPECT_EQ(Count(log, " (blocked), for 1 s"), 2u);
   EXPECT_EQ(Count(log, " (blocked), for 10 s"), 2u);
   EXPECT_EQ(Count(log, "while a task is inside a callable, kind: Subscriber, name: in task, "), 1u);
-  EXPECT_EQ(Count(log, ", for 10 s"), 7u);
+  EXPECT_EQ(Count(log, ", for 10 s"), 8u);
   EXPECT_EQ(Count(log, "no thread drains an inbox, inbox: own, kind: Watcher, name: state, "), 1u);
   EXPECT_EQ(Count(log, "messages are pending while a callable runs, kind: Server, name: s, "), 1u);
   EXPECT_EQ(Count(log, "replaces another"), 1u);
-  EXPECT_EQ(Count(log, "W("), 12u) << "nothing about the inboxes that are always behind or empty";
+  EXPECT_EQ(Count(log, "W("), 14u) << "nothing about the inboxes that are always behind or empty";
 }
 
 // Has each kind of callable invoked once: directly, from an inbox and from the bridge's queue.

@@ -71,6 +71,11 @@ TEST_F(Presences, PresenceSeesEveryHandleOfItsKindAndNameAndNoOther) {
       for (const auto& other : rows) {
         if (&other != &row) other.add();
       }
+      for (const auto& handle : zorvix::Inspect()) {
+        if (handle.kind == "Presence") {
+          EXPECT_EQ(handle.counterparts, 2u);
+        }
+      }
     }
     early.reset();
 
