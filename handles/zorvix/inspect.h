@@ -33,7 +33,7 @@ namespace zorvix {
 enum class Problem {
   // The handle has no counterpart. The text also names those with a similar name, or with the same
   // name and another BridgeType. Not reported if endpoints without a handle have this name, and for
-  // a Presence only if there is a similar name and nothing else has its own.
+  // a Presence only if there is a similar name.
   NoSubscriber,
   NoPublisher,
   NoServer,
