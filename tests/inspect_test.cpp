@@ -540,14 +540,25 @@ TEST_F(Inspection, WhatDoesNotGoOnIsLoggedAfterOneAndTenSecondsWithItsReason) {
   const Ints queued(kTopic, ignore, Delivery::Queued, KeepLast{1});
   const zorvix::Workers worker(1);
   const zorvix::InboxThread thread(busy);
-  std::optional direct(Ints(blocking, block));
+  std::optional<Ints> direct;
+  direct.emplace(blocking, [&](int number) {
+    if (number == 1) block(number);
+    if (number == 2) direct.reset();  // inside its own callable
+  });
   const auto call = [](auto& service) { IntClient(service).Call(1, milliseconds(10500)); };
   HoldLog("held");
   zorvix::Publisher(in_task).Publish(1);
+  std::atomic<bool> has_published{false};
+  auto destroy = InBackground([&] {
+    zorvix::Publisher(blocking).Publish(0);
+    has_published = true;
+    WaitForLog("held", 3);
+    zorvix::Publisher(blocking).Publish(2);
+  });
+  EXPECT_TRUE(ComesTrue([&] { return has_published.load(); }));
   auto publish = InBackground([&] { zorvix::Publisher(blocking).Publish(1); });
   auto call_busy = InBackground([&] { call(kService); });
   WaitForLog("held", 3);
-  auto destroy = InBackground([&] { direct.reset(); });
   auto call_own = InBackground([&] {
     own.Drain();
     call(in_own);
