@@ -20,9 +20,9 @@ struct Row {
   HandleInfo info;
   std::size_t position = 0;  // in the order of construction
   const Record* record = nullptr;
-  const Record* adopter = nullptr;  // the record of the row that shows this one
-  const char* counted_kind = nullptr;
-  Name name = nullptr;  // its address is the same for all handles that can match
+  const Record* adopter = nullptr;     // the record of the row that shows this one
+  const char* counted_kind = nullptr;  // as in Record
+  Name name = nullptr;                 // its address is the same for all handles that can match
   bridge::BridgeType bridge_type = bridge::BridgeType::Sync;
   const Strand* strand = nullptr;
   bool is_queued = false;  // drained by the bridge's queue, or that queue itself

@@ -8,7 +8,6 @@
 #include "match_queue.h"
 
 namespace zorvix::detail {
-
 namespace {
 
 const char* KindOf(Counterparts counterparts) {

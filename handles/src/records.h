@@ -106,7 +106,7 @@ struct Record {
 
   // What invokes the callable.
   enum class Invoker {
-    kDelivery,  // whoever publishes or calls
+    kDelivery,  // the thread that publishes or calls
     kTask,      // a task of the bridge's queue
     kDrain,     // a drain that is no task, such as that of an inbox
   };
@@ -142,8 +142,8 @@ struct Receiver : Record {
       : Record(its_kind, its_name, its_module), code_(its_module) {
     has_callable = true;
   }
-  // To be called while code of the module throws an exception that cannot be copied: whoever
-  // catches it destroys it, which may be code of the module, too.
+  // To be called while code of the module throws an exception that cannot be copied: the
+  // code that catches it destroys it, which may be code of the module, too.
   void KeepLoadedForException() const {
     KeepLoaded(code_, "it has thrown what is no std::exception", name);
   }

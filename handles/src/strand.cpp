@@ -147,9 +147,9 @@ std::optional<Running> Strand::FindRunning() const {
 void Strand::LookAtPending() {
   const auto now = CoarseNow();
   if (pushes_.looks++ == 0) {
-    // The time at which something was taken is known only if a drain has ended since then.
-    const bool nothing_was_taken = !draining_ && became_pending_at_ >= drained_at_;
-    not_taken_since_ = nothing_was_taken ? became_pending_at_ : now;
+    // When a drain has taken something is not known exactly: then the time counts from now.
+    const bool has_been_drained = draining_ || drained_at_ > became_pending_at_;
+    not_taken_since_ = has_been_drained ? now : became_pending_at_;
     is_late_logged_ = false;
   }
   pushes_.until_look = 1 << std::min(pushes_.looks, 4);

@@ -151,7 +151,7 @@ class Strand : public std::enable_shared_from_this<Strand> {
     int looks = 0;
   };
   Pushes pushes_ ZORVIX_GUARDED_BY(mutex_);
-  // As known at the first look: the latest time since which nothing was taken.
+  // Since when nothing has been taken, as far as the first look knew.
   Clock::time_point not_taken_since_ ZORVIX_GUARDED_BY(mutex_);
   bool is_late_logged_ ZORVIX_GUARDED_BY(mutex_) = false;  // since then
   std::atomic<bool> is_late_{false};

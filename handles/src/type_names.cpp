@@ -57,10 +57,9 @@ std::string NameOfType(const std::type_info& type) {
     ReplaceAll(name, in, "std::");
   }
   // Some demanglers write "> >".
-  for (const char* const end : {" >", ">"}) {
-    const std::string characters = "char, std::char_traits<char>, std::allocator<char>";
-    ReplaceAll(name, "std::basic_string<" + characters + end, "std::string");
-  }
+  const std::string string = "std::basic_string<char, std::char_traits<char>, std::allocator<char>";
+  ReplaceAll(name, string + " >", "std::string");
+  ReplaceAll(name, string + ">", "std::string");
   return name;
 }
 

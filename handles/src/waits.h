@@ -54,7 +54,8 @@ std::vector<Running> RunningInTasks();
 // Returns such as ", thread: 4711 (decoder)", or nothing for 0, or without memory.
 std::string ThreadPart(int thread) noexcept;
 
-// Log one WARN. `thread`: the one that is inside the callable, or 0 if that is not known.
+// Log one WARN. `thread`: the one that is inside the callable, or 0 if that is not known. `what`:
+// such as "a client waits for a server".
 void LogWaitingDestructor(const Record& record, int thread, int seconds) noexcept;
 void LogWaiting(const char* what, const Record& record, int seconds) noexcept;
 void LogWaitingCall(const WaitingReply& call, int seconds, Clock::time_point start) noexcept;
